@@ -1,0 +1,33 @@
+#!/usr/bin/env bash
+# Builds and runs every test: the whole suite in the default build, then the suites that
+# exercise threads and the shared object under AddressSanitizer+UBSan and ThreadSanitizer.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+bash scripts/install-deps.sh
+
+cmake --preset default
+cmake --build --preset default
+ctest --preset default
+
+# Sanitizer runs: the suites named in SANITIZED_SUITES (those that exist).
+SANITIZED_SUITES=(runtime_tests module_tests oidmap_tests msglog_tests platform_tests e2e_tests)
+for preset in asan tsan; do
+  cmake --preset "$preset" >/dev/null
+  targets=()
+  for t in "${SANITIZED_SUITES[@]}"; do
+    if cmake --build --preset "$preset" --target help | grep -q "^\.\.\. $t\$"; then
+      targets+=("$t")
+    fi
+  done
+  [ ${#targets[@]} -eq 0 ] && continue
+  cmake --build --preset "$preset" --target "${targets[@]}"
+  for t in "${targets[@]}"; do
+    exe=$(find "build/$preset/tests" -type f -name "$t" -perm -u+x | head -n 1)
+    echo "== $preset: $t"
+    TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
+    ASAN_OPTIONS="detect_leaks=1:abort_on_error=1" \
+    UBSAN_OPTIONS="print_stacktrace=1:halt_on_error=1" \
+      "$exe" --gtest_brief=1
+  done
+done
+echo "all test suites passed"
