@@ -5,14 +5,23 @@
 //
 // Every trace site tests IsTraceActive() before building arguments: use EM_TRACE.
 //
-// Thread safety: no lock, as the agent's trace clients never had one; the configuration
-// values are whole 32-bit words and a concurrent re-read at worst reads a file twice.
+// Thread safety: Trace, Print, the accessors and SetTraceLevel may be called from any
+// thread at any time. The configuration values are atomic words (relaxed: each is
+// independent, a reader may see an old level for one line), and the re-read of changed
+// files runs on whichever thread traces, guarded by a try-lock: a thread that finds a
+// re-read already in progress skips it instead of waiting. Initialise and Reconfigure
+// take the same lock and wait for it.
 #ifndef EM_MODULE_DEBUGCLIENT_H
 #define EM_MODULE_DEBUGCLIENT_H
 
+#include <sys/types.h>
+
+#include <atomic>
 #include <cstdint>
 #include <ctime>
+#include <forward_list>
 #include <functional>
+#include <mutex>
 #include <string>
 
 class CIDebugSink;
@@ -21,6 +30,10 @@ class CIDebugSink;
 constexpr const char* kTraceConfigDir =
     "/opt/VelnorHCP/vital/etc/velnor/HalvoranSuite/TraceConfig";
 constexpr const char* kGlobalTraceFile = "global_trace.ini";
+constexpr const char* kGlobalTraceSection = "GlobalDebugSettings";
+constexpr const char* kTraceModuleName = "EM_OIDMAP";
+// "FileDebugLevel" was never read.
+constexpr uint32_t kTraceLevelNotSet = 0xFFFFFFFFu;
 
 // The configuration state: levels, flags, sections and dynamic-update bookkeeping.
 class CDebugTraceConfig {
@@ -28,13 +41,86 @@ class CDebugTraceConfig {
   // Seconds on a monotonic-enough clock; injectable so tests need not wait.
   using Clock = std::function<time_t()>;
   virtual ~CDebugTraceConfig() = default;
-  // ... members and helpers of the configuration (see DebugClient.cpp)
+
+  CDebugTraceConfig(const CDebugTraceConfig&) = delete;
+  CDebugTraceConfig& operator=(const CDebugTraceConfig&) = delete;
+
+  bool IsTraceActive() const { return trace_active_.load(std::memory_order_relaxed); }
+  uint32_t Level() const { return level_.load(std::memory_order_relaxed); }
+  // The level as decided by the last start-up (or the last re-read of the module file).
+  uint32_t StartLevel() const { return start_level_.load(std::memory_order_relaxed); }
+  // "FileDebugLevel" as read; kTraceLevelNotSet when no file gave one.
+  uint32_t FileLevel() const { return file_level_.load(std::memory_order_relaxed); }
+  uint32_t TraceFlags() const { return flags_.load(std::memory_order_relaxed); }
+  uint32_t MemoryTracesFlag() const { return memory_flag_.load(std::memory_order_relaxed); }
+  // "DynamicUpdate" as configured (0xFFFFFFFF when never read) and the interval in
+  // effect after the environment override; 0 means no dynamic update.
+  uint32_t ConfiguredUpdateInterval() const {
+    return configured_interval_.load(std::memory_order_relaxed);
+  }
+  uint32_t UpdateInterval() const { return interval_.load(std::memory_order_relaxed); }
+  // Module tag passed to the sink with every line. Stays valid for the client's life.
+  const char* ModuleTag() const { return tag_.load(std::memory_order_acquire); }
+
+ protected:
+  // A configuration section together with the file it came from, as last seen.
+  struct Section {
+    bool present = false;
+    std::string path;
+    struct timespec mtime = {0, 0};
+    off_t size = 0;
+    std::string text;
+  };
+
+  CDebugTraceConfig(const char* moduleName, std::string configDir, Clock clock);
+
+  // Resets everything and reads the configuration of the current module from the
+  // current directory.
+  void StartUp();
+  // Replaces directory and clock (nullptr: the default clock), then StartUp().
+  void Reset(const std::string& configDir, Clock clock);
+  // Replaces the module name (tag and section name), then StartUp().
+  void Rename(const char* moduleName);
+  // Re-reads changed files when the interval in effect has passed since the last check.
+  void UpdateIfDue();
+
+  std::atomic<bool> trace_active_{false};
+  std::atomic<uint32_t> level_{0};
+
+ private:
+  void StartUpLocked();
+  void SetModuleNameLocked(const char* moduleName);
+  void SetClockLocked(Clock clock);
+  void RereadLocked();
+  // Reads section `name` of `path` into `out` (file, modification time, size, text).
+  // Returns whether the section is there.
+  static bool ReadSection(const std::string& path, const std::string& name, Section* out);
+
+  std::atomic<uint32_t> start_level_{0};
+  std::atomic<uint32_t> file_level_{kTraceLevelNotSet};
+  std::atomic<uint32_t> flags_{0};
+  std::atomic<uint32_t> memory_flag_{0};
+  std::atomic<uint32_t> configured_interval_{kTraceLevelNotSet};
+  std::atomic<uint32_t> interval_{0};
+  std::atomic<time_t> last_check_{0};
+  // Tags and clocks are read without the lock, so a replaced one is kept alive (not
+  // freed) until the client dies; they change only by Initialise/Reconfigure.
+  std::atomic<const char*> tag_{""};
+  std::atomic<const Clock*> clock_{nullptr};
+
+  std::mutex mutex_;  // guards everything below
+  std::string dir_;
+  std::string module_name_;
+  std::forward_list<std::string> tags_;
+  std::forward_list<Clock> clocks_;
+  Section global_;
+  Section module_;
 };
 
 class CDebugClient : public CDebugTraceConfig {
  public:
   // Reads the configuration of `moduleName` from `configDir` at once (start-up).
-  explicit CDebugClient(const char* moduleName = "EM_OIDMAP",
+  explicit CDebugClient(const char* moduleName = kTraceModuleName,
                         std::string configDir = kTraceConfigDir, Clock clock = nullptr);
   ~CDebugClient() override;                                           // slots 1, 2
   virtual uint32_t Query() { return 0; }                              // slot 3
@@ -50,22 +136,21 @@ class CDebugClient : public CDebugTraceConfig {
   virtual void Print(uintptr_t extra, const char* format, ...)        // slot 7
       __attribute__((format(printf, 3, 4)));
 
-  bool IsTraceActive() const { return trace_active_; }
-  uint32_t Level() const { return level_; }
   // For tools and tests: sets the level (and the trace-active flag) directly.
   void SetTraceLevel(uint32_t level);
-  // For tools and tests: reads the configuration again from another directory.
+  // For tools and tests: reads the configuration again from another directory, with
+  // another clock (nullptr: the default clock).
   void Reconfigure(const std::string& configDir, Clock clock = nullptr);
-  // The cached sink, found on demand; nullptr when the host has none ready.
+  // The cached sink, found on demand; nullptr when the host has none ready. Once a
+  // ready sink is found it is kept for the client's life.
   CIDebugSink* Sink();
 
  private:
-  // (implementation members: see DebugClient.cpp)
-  volatile bool trace_active_ = false;
-  volatile uint32_t level_ = 0;
+  std::atomic<CIDebugSink*> sink_{nullptr};
 };
 
-// The process-wide trace client, constructed when the module is loaded.
+// The process-wide trace client, constructed when the module is loaded (or at first
+// use, whichever comes first), with the default directory.
 CDebugClient& TraceClient();
 
 // Guarded trace: the arguments are evaluated only when tracing is active.
