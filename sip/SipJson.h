@@ -69,7 +69,9 @@ class SipJson {
   // Number of elements of "CMD"; 0 when the envelope is not valid.
   uint32_t CommandCount() const;
   // The command at the current index, for building. Appends empty objects to "CMD" until
-  // the index exists (creating "SIP"/"CMD" when missing). REQUIRES: index >= 0.
+  // the index exists (creating "SIP"/"CMD" when missing). REQUIRES: index >= 0. With a
+  // negative index, an index above kMaxCommandIndex, or an envelope member of the wrong
+  // type it returns a scratch null value that is not part of the document.
   Value& CurrentCommand();
   // The command object at index, or nullptr when the path does not resolve to an object.
   const Value* Command(int32_t index) const;
@@ -88,7 +90,9 @@ class SipJson {
   // raw bytes -> little-endian value of the first (up to four) bytes. Returns false,
   // with `value` untouched, when the data has another form.
   bool GetDataValue(int32_t index, uint32_t& value) const;
-  // Data length in bytes by form (every integer counts 8, a JSON struct 0).
+  // Data length in bytes by form (every integer counts 8, a JSON struct 0). In a number
+  // list, a negative or floating element counts 8 and a non-number 0; in a multi-string,
+  // non-string elements count nothing.
   uint32_t GetDataLength(int32_t index) const;
   // Text of a raw-bytes payload from `start` (cut at the first NUL) or of a text payload
   // (only with start 0). A missing or null "DA" gives "" and true. Other forms: false,
@@ -97,7 +101,8 @@ class SipJson {
   // The data as bytes (raw bytes, multi-string, text, unsigned integer). False with an
   // empty vector for booleans, negative or floating numbers, null and JSON structs.
   bool GetDataBytes(int32_t index, std::vector<uint8_t>& out) const;
-  // The strings of a multi-string payload; false when the data is not one.
+  // The strings of a multi-string payload (elements that are not strings are skipped);
+  // false when the data is not one. `out` is emptied first in both cases.
   bool GetDataStrings(int32_t index, std::vector<std::string>& out) const;
   // The form of "DA" of the command at index (kNone when the command is missing).
   SipDataForm GetDataForm(int32_t index) const;
@@ -145,16 +150,39 @@ class SipJson {
 
   // Statuses that carry data: 0, 12, 21, 255.
   static bool IsDataBearingStatus(uint32_t status);
-  // Converts a status or opcode given as text: "0x.." hex, "0.." octal, else decimal;
-  // parsing stops at the first invalid character.
+  // Converts a status or opcode given as text: "0x.." hex (three or more characters),
+  // "0.." octal from the second character, else decimal; no sign or blanks. Parsing stops
+  // at the first invalid character; a value beyond 32 bits saturates at 0xFFFFFFFF.
+  // A null `text` gives 0.
   static uint32_t ParseLenientNumber(const char* text);
 
+  // Parse rejects documents nested deeper than this (objects and arrays), so that copying,
+  // serialising and destroying a hostile message cannot exhaust the stack.
+  static constexpr unsigned kMaxParseDepth = 256;
+  // CurrentCommand() does not extend "CMD" beyond this index (it returns a scratch null
+  // value instead, on which builders do nothing), so a wild index cannot exhaust memory.
+  static constexpr int32_t kMaxCommandIndex = 65535;
+
  private:
+  // The member `key` of the command at `index`, or the shared null value when any step of
+  // the path is missing or of the wrong type.
   const Value& Member(int32_t index, const char* key) const;
+  // The "CMD" array, or nullptr when the envelope is not valid.
+  const Value* CommandArray() const;
+  // The "CMD" array for building: creates the envelope on a null root and "CMD" in an
+  // envelope without it. nullptr when something of the wrong type is in the way.
+  Value* CommandArrayForBuilding();
+  // Replaces the document with {"SIP": {"V": 1, "CMD": []}}.
   void BuildEnvelope();
+  // The current command if it is an object (without extending "CMD"), else nullptr.
+  Value* ExistingCurrentObject();
+  // Sets (replacing or adding) a member of an object of this document.
+  void SetMember(Value& object, const char* key, Value&& value);
 
   Document doc_;
   int32_t current_ = 0;
+  // Returned by CurrentCommand() when no command can be built; reset to null on each use.
+  Value scratch_;
 };
 
 #endif  // EM_SIP_SIPJSON_H

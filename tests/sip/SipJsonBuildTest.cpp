@@ -1,0 +1,173 @@
+// Builders, key removal, the host API (Parse/Serialize) and copies.
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "sip/SipJson.h"
+#include "tests/sip/SipJsonTestUtil.h"
+
+namespace {
+
+TEST(SipJsonBuild, EnvelopeAndHeaderMemberOrder) {
+  EXPECT_EQ(SipJson().Serialize(), R"({"SIP":{"V":1,"CMD":[]}})");
+  EXPECT_EQ(SipJson(0x310, 2, 3, 0).Serialize(),
+            R"({"SIP":{"V":1,"CMD":[{"OC":784,"OE":2,"OI":3,"CA":0}]}})");
+  SipJson msg(5, 0, 0, 4);
+  EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":5,"CA":4}]}})");
+  msg.SetStatus(1);
+  msg.SetCommandHeader(6, 0, 9, 1);  // starts from an empty command again
+  EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":6,"OI":9,"CA":1}]}})");
+}
+
+TEST(SipJsonBuild, RemovalMovesTheLastMemberIntoThePlace) {
+  SipJson msg(1, 2, 3, 4);
+  msg.SetModuleId(0x10002);
+  msg.SetKey("CI", 8, true);
+  msg.SetModuleId(0);
+  EXPECT_FALSE(msg.HasKey(0, "MI"));
+  EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":1,"OE":2,"OI":3,"CA":4,"CI":8}]}})");
+  EXPECT_TRUE(msg.SetKey("OE", 0, true));
+  EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":1,"CI":8,"OI":3,"CA":4}]}})");
+  EXPECT_TRUE(msg.SetKey("OI", 0, false));  // without the flag, 0 is written
+  EXPECT_EQ(msg.GetKey(0, "OI", 5), 0u);
+  EXPECT_FALSE(msg.RemoveKey("XX"));
+  EXPECT_TRUE(msg.RemoveKey("CI"));
+  EXPECT_FALSE(msg.HasKey(0, "CI"));
+}
+
+TEST(SipJsonBuild, DataSettersReplacePreviousDataAndSetStatus) {
+  SipJson msg(1, 0, 0, 0);
+  msg.SetRawData({0x01, 0x02}, 0x15);
+  uint32_t value = 0;
+  ASSERT_TRUE(msg.GetDataValue(0, value));
+  EXPECT_EQ(value, 0x0201u);
+  EXPECT_EQ(msg.GetDataLength(0), 2u);
+  EXPECT_EQ(msg.GetStatus(0), 0x15u);
+
+  msg.SetRawData({}, 0x0C);
+  EXPECT_FALSE(msg.HasKey(0, "DA"));
+  EXPECT_EQ(msg.GetStatus(0), 0x0Cu);
+
+  msg.SetDataValue(0x80000000u, 0);  // written unsigned: not an int32 any more
+  EXPECT_FALSE(msg.GetDataValue(0, value));
+  msg.SetDataValue(77, 0);
+  ASSERT_TRUE(msg.GetDataValue(0, value));
+  EXPECT_EQ(value, 77u);
+
+  msg.SetDataStrings({"AB", "C"}, 0);
+  EXPECT_EQ(msg.GetDataLength(0), 6u);
+  msg.SetDataString(std::string("a\0b", 3), 0xFF);
+  std::string text;
+  ASSERT_TRUE(msg.GetDataString(0, text));
+  EXPECT_EQ(text, std::string("a\0b", 3));
+  EXPECT_EQ(msg.GetStatus(0), 0xFFu);
+  EXPECT_EQ(msg.Command(0)->MemberCount(), 4u);  // OC, CA, DA, ST: no duplicates
+}
+
+TEST(SipJsonBuild, CurrentCommandExtendsOrRefuses) {
+  SipJson msg(1, 0, 0, 0);
+  msg.SetCurrentIndex(3);
+  msg.SetStatus(0);
+  EXPECT_EQ(msg.CommandCount(), 4u);
+  EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":1,"CA":0},{},{},{"ST":0}]}})");
+
+  const std::string before = msg.Serialize();
+  for (int32_t index : {-1, SipJson::kMaxCommandIndex + 1}) {
+    msg.SetCurrentIndex(index);
+    EXPECT_TRUE(msg.CurrentCommand().IsNull());
+    msg.SetCommandHeader(1, 2, 3, 4);
+    msg.SetStatus(5);
+    EXPECT_EQ(msg.Serialize(), before);
+  }
+
+  SipJson notObject = FromText(R"({"SIP":{"CMD":[5]}})");
+  notObject.SetStatus(0);
+  notObject.SetRawData({1}, 0);
+  EXPECT_FALSE(notObject.SetKey("ST", 1, false));
+  EXPECT_EQ(notObject.Serialize(), R"({"SIP":{"CMD":[5]}})");
+
+  SipJson noCmd = FromText(R"({"SIP":{"V":2}})");
+  noCmd.SetStatus(3);
+  EXPECT_EQ(noCmd.Serialize(), R"({"SIP":{"V":2,"CMD":[{"ST":3}]}})");
+}
+
+TEST(SipJsonBuild, AppendCommandCopiesFromAnotherMessage) {
+  SipJson source = FromText(R"({"SIP":{"CMD":[{"OC":7,"DA":{"RAW":[1]},"X":"long text"}]}})");
+  SipJson target;
+  EXPECT_EQ(target.AppendCommand(*source.Command(0)), 0);
+  EXPECT_EQ(target.AppendCommand(*source.Command(0)), 1);
+  source = SipJson();
+  EXPECT_EQ(target.GetOpcode(1), 7u);
+  EXPECT_EQ(target.GetDataLength(1), 1u);
+  EXPECT_EQ(target.Serialize(),
+            R"({"SIP":{"V":1,"CMD":[{"OC":7,"DA":{"RAW":[1]},"X":"long text"},)"
+            R"({"OC":7,"DA":{"RAW":[1]},"X":"long text"}]}})");
+}
+
+TEST(SipJsonHostApi, ParseSerializeRoundTrip) {
+  const std::string text =
+      R"({"SIP":{"V":1,"CMD":[{"OC":1,"ST":255,"DA":{"a":[1,-2,3.5,"\u0001",null]}}]}})";
+  SipJson msg;
+  msg.SetCurrentIndex(4);
+  ASSERT_TRUE(msg.Parse(text));
+  EXPECT_EQ(msg.CurrentIndex(), 0);
+  EXPECT_EQ(msg.Serialize(), text);
+  SipJson again = FromText(msg.Serialize());
+  EXPECT_EQ(again.Serialize(), text);
+}
+
+TEST(SipJsonHostApi, ParseRejectsToAnEmptyMessage) {
+  auto nested = [](unsigned depth) {
+    return "{\"a\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
+  };
+  const std::string rejected[] = {"",    "[1]",     "5",        "\"x\"",
+                                  "{",   "{} x",    "{\"a\":1,}", std::string("{}\0{", 4),
+                                  nested(SipJson::kMaxParseDepth + 1), nested(100000)};
+  for (const std::string& text : rejected) {
+    SipJson msg(1, 2, 3, 4);
+    msg.SetCurrentIndex(2);
+    EXPECT_FALSE(msg.Parse(text)) << text.substr(0, 20);
+    EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[]}})");
+    EXPECT_EQ(msg.CurrentIndex(), 0);
+  }
+  SipJson msg;
+  EXPECT_TRUE(msg.Parse(nested(SipJson::kMaxParseDepth)));
+  EXPECT_EQ(SipJson(msg).Serialize(), nested(SipJson::kMaxParseDepth));
+}
+
+TEST(SipJsonCopies, CopiesAreIndependentAndMovedFromIsUsable) {
+  SipJson original(1, 0, 0, 0);
+  original.SetRawData({1, 2, 3}, 0);
+  original.SetCurrentIndex(0);
+
+  SipJson copy(original);
+  SipJson assigned;
+  assigned = original;
+  original.SetRawData({9}, 1);
+  original.SetModuleId(5);
+  for (const SipJson* m : {&copy, &assigned}) {
+    EXPECT_EQ(m->GetDataLength(0), 3u);
+    EXPECT_EQ(m->GetStatus(0), 0u);
+    EXPECT_FALSE(m->HasKey(0, "MI"));
+  }
+  copy.SetStatus(7);
+  EXPECT_EQ(assigned.GetStatus(0), 0u);
+  EXPECT_EQ(original.GetStatus(0), 1u);
+
+  original.SetCurrentIndex(2);
+  SipJson moved(std::move(original));
+  EXPECT_EQ(moved.CurrentIndex(), 2);
+  EXPECT_EQ(moved.GetKey(0, "MI"), 5u);
+  EXPECT_EQ(original.CommandCount(), 0u);  // NOLINT(bugprone-use-after-move)
+  original.SetStatus(4);
+  EXPECT_EQ(original.Serialize(), R"({"SIP":{"V":1,"CMD":[{"ST":4}]}})");
+
+  copy = std::move(moved);
+  EXPECT_EQ(copy.GetKey(0, "MI"), 5u);
+  EXPECT_EQ(copy.CurrentIndex(), 2);
+}
+
+}  // namespace
