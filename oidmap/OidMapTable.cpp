@@ -1,0 +1,287 @@
+#include "oidmap/OidMapTable.h"
+
+#include "module/DebugClient.h"
+#include "oidmap/CountOpcodeTable.h"
+#include "oidmap/Opcodes.h"
+#include "sip/SipStatus.h"
+
+namespace {
+
+// Table entries start with room for this many OID entries.
+constexpr size_t kInitialOidCapacity = 16;
+
+// Old-style log record layout: 4-byte header, object id at offset 10 of a record of at
+// least 12 bytes.
+constexpr size_t kLogHeaderBytes = 4;
+constexpr size_t kLogShortRecordBytes = 12;
+constexpr size_t kLogOidOffset = 10;
+// Entity code whose records carry inline text, never an object id.
+constexpr uint32_t kLogInlineTextEntity = 63;
+
+uint64_t OcCaKey(uint32_t oc, uint32_t ca) { return (static_cast<uint64_t>(oc) << 32) | ca; }
+
+uint32_t MidHigh(uint32_t mid) { return mid >> 16; }
+uint32_t MidLow(uint32_t mid) { return mid & 0xFFFF; }
+
+// Record length from its header. Byte 3 is the argument count n; records with 1..16
+// arguments are 4n + 8 bytes long, as is an inline-text record (entity 63, byte 0 zero)
+// with any n other than 0.
+size_t LogRecordLength(uint8_t byte0, uint32_t entity, uint8_t byte3) {
+  const bool hasArguments = static_cast<uint8_t>(byte3 - 1) < 16 ||
+                            (entity == kLogInlineTextEntity && byte0 == 0 && byte3 != 0);
+  return hasArguments ? static_cast<size_t>(byte3) * 4 + 8 : kLogShortRecordBytes;
+}
+
+// The "RAW" byte array of a command's data, or nullptr when the data is not raw bytes.
+// Log records only ever travel as raw bytes; other data forms hold no records.
+SipJson::Value* RawBytesOf(SipJson::Value& command) {
+  auto da = command.FindMember("DA");
+  if (da == command.MemberEnd() || !da->value.IsObject()) return nullptr;
+  auto raw = da->value.FindMember("RAW");
+  if (raw == da->value.MemberEnd() || !raw->value.IsArray()) return nullptr;
+  // Same rule as the message's byte reader: no bytes unless the first one is a number.
+  if (raw->value.Empty() || !raw->value[0].IsUint()) return nullptr;
+  return &raw->value;
+}
+
+uint8_t ByteAt(const SipJson::Value& raw, size_t i) {
+  const SipJson::Value& v = raw[static_cast<rapidjson::SizeType>(i)];
+  return v.IsUint() ? static_cast<uint8_t>(v.GetUint()) : 0;
+}
+
+uint32_t ReadOid(const SipJson::Value& raw, size_t record) {
+  return ByteAt(raw, record + kLogOidOffset) |
+         (static_cast<uint32_t>(ByteAt(raw, record + kLogOidOffset + 1)) << 8);
+}
+
+void WriteOid(SipJson::Value& raw, size_t record, uint32_t oid) {
+  raw[static_cast<rapidjson::SizeType>(record + kLogOidOffset)].SetUint(oid & 0xFF);
+  raw[static_cast<rapidjson::SizeType>(record + kLogOidOffset + 1)].SetUint((oid >> 8) & 0xFF);
+}
+
+}  // namespace
+
+size_t COidMapTable::KeyHash::operator()(const Key& k) const {
+  uint64_t h = ((static_cast<uint64_t>(k.oc) << 32) | k.oe) * 0x9E3779B97F4A7C15ULL;
+  h ^= (static_cast<uint64_t>(k.ca) + 0x7F4A7C15ULL) * 0xC2B2AE3D27D4EB4FULL;
+  return static_cast<size_t>(h ^ (h >> 29));
+}
+
+void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
+                                uint32_t mid, uint32_t n) {
+  if (n > kMaxInstancesPerReply) {
+    EM_TRACE(1,
+             "\nEM_OIDMAP           : WARNING! MID 0x%04X%04X reports %u instances for "
+             "opcode 0x%04X-0x%04X; only %u are mapped",
+             MidHigh(mid), MidLow(mid), n, countOc, countOe, kMaxInstancesPerReply);
+    n = kMaxInstancesPerReply;
+  }
+
+  const auto found = index_.try_emplace(Key{countOc, countOe, ca}, entries_.size());
+  const size_t position = found.first->second;
+  const bool newEntry = found.second;
+  if (newEntry) {
+    TableEntry entry;
+    entry.oids.reserve(kInitialOidCapacity);
+    entry.countOc = countOc;
+    entry.countOe = countOe;
+    entry.ca = ca;
+    entries_.push_back(std::move(entry));
+    byOcAndCa_[OcCaKey(countOc, ca)].push_back(position);
+    EM_TRACE(3, "\nEM_OIDMAP           : Add map table entry %d for opcode 0x%04X-0x%04X",
+             static_cast<int>(position), countOc, countOe);
+  } else {
+    const uint32_t count = entries_[position].Count();
+    EM_TRACE(2,
+             "\nEM_OIDMAP           : Increment map count (%d->%d) for opcode 0x%04X-0x%04X",
+             count, count + n, countOc, countOe);
+  }
+
+  std::vector<OidEntry>& oids = entries_[position].oids;
+  for (uint32_t i = 0; i < n; ++i) {
+    oids.push_back(OidEntry{i, mid});
+    if (newEntry) {
+      EM_TRACE(2,
+               "\nEM_OIDMAP           : Counter OC 0x%04X: Map instance id 0x%04X to MID "
+               "0x%04X%04X (added OID entry to new table entry)",
+               countOc, i, MidHigh(mid), MidLow(mid));
+    } else {
+      EM_TRACE(2,
+               "\nEM_OIDMAP           : Counter OC 0x%04X: Map instance id 0x%04X to MID "
+               "0x%04X%04X (added OID entry)",
+               countOc, i, MidHigh(mid), MidLow(mid));
+    }
+  }
+}
+
+void COidMapTable::Clear() {
+  entries_.clear();
+  index_.clear();
+  byOcAndCa_.clear();
+}
+
+const COidMapTable::TableEntry* COidMapTable::Find(uint32_t countOc, uint32_t countOe,
+                                                   uint32_t ca) const {
+  const auto it = index_.find(Key{countOc, countOe, ca});
+  return it == index_.end() ? nullptr : &entries_[it->second];
+}
+
+const std::vector<size_t>* COidMapTable::PositionsOf(uint32_t countOc, uint32_t ca) const {
+  const auto it = byOcAndCa_.find(OcCaKey(countOc, ca));
+  return it == byOcAndCa_.end() ? nullptr : &it->second;
+}
+
+uint32_t COidMapTable::TranslateMessage(SipJson& msg, int32_t index) const {
+  const uint32_t oc = msg.GetOpcode(index);
+
+  if (oc == CM_ExtObjectCount) return AnswerCountReply(msg, index);
+
+  if (oc == CM_ReadConfigurationSpace || oc == CM_WriteConfigurationSpace) {
+    const CountOpcodeRow* row =
+        FindFirstRowOfKind(kCountKindConfigValue, msg.GetKey(index, "OE"));
+    return row ? TranslateByStatus(msg, index, row->countOc, row->countOe) : 0;
+  }
+
+  if (oc == CM_MessageLogReply) return PatchMessageLogReply(msg, index);
+
+  if (oc == CM_ExtObjectGet || oc == CM_ExtObjectSet) {
+    const uint32_t oe = msg.GetKey(index, "OE");
+    const CountOpcodeRow* row = FindFirstRowOfKind(kCountKindExtObject, oe);
+    return row ? TranslateByStatus(msg, index, row->countOc, (oe >> 8) & 0xFF) : 0;
+  }
+
+  if (AnswerCountReply(msg, index)) return 1;
+  const CountOpcodeRow* row = FindFirstItemRow(oc, msg.GetKey(index, "OE"));
+  return row ? TranslateByStatus(msg, index, row->countOc, row->countOe) : 0;
+}
+
+uint32_t COidMapTable::AnswerCountReply(SipJson& msg, int32_t index) const {
+  const TableEntry* entry = Find(msg.GetOpcode(index), msg.GetKey(index, "OE"),
+                                 msg.GetKey(index, "CA"));
+  SipJson::Value* command = msg.Command(index);
+  if (!entry || !command) return 0;
+  // Callers have always read this count as one byte; keep reporting 256 as 0.
+  msg.SetKey(*command, "DA", entry->Count() & 0xFF, false);
+  return 1;
+}
+
+uint32_t COidMapTable::TranslateByStatus(SipJson& msg, int32_t index, uint32_t countOc,
+                                         uint32_t countOe) const {
+  // A missing ST also reads as 0x16: a request that nobody has answered yet.
+  return msg.GetStatus(index) == ST_PENDING ? TranslateToModule(msg, index, countOc, countOe)
+                                            : TranslateToGlobal(msg, index, countOc, countOe);
+}
+
+uint32_t COidMapTable::TranslateToModule(SipJson& msg, int32_t index, uint32_t countOc,
+                                         uint32_t countOe) const {
+  const TableEntry* entry = Find(countOc, countOe, msg.GetKey(index, "CA"));
+  if (!entry) return 0;
+  const uint32_t oi = msg.GetKey(index, "OI");
+  SipJson::Value* command = msg.Command(index);
+  if (oi >= entry->Count() || !command) return 0;
+  const OidEntry& target = entry->oids[oi];
+  msg.SetKey(*command, "MI", target.mid, false);
+  msg.SetKey(*command, "OI", target.localId, false);
+  return 1;
+}
+
+uint32_t COidMapTable::TranslateToGlobal(SipJson& msg, int32_t index, uint32_t countOc,
+                                         uint32_t countOe) const {
+  const TableEntry* entry = Find(countOc, countOe, msg.GetKey(index, "CA"));
+  SipJson::Value* command = msg.Command(index);
+  if (!entry || !command) return 0;
+  const uint32_t oi = msg.GetKey(index, "OI");
+  const uint32_t mi = msg.GetKey(index, "MI");
+  for (uint32_t position = 0; position < entry->Count(); ++position) {
+    const OidEntry& oid = entry->oids[position];
+    if (oid.localId == oi && oid.mid == mi) {
+      msg.SetKey(*command, "OI", position, false);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+uint32_t COidMapTable::PatchMessageLogReply(SipJson& msg, int32_t index) const {
+  const uint32_t status = msg.GetStatus(index);
+  const SipJson::Value* command = msg.Command(index);
+  if (!IsValidReplyStatus(status) || !command) return 0;
+  const auto da = command->FindMember("DA");
+  if (da == command->MemberEnd() || da->value.IsNull()) return 0;
+  return PatchLogRecords(msg, index, status == ST_PENDING);
+}
+
+uint32_t COidMapTable::PatchLogRecords(SipJson& msg, int32_t index, bool toModule) const {
+  SipJson::Value* command = msg.Command(index);
+  if (!command) return 0;
+  SipJson::Value* raw = RawBytesOf(*command);
+  if (!raw) return 0;
+
+  const size_t size = raw->Size();
+  const uint32_t ca = msg.GetKey(index, "CA");
+  uint32_t mi = msg.GetKey(index, "MI");
+  uint32_t patched = 0;
+
+  for (size_t record = 0; record + kLogHeaderBytes <= size;) {
+    const uint8_t byte0 = ByteAt(*raw, record);
+    const uint32_t entity = ByteAt(*raw, record + 1) & 0x3F;
+    const size_t length = LogRecordLength(byte0, entity, ByteAt(*raw, record + 3));
+
+    if (entity != kLogInlineTextEntity && record + kLogShortRecordBytes <= size) {
+      for (const CountOpcodeRow* row : FindRowsOfKind(kCountKindLogEntity, entity)) {
+        const uint32_t oid = ReadOid(*raw, record);
+        const std::vector<size_t>* positions = PositionsOf(row->countOc, ca);
+        if (!positions) continue;
+
+        if (!toModule) {
+          const TableEntry& entry = entries_[positions->front()];
+          EM_TRACE(3, "\nEM_OIDMAP           : OID map table entry for CABID 0x%04X OC 0x%04X found!",
+                   ca, row->countOc);
+          for (uint32_t position = 0; position < entry.Count(); ++position) {
+            const OidEntry& candidate = entry.oids[position];
+            EM_TRACE(3, "\nEM_OIDMAP           : Compare map table values:");
+            EM_TRACE(3, "\nEM_OIDMAP           :   MsgLog OID 0x%04X <-> MAP OID 0x%04X", oid,
+                     candidate.localId);
+            EM_TRACE(3, "\nEM_OIDMAP           :   SIP MID 0x%04X%04X <-> MAP MID 0x%08X%08X",
+                     MidHigh(mi), MidLow(mi), MidHigh(candidate.mid), MidLow(candidate.mid));
+            if (candidate.localId == oid && candidate.mid == mi) {
+              EM_TRACE(2, "\nEM_OIDMAP           : Messag log reply OID patched from 0x%04X to 0x%04X",
+                       oid, position);
+              WriteOid(*raw, record, position);
+              ++patched;
+              break;
+            }
+          }
+          continue;
+        }
+
+        for (size_t at : *positions) {
+          const TableEntry& entry = entries_[at];
+          if (entry.Count() == 0) continue;
+          bool done = false;
+          for (uint32_t position = 0; position < entry.Count(); ++position) {
+            if (entry.oids[position].mid == mi && entry.oids[position].localId == oid) {
+              // The record now names the instance globally; no single module owns it.
+              mi = 0;
+              msg.SetKey(*command, "MI", 0, true);
+              raw = RawBytesOf(*command);  // removing a member moves the others
+              WriteOid(*raw, record, position);
+              done = true;
+              break;
+            }
+          }
+          if (!done && oid < entry.Count()) {
+            WriteOid(*raw, record, entry.oids[oid].localId);
+            done = true;
+          }
+          if (done) {
+            ++patched;
+            break;
+          }
+        }
+      }
+    }
+    record += length;
+  }
+  return patched != 0 ? 1 : 0;
+}

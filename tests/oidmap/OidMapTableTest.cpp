@@ -1,0 +1,332 @@
+#include "oidmap/OidMapTable.h"
+
+#include <set>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "hostsim/DebugSink.h"
+#include "module/DebugClient.h"
+#include "oidmap/CountOpcodeTable.h"
+#include "oidmap/Opcodes.h"
+#include "sip/SipStatus.h"
+
+namespace {
+
+constexpr uint32_t kCab0 = 0;
+constexpr uint32_t kCab1 = 7;
+// Cabinet 0: module A holds 3 instances of every kind, module B 2 (global 3 and 4).
+constexpr uint32_t kMidA = 0x00100001;
+constexpr uint32_t kMidB = 0x00200002;
+// Cabinet 7: other modules, 1 + 1 instances.
+constexpr uint32_t kMidC = 0x00300003;
+constexpr uint32_t kMidD = 0x00400004;
+
+// What start-up does: every distinct count request of the table, answered by two modules.
+void FillLikeStartUp(COidMapTable& table, uint32_t ca, uint32_t midFirst, uint32_t nFirst,
+                     uint32_t midSecond, uint32_t nSecond) {
+  std::set<uint32_t> requested;
+  for (const CountOpcodeRow* row = kCountOpcodeTable; row->countOc != 0; ++row) {
+    if (!requested.insert(CountOpcodeKey(*row)).second) continue;
+    table.AddInstances(row->countOc, row->countOe, ca, midFirst, nFirst);
+    table.AddInstances(row->countOc, row->countOe, ca, midSecond, nSecond);
+  }
+}
+
+SipJson Request(uint32_t oc, uint32_t oe, uint32_t oi, uint32_t ca) {
+  SipJson msg(oc, oe, oi, ca);
+  msg.SetStatus(ST_PENDING);
+  return msg;
+}
+
+SipJson Reply(uint32_t oc, uint32_t oe, uint32_t oi, uint32_t ca, uint32_t mid,
+              uint32_t status = ST_SUCCESS) {
+  SipJson msg(oc, oe, oi, ca);
+  msg.SetModuleId(mid);
+  msg.SetStatus(status);
+  return msg;
+}
+
+// An old-style log record: entity code (class), argument count, object id.
+std::vector<uint8_t> LogRecord(uint8_t entity, uint8_t args, uint16_t oid,
+                               uint8_t lowCode = 0x01) {
+  std::vector<uint8_t> r(args >= 1 && args <= 16 ? 4u * args + 8 : 12u, 0);
+  r[0] = lowCode;
+  r[1] = entity;
+  r[3] = args;
+  r[10] = static_cast<uint8_t>(oid);
+  r[11] = static_cast<uint8_t>(oid >> 8);
+  return r;
+}
+
+uint32_t OidAt(const SipJson& msg, size_t offset) {
+  std::vector<uint8_t> bytes;
+  msg.GetDataBytes(0, bytes);
+  if (bytes.size() < offset + 12) return 0xFFFFFFFF;
+  return bytes[offset + 10] | (bytes[offset + 11] << 8);
+}
+
+class OidMapTableTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    FillLikeStartUp(table_, kCab0, kMidA, 3, kMidB, 2);
+    FillLikeStartUp(table_, kCab1, kMidC, 1, kMidD, 1);
+  }
+  COidMapTable table_;
+};
+
+TEST_F(OidMapTableTest, Request_GlobalIndex_GoesToOwnerWithLocalId) {
+  for (bool withStatus : {true, false}) {
+    SipJson msg = withStatus ? Request(0x0301, 0, 3, kCab0) : SipJson(0x0301, 0, 3, kCab0);
+    EXPECT_EQ(1u, table_.TranslateMessage(msg, 0));
+    EXPECT_EQ(kMidB, msg.GetKey(0, "MI"));
+    EXPECT_EQ(0u, msg.GetKey(0, "OI"));
+  }
+  const uint32_t expectedMid[] = {kMidA, kMidA, kMidA, kMidB, kMidB};
+  const uint32_t expectedOi[] = {0, 1, 2, 0, 1};
+  for (uint32_t oi = 0; oi < 5; ++oi) {
+    SipJson msg = Request(0x0527, 0, oi, kCab0);
+    ASSERT_EQ(1u, table_.TranslateMessage(msg, 0)) << oi;
+    EXPECT_EQ(expectedMid[oi], msg.GetKey(0, "MI")) << oi;
+    EXPECT_EQ(expectedOi[oi], msg.GetKey(0, "OI")) << oi;
+  }
+}
+
+TEST_F(OidMapTableTest, Reply_LocalIdOfOwner_BecomesGlobalIndex) {
+  SipJson reply = Reply(0x0301, 0, 0, kCab0, kMidB);
+  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
+  EXPECT_EQ(3u, reply.GetKey(0, "OI"));
+  EXPECT_EQ(kMidB, reply.GetKey(0, "MI"));
+
+  SipJson event = Reply(0x0301, 0, 1, kCab0, kMidB, ST_EVENT);
+  EXPECT_EQ(1u, table_.TranslateMessage(event, 0));
+  EXPECT_EQ(4u, event.GetKey(0, "OI"));
+
+  // A module the table does not know for this kind: unchanged.
+  SipJson stranger = Reply(0x0301, 0, 1, kCab0, kMidC);
+  const std::string before = stranger.Serialize();
+  EXPECT_EQ(0u, table_.TranslateMessage(stranger, 0));
+  EXPECT_EQ(before, stranger.Serialize());
+}
+
+TEST_F(OidMapTableTest, Untranslatable_PassesUnchanged) {
+  SipJson notBelowCount = Request(0x0301, 0, 5, kCab0);
+  SipJson unknownOc = Request(0x0999, 0, 1, kCab0);
+  SipJson unknownCabinet = Request(0x0301, 0, 1, 42);
+  SipJson configWithoutRow = Request(CM_ReadConfigurationSpace, 0x12, 1, kCab0);
+  SipJson extWithoutRow = Request(CM_ExtObjectGet, 0x1C07, 1, kCab0);
+  for (SipJson* msg :
+       {&notBelowCount, &unknownOc, &unknownCabinet, &configWithoutRow, &extWithoutRow}) {
+    const std::string before = msg->Serialize();
+    EXPECT_EQ(0u, table_.TranslateMessage(*msg, 0)) << before;
+    EXPECT_EQ(before, msg->Serialize());
+  }
+}
+
+TEST_F(OidMapTableTest, OtherCabinet_UsesItsOwnEntry) {
+  SipJson request = Request(0x0301, 0, 1, kCab1);
+  EXPECT_EQ(1u, table_.TranslateMessage(request, 0));
+  EXPECT_EQ(kMidD, request.GetKey(0, "MI"));
+  EXPECT_EQ(0u, request.GetKey(0, "OI"));
+
+  SipJson reply = Reply(0x0301, 0, 0, kCab1, kMidD);
+  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
+  EXPECT_EQ(1u, reply.GetKey(0, "OI"));
+}
+
+TEST(OidMapTableCount, CountReply_IsTotalTruncatedToEightBits) {
+  COidMapTable table;
+  table.AddInstances(0x0300, 0, kCab0, kMidA, 200);
+  table.AddInstances(0x0300, 0, kCab0, kMidB, 100);
+  table.AddInstances(CM_ExtObjectCount, 0x1C, kCab0, kMidA, 256);
+
+  SipJson countRequest = Request(0x0300, 0, 0, kCab0);  // no DA yet
+  EXPECT_EQ(1u, table.TranslateMessage(countRequest, 0));
+  uint32_t value = 0;
+  ASSERT_TRUE(countRequest.GetDataValue(0, value));
+  EXPECT_EQ(44u, value);
+
+  SipJson extReply = Reply(CM_ExtObjectCount, 0x1C, 0, kCab0, kMidA);
+  extReply.SetKey("DA", 9, false);
+  EXPECT_EQ(1u, table.TranslateMessage(extReply, 0));
+  ASSERT_TRUE(extReply.GetDataValue(0, value));
+  EXPECT_EQ(0u, value);
+
+  SipJson noEntry = Reply(CM_ExtObjectCount, 0x05, 0, kCab0, kMidA);
+  EXPECT_EQ(0u, table.TranslateMessage(noEntry, 0));
+  EXPECT_FALSE(noEntry.HasKey(0, "DA"));
+}
+
+TEST_F(OidMapTableTest, ConfigValue_UsesCountOpcodeOfItsRow) {
+  // OE 0x71 counts through 0x0300, OE 0x90 through 0x0400; give 0x0400 other owners.
+  table_.Clear();
+  table_.AddInstances(0x0300, 0, kCab0, kMidA, 3);
+  table_.AddInstances(0x0300, 0, kCab0, kMidB, 2);
+  table_.AddInstances(0x0400, 0, kCab0, kMidC, 4);
+
+  SipJson read = Request(CM_ReadConfigurationSpace, 0x71, 4, kCab0);
+  EXPECT_EQ(1u, table_.TranslateMessage(read, 0));
+  EXPECT_EQ(kMidB, read.GetKey(0, "MI"));
+  EXPECT_EQ(1u, read.GetKey(0, "OI"));
+
+  SipJson write = Request(CM_WriteConfigurationSpace, 0x90, 3, kCab0);
+  EXPECT_EQ(1u, table_.TranslateMessage(write, 0));
+  EXPECT_EQ(kMidC, write.GetKey(0, "MI"));
+  EXPECT_EQ(3u, write.GetKey(0, "OI"));
+
+  SipJson reply = Reply(CM_ReadConfigurationSpace, 0x71, 1, kCab0, kMidB);
+  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
+  EXPECT_EQ(4u, reply.GetKey(0, "OI"));
+}
+
+TEST_F(OidMapTableTest, ExtObject_CountOeIsHighByteOfOe) {
+  table_.Clear();
+  table_.AddInstances(CM_ExtObjectCount, 0x05, kCab0, kMidA, 5);
+  table_.AddInstances(CM_ExtObjectCount, 0x1C, kCab0, kMidC, 2);
+  table_.AddInstances(CM_ExtObjectCount, 0x1C, kCab0, kMidD, 2);
+
+  SipJson get = Request(CM_ExtObjectGet, 0x1C06, 2, kCab0);
+  EXPECT_EQ(1u, table_.TranslateMessage(get, 0));
+  EXPECT_EQ(kMidD, get.GetKey(0, "MI"));
+  EXPECT_EQ(0u, get.GetKey(0, "OI"));
+
+  SipJson set = Request(CM_ExtObjectSet, 0x0506, 4, kCab0);
+  EXPECT_EQ(1u, table_.TranslateMessage(set, 0));
+  EXPECT_EQ(kMidA, set.GetKey(0, "MI"));
+  EXPECT_EQ(4u, set.GetKey(0, "OI"));
+
+  SipJson reply = Reply(CM_ExtObjectGet, 0x1C0F, 1, kCab0, kMidD);
+  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
+  EXPECT_EQ(3u, reply.GetKey(0, "OI"));
+}
+
+// Entity 0x04 counts through 0x0300, entity 0x05 through 0x0400.
+TEST_F(OidMapTableTest, LogReply_PatchesRecordOids_SkipsEntity63) {
+  TraceClient().SetTraceLevel(5);
+  hostsim::Sink().Clear();
+  std::vector<uint8_t> data = LogRecord(0x04, 0, 1);          // 12 bytes at 0
+  const std::vector<uint8_t> second = LogRecord(0x45, 2, 0);  // 16 bytes at 12 (CodeBits set)
+  // Inline text record, entity 63 with low code 0 and 20 arguments: 88 bytes at 28. Its
+  // text looks like a patchable record 12 bytes in, which the walk must step over.
+  std::vector<uint8_t> inlineText(88, 0);
+  inlineText[1] = 0x3F;
+  inlineText[3] = 20;
+  inlineText[10] = 1;
+  inlineText[12 + 1] = 0x04;
+  inlineText[12 + 10] = 1;
+  const std::vector<uint8_t> last = LogRecord(0x04, 0, 0);  // 12 bytes at 116
+  data.insert(data.end(), second.begin(), second.end());
+  data.insert(data.end(), inlineText.begin(), inlineText.end());
+  data.insert(data.end(), last.begin(), last.end());
+  SipJson reply(CM_MessageLogReply, 0, 0, kCab0);
+  reply.SetModuleId(kMidB);
+  reply.SetRawData(data, ST_SUCCESS);
+
+  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
+  EXPECT_EQ(4u, OidAt(reply, 0));
+  EXPECT_EQ(3u, OidAt(reply, 12));
+  EXPECT_EQ(1u, OidAt(reply, 28));
+  EXPECT_EQ(1u, OidAt(reply, 40));
+  EXPECT_EQ(3u, OidAt(reply, 116));
+  EXPECT_TRUE(hostsim::Sink().HasLine(
+      "\nEM_OIDMAP           : Messag log reply OID patched from 0x0001 to 0x0004"));
+  EXPECT_TRUE(hostsim::Sink().HasLine(
+      "\nEM_OIDMAP           : OID map table entry for CABID 0x0000 OC 0x0400 found!"));
+  TraceClient().SetTraceLevel(0);
+
+  // A request's status never passes the reply gate.
+  reply.SetStatus(ST_PENDING);
+  EXPECT_EQ(0u, table_.PatchMessageLogReply(reply, 0));
+}
+
+TEST_F(OidMapTableTest, LogRecords_TowardModule) {
+  std::vector<uint8_t> data = LogRecord(0x04, 0, 1);
+  SipJson known(CM_MessageLogReply, 0, 0, kCab0);
+  known.SetModuleId(kMidB);
+  known.SetRawData(data, ST_PENDING);
+  EXPECT_EQ(1u, table_.PatchLogRecords(known, 0, true));
+  EXPECT_EQ(4u, OidAt(known, 0));
+  EXPECT_FALSE(known.HasKey(0, "MI"));
+
+  // No (MI, OID) match: a global index below the count becomes that instance's local id.
+  data = LogRecord(0x04, 0, 4);
+  SipJson global(CM_MessageLogReply, 0, 0, kCab0);
+  global.SetRawData(data, ST_PENDING);
+  EXPECT_EQ(1u, table_.PatchLogRecords(global, 0, true));
+  EXPECT_EQ(1u, OidAt(global, 0));
+}
+
+TEST_F(OidMapTableTest, LogReply_CutShortData_IsNotOverread) {
+  // Second record: whole header but its object id lies past the end.
+  std::vector<uint8_t> data = LogRecord(0x04, 0, 0);
+  std::vector<uint8_t> cut = LogRecord(0x04, 0, 0);
+  cut[10] = 0xEE;
+  data.insert(data.end(), cut.begin(), cut.begin() + 10);
+  SipJson reply(CM_MessageLogReply, 0, 0, kCab0);
+  reply.SetModuleId(kMidB);
+  reply.SetRawData(data, ST_SUCCESS);
+  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
+  EXPECT_EQ(3u, OidAt(reply, 0));
+  std::vector<uint8_t> after;
+  reply.GetDataBytes(0, after);
+  EXPECT_EQ(22u, after.size());
+
+  // A long record (16 arguments, 72 bytes) announced in a 14-byte block, and blocks too
+  // short for any header: nothing is patched, nothing is read beyond the data.
+  for (size_t size : {size_t{1}, size_t{3}, size_t{11}, size_t{14}}) {
+    std::vector<uint8_t> block = LogRecord(0x04, 16, 0);
+    block.resize(size);
+    SipJson shortReply(CM_MessageLogReply, 0, 0, kCab0);
+    shortReply.SetModuleId(kMidA);
+    shortReply.SetRawData(block, ST_SUCCESS);
+    EXPECT_EQ(size >= 12 ? 1u : 0u, table_.TranslateMessage(shortReply, 0)) << size;
+  }
+}
+
+TEST(OidMapTableTrace, AddInstances_TracesNewAndIncrementedEntries) {
+  TraceClient().SetTraceLevel(5);
+  hostsim::Sink().Clear();
+  COidMapTable table;
+  table.AddInstances(0x0300, 0, kCab0, kMidA, 1);
+  table.AddInstances(0x0300, 0, kCab0, kMidB, 2);
+  auto& sink = hostsim::Sink();
+  EXPECT_TRUE(sink.HasLine("\nEM_OIDMAP           : Add map table entry 0 for opcode 0x0300-0x0000"));
+  EXPECT_TRUE(sink.HasLine("\nEM_OIDMAP           : Counter OC 0x0300: Map instance id 0x0000 to "
+                           "MID 0x00100001 (added OID entry to new table entry)"));
+  EXPECT_TRUE(sink.HasLine("\nEM_OIDMAP           : Increment map count (1->3) for opcode 0x0300-0x0000"));
+  EXPECT_TRUE(sink.HasLine("\nEM_OIDMAP           : Counter OC 0x0300: Map instance id 0x0001 to "
+                           "MID 0x00200002 (added OID entry)"));
+  EXPECT_EQ(1u, sink.Count("Add map table entry"));
+  TraceClient().SetTraceLevel(0);
+  ASSERT_EQ(1u, table.Size());
+  EXPECT_EQ(3u, table.Find(0x0300, 0, kCab0)->Count());
+}
+
+// The indexes must give what a first-match walk from row 0 gives.
+TEST(CountOpcodeTable, LookupsMatchFirstMatchWalk) {
+  auto walk = [](auto matches) -> const CountOpcodeRow* {
+    for (const CountOpcodeRow* row = kCountOpcodeTable; row->countOc != 0; ++row)
+      if (matches(*row)) return row;
+    return nullptr;
+  };
+  ASSERT_EQ(0u, kCountOpcodeTable[kCountOpcodeRows].countOc);
+  for (size_t i = 0; i < kCountOpcodeRows; ++i) {
+    const CountOpcodeRow& probe = kCountOpcodeTable[i];
+    EXPECT_EQ(walk([&](const CountOpcodeRow& r) {
+                return r.itemOc == probe.itemOc && r.itemOe == probe.itemOe;
+              }),
+              FindFirstItemRow(probe.itemOc, probe.itemOe))
+        << i;
+    EXPECT_EQ(walk([&](const CountOpcodeRow& r) {
+                return r.kind == probe.kind && r.itemOe == probe.itemOe;
+              }),
+              FindFirstRowOfKind(probe.kind, probe.itemOe))
+        << i;
+  }
+  EXPECT_EQ(&kCountOpcodeTable[26], FindFirstRowOfKind(kCountKindExtObject, 0x1C06));
+  EXPECT_EQ(2u, FindRowsOfKind(kCountKindExtObject, 0x1C06).size());
+  EXPECT_EQ(nullptr, FindFirstItemRow(0x0301, 0x0001));
+  EXPECT_EQ(nullptr, FindFirstRowOfKind(kCountKindEnd, 0));
+}
+
+}  // namespace
