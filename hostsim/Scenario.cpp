@@ -1,0 +1,306 @@
+#include "hostsim/Scenario.h"
+
+#include <cctype>
+#include <fstream>
+#include <initializer_list>
+#include <sstream>
+
+#include <rapidjson/error/en.h>
+
+#include "hostsim/SimHost.h"
+
+namespace hostsim {
+namespace {
+
+using rapidjson::Value;
+
+// Reads the members of one JSON object, remembering the first error. Numbers are JSON
+// unsigned numbers or text: "0x" followed by hexadecimal digits, or decimal digits.
+class ObjectReader {
+ public:
+  ObjectReader(const Value& object, std::string where, std::string& error)
+      : object_(object), where_(std::move(where)), error_(error) {
+    if (!object_.IsObject()) Fail("must be an object");
+  }
+
+  bool ok() const { return error_.empty(); }
+
+  // Fails on members outside `known`: a misspelt key would otherwise be ignored silently.
+  void AllowOnly(std::initializer_list<const char*> known) {
+    if (!ok()) return;
+    for (auto it = object_.MemberBegin(); it != object_.MemberEnd(); ++it) {
+      bool found = false;
+      for (const char* key : known) {
+        if (it->name == key) found = true;
+      }
+      if (!found) {
+        Fail(std::string("has unknown member \"") + it->name.GetString() + "\"");
+        return;
+      }
+    }
+  }
+
+  const Value* Find(const char* key) const {
+    if (!ok()) return nullptr;
+    auto it = object_.FindMember(key);
+    return it == object_.MemberEnd() ? nullptr : &it->value;
+  }
+
+  std::optional<uint32_t> OptionalNumber(const char* key) {
+    const Value* value = Find(key);
+    if (value == nullptr) return std::nullopt;
+    uint32_t number = 0;
+    if (!ToNumber(*value, number)) {
+      Fail(std::string("member \"") + key + "\" is not an unsigned 32-bit number");
+      return std::nullopt;
+    }
+    return number;
+  }
+
+  uint32_t Number(const char* key, uint32_t def) { return OptionalNumber(key).value_or(def); }
+
+  uint32_t RequiredNumber(const char* key) {
+    if (ok() && Find(key) == nullptr) Fail(std::string("lacks member \"") + key + "\"");
+    return Number(key, 0);
+  }
+
+  // An array member (missing: nullptr, no error).
+  const Value* Array(const char* key) {
+    const Value* value = Find(key);
+    if (value != nullptr && !value->IsArray()) {
+      Fail(std::string("member \"") + key + "\" is not an array");
+      return nullptr;
+    }
+    return value;
+  }
+
+  // Any JSON value as text; "" when missing.
+  std::string Json(const char* key) {
+    const Value* value = Find(key);
+    return value == nullptr ? std::string() : ToJsonText(*value);
+  }
+
+  void Fail(const std::string& what) {
+    if (error_.empty()) error_ = where_ + " " + what;
+  }
+
+  static bool ToNumber(const Value& value, uint32_t& out) {
+    if (value.IsUint()) {
+      out = value.GetUint();
+      return true;
+    }
+    if (!value.IsString() || value.GetStringLength() == 0) return false;
+    const char* text = value.GetString();
+    const char* const end = text + value.GetStringLength();
+    int base = 10;
+    if (text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
+      base = 16;
+      text += 2;
+    }
+    if (text == end) return false;
+    uint64_t number = 0;
+    for (; text != end; ++text) {
+      const unsigned char c = static_cast<unsigned char>(*text);
+      uint32_t digit = 0;
+      if (std::isdigit(c)) {
+        digit = c - '0';
+      } else if (base == 16 && std::isxdigit(c)) {
+        digit = static_cast<uint32_t>(std::tolower(c) - 'a' + 10);
+      } else {
+        return false;
+      }
+      number = number * static_cast<uint32_t>(base) + digit;
+      if (number > 0xFFFFFFFFULL) return false;
+    }
+    out = static_cast<uint32_t>(number);
+    return true;
+  }
+
+ private:
+  const Value& object_;
+  std::string where_;
+  std::string& error_;
+};
+
+std::string Where(const char* list, rapidjson::SizeType i) {
+  return std::string(list) + "[" + std::to_string(i) + "]";
+}
+
+// Reads one module entry; the rules are expanded by a scratch SimModule so that they
+// end up in exactly the order and with the replacements its setters produce.
+bool ReadModule(const Value& entry, rapidjson::SizeType i, ScenarioModule& out,
+                std::string& error) {
+  const std::string where = Where("modules", i);
+  ObjectReader module(entry, where, error);
+  module.AllowOnly({"mid", "rules", "counts", "config", "statusOverrides"});
+  const uint32_t mid = module.RequiredNumber("mid");
+  if (!module.ok()) return false;
+  SimModule scratch(mid);
+
+  if (const Value* rules = module.Array("rules")) {
+    for (rapidjson::SizeType r = 0; r < rules->Size(); ++r) {
+      ObjectReader item((*rules)[r], where + "." + Where("rules", r), error);
+      item.AllowOnly({"oc", "oe", "oi", "ca", "st", "da", "delayMs"});
+      ReplyRule rule;
+      rule.oc = item.RequiredNumber("oc");
+      rule.oe = item.OptionalNumber("oe");
+      rule.oi = item.OptionalNumber("oi");
+      rule.ca = item.OptionalNumber("ca");
+      rule.status = item.Number("st", kStatusOk);
+      rule.dataJson = item.Json("da");
+      rule.delayMs = item.Number("delayMs", 0);
+      if (!item.ok()) return false;
+      scratch.AddRule(rule);
+    }
+  }
+  if (const Value* counts = module.Array("counts")) {
+    for (rapidjson::SizeType c = 0; c < counts->Size(); ++c) {
+      ObjectReader item((*counts)[c], where + "." + Where("counts", c), error);
+      item.AllowOnly({"oc", "oe", "ca", "count"});
+      const uint32_t oc = item.RequiredNumber("oc");
+      const uint32_t oe = item.Number("oe", 0);
+      const uint32_t ca = item.Number("ca", 0);
+      const uint32_t count = item.RequiredNumber("count");
+      if (!item.ok()) return false;
+      scratch.SetInstanceCount(oc, oe, ca, count);
+    }
+  }
+  if (const Value* config = module.Array("config")) {
+    for (rapidjson::SizeType c = 0; c < config->Size(); ++c) {
+      ObjectReader item((*config)[c], where + "." + Where("config", c), error);
+      item.AllowOnly({"oe", "da"});
+      const uint32_t oe = item.RequiredNumber("oe");
+      if (item.ok() && item.Find("da") == nullptr) item.Fail("lacks member \"da\"");
+      const std::string data = item.Json("da");
+      if (!item.ok()) return false;
+      scratch.SetConfigJson(oe, data);
+    }
+  }
+  if (const Value* overrides = module.Array("statusOverrides")) {
+    for (rapidjson::SizeType o = 0; o < overrides->Size(); ++o) {
+      ObjectReader item((*overrides)[o], where + "." + Where("statusOverrides", o), error);
+      item.AllowOnly({"oc", "st"});
+      const uint32_t oc = item.RequiredNumber("oc");
+      const uint32_t st = item.RequiredNumber("st");
+      if (!item.ok()) return false;
+      scratch.SetStatusOverride(oc, st);
+    }
+  }
+  if (!module.ok()) return false;
+  out.mid = mid;
+  out.rules = scratch.Rules();
+  return true;
+}
+
+bool ReadRequest(const Value& entry, rapidjson::SizeType i, ScenarioRequest& out,
+                 std::string& error) {
+  ObjectReader item(entry, Where("requests", i), error);
+  item.AllowOnly({"oc", "oe", "oi", "ca", "mi", "da"});
+  out.oc = item.RequiredNumber("oc");
+  out.oe = item.Number("oe", 0);
+  out.oi = item.Number("oi", 0);
+  out.ca = item.Number("ca", 0);
+  out.mi = item.OptionalNumber("mi");
+  out.dataJson = item.Json("da");
+  return item.ok();
+}
+
+}  // namespace
+
+SipJson ScenarioRequest::ToMessage() const {
+  SipJson msg(oc, oe, oi, ca);
+  if (mi) msg.SetKey("MI", *mi, false);
+  if (!dataJson.empty()) {
+    rapidjson::Document data;
+    data.Parse(dataJson.c_str(), dataJson.size());
+    Value& command = msg.CurrentCommand();
+    if (!data.HasParseError() && command.IsObject()) {
+      command.AddMember("DA", Value(static_cast<const Value&>(data), msg.GetAllocator()),
+                        msg.GetAllocator());
+    }
+  }
+  return msg;
+}
+
+bool Scenario::Parse(const std::string& text, std::string& error) {
+  error.clear();
+  rapidjson::Document doc;
+  doc.Parse(text.c_str(), text.size());
+  if (doc.HasParseError()) {
+    error = std::string("scenario is not valid JSON: ") +
+            rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
+            std::to_string(doc.GetErrorOffset());
+    return false;
+  }
+  Scenario parsed;
+  ObjectReader root(doc, "scenario", error);
+  root.AllowOnly({"name", "hostKind", "serverCabinet", "seCabinets", "seEnumeration",
+                  "modules", "requests"});
+  if (const Value* name = root.Find("name")) {
+    if (name->IsString()) {
+      parsed.name = name->GetString();
+    } else {
+      root.Fail("member \"name\" is not a string");
+    }
+  }
+  parsed.hostKind = root.Number("hostKind", 0);
+  parsed.serverCabinet = root.Number("serverCabinet", 0);
+  if (const Value* enumeration = root.Find("seEnumeration")) {
+    if (enumeration->IsBool()) {
+      parsed.seEnumerationSucceeds = enumeration->GetBool();
+    } else {
+      root.Fail("member \"seEnumeration\" is not a boolean");
+    }
+  }
+  if (const Value* cabinets = root.Array("seCabinets")) {
+    for (rapidjson::SizeType i = 0; i < cabinets->Size(); ++i) {
+      uint32_t cabinet = 0;
+      if (!ObjectReader::ToNumber((*cabinets)[i], cabinet)) {
+        root.Fail("member \"seCabinets\" holds something other than cabinet numbers");
+        break;
+      }
+      parsed.seCabinets.push_back(cabinet);
+    }
+  }
+  if (const Value* modules = root.Array("modules")) {
+    for (rapidjson::SizeType i = 0; i < modules->Size() && root.ok(); ++i) {
+      ScenarioModule module;
+      if (ReadModule((*modules)[i], i, module, error)) parsed.modules.push_back(module);
+    }
+  }
+  if (const Value* requests = root.Array("requests")) {
+    for (rapidjson::SizeType i = 0; i < requests->Size() && root.ok(); ++i) {
+      ScenarioRequest request;
+      if (ReadRequest((*requests)[i], i, request, error)) parsed.requests.push_back(request);
+    }
+  }
+  if (!root.ok()) return false;
+  *this = std::move(parsed);
+  return true;
+}
+
+bool Scenario::Load(const std::string& path, std::string& error) {
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    error = "cannot open scenario file " + path;
+    return false;
+  }
+  std::ostringstream text;
+  text << file.rdbuf();
+  if (!Parse(text.str(), error)) {
+    error = path + ": " + error;
+    return false;
+  }
+  return true;
+}
+
+void Scenario::ApplyTo(SimHost& host) const {
+  host.SetHostKind(hostKind);
+  host.SetSeCabinets(seCabinets, seEnumerationSucceeds);
+  for (const ScenarioModule& entry : modules) {
+    SimModule& module = host.AddModule(entry.mid);
+    for (const ReplyRule& rule : entry.rules) module.AddRule(rule);
+  }
+}
+
+}  // namespace hostsim

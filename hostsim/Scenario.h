@@ -1,0 +1,60 @@
+// Scenario: a simulated host set-up read from JSON (format: docs/scenario-format.md):
+// the host kind, the server cabinet, the SE cabinets, the simulated modules with their
+// reply rules, and the requests a tool sends to the module under test.
+//
+// Loading never throws: malformed text or members of the wrong type give false and an
+// error text naming the offending member.
+#ifndef EM_HOSTSIM_SCENARIO_H
+#define EM_HOSTSIM_SCENARIO_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "hostsim/SimModule.h"
+#include "sip/SipJson.h"
+
+namespace hostsim {
+
+class SimHost;
+
+struct ScenarioModule {
+  uint32_t mid = 0;
+  std::vector<ReplyRule> rules;  // in matching order, convenience entries expanded
+};
+
+struct ScenarioRequest {
+  uint32_t oc = 0;
+  uint32_t oe = 0;
+  uint32_t oi = 0;
+  uint32_t ca = 0;
+  std::optional<uint32_t> mi;
+  std::string dataJson;  // empty: no DA
+
+  // The request as a message: one command {"OC", ["OE"], ["OI"], "CA", ["MI"], ["DA"]}.
+  SipJson ToMessage() const;
+};
+
+struct Scenario {
+  std::string name;
+  uint32_t hostKind = 0;
+  uint32_t serverCabinet = 0;
+  std::vector<uint32_t> seCabinets;
+  bool seEnumerationSucceeds = true;
+  std::vector<ScenarioModule> modules;
+  std::vector<ScenarioRequest> requests;
+
+  // Replaces this scenario with the one in `text`. On failure returns false, sets
+  // `error` and leaves this scenario unchanged.
+  bool Parse(const std::string& text, std::string& error);
+  // Reads the file at `path` and parses it.
+  bool Load(const std::string& path, std::string& error);
+  // Configures the host: kind, SE cabinets and one simulated module per entry (added
+  // after the host's existing modules).
+  void ApplyTo(SimHost& host) const;
+};
+
+}  // namespace hostsim
+
+#endif  // EM_HOSTSIM_SCENARIO_H

@@ -1,0 +1,281 @@
+#include "hostsim/SimHost.h"
+
+#include <algorithm>
+
+#include "module/CIExtensionModule.h"
+
+namespace hostsim {
+namespace {
+
+// Context values look like nothing else in a message, so a module that passes a wrong
+// one is easy to spot in the records.
+constexpr uint64_t kContextBase = 0x5157000000000000ULL;
+
+void SetMember(rapidjson::Value& command, const char* key, uint32_t value,
+               SipJson::Allocator& allocator) {
+  auto it = command.FindMember(key);
+  if (it != command.MemberEnd()) {
+    it->value.SetUint(value);
+  } else {
+    command.AddMember(rapidjson::StringRef(key), rapidjson::Value(value), allocator);
+  }
+}
+
+// "SIP"/"CMD" of a message whose current command exists.
+rapidjson::Value* CommandArray(SipJson& msg) {
+  rapidjson::Value& root = msg.Doc();
+  if (!root.IsObject()) return nullptr;
+  auto sip = root.FindMember("SIP");
+  if (sip == root.MemberEnd() || !sip->value.IsObject()) return nullptr;
+  auto cmd = sip->value.FindMember("CMD");
+  if (cmd == sip->value.MemberEnd() || !cmd->value.IsArray()) return nullptr;
+  return &cmd->value;
+}
+
+}  // namespace
+
+SimModule& SimHost::AddModule(uint32_t mid) {
+  auto module = std::make_shared<SimModule>(mid);
+  std::lock_guard<std::mutex> lock(mutex_);
+  modules_.push_back(module);
+  return *module;
+}
+
+SimModule* SimHost::FindModule(uint32_t mid) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (const auto& module : modules_) {
+    if (module->Mid() == mid) return module.get();
+  }
+  return nullptr;
+}
+
+size_t SimHost::ModuleCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return modules_.size();
+}
+
+std::vector<std::shared_ptr<SimModule>> SimHost::ModulesSnapshot() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return modules_;
+}
+
+uint64_t SimHost::Attach(CIExtensionModule* module) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  attached_ = module;
+  context_ = kContextBase + (++attachCount_);
+  return context_;
+}
+
+CIExtensionModule* SimHost::AttachedModule() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return attached_;
+}
+
+uint64_t SimHost::Context() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return context_;
+}
+
+void SimHost::SetHostKind(uint32_t kind) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  hostKind_ = kind;
+}
+
+void SimHost::SetSeCabinets(const std::vector<uint32_t>& cabinets, bool succeed) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  seCabinets_ = cabinets;
+  seSucceed_ = succeed;
+}
+
+int64_t SimHost::LastEnumeratedServerCabinet() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return lastSeServerCabinet_;
+}
+
+void SimHost::SetRequestHook(RequestHook hook) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  hook_ = std::move(hook);
+}
+
+SipJson SimHost::DeliverEvent(uint32_t mid, SipJson event) {
+  event.SetModuleId(mid);
+  event.SetStatus(kStatusEvent);
+  if (CIExtensionModule* module = AttachedModule()) module->OnReply(event);
+  return event;
+}
+
+SipJson SimHost::DeliverEventOnThread(uint32_t mid, SipJson event) {
+  SipJson result;
+  std::thread delivery([&] { result = DeliverEvent(mid, std::move(event)); });
+  delivery.join();
+  return result;
+}
+
+std::vector<SentRequest> SimHost::SentRequests() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return sent_;
+}
+
+std::vector<HandedBack> SimHost::HandedBackMessages() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return handedBack_;
+}
+
+std::vector<std::string> SimHost::AlternateSends() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return alternate_;
+}
+
+void SimHost::ClearRecords() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  sent_.clear();
+  handedBack_.clear();
+  alternate_.clear();
+}
+
+bool SimHost::WaitForRequests(size_t count, std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return recorded_.wait_for(lock, timeout, [&] { return sent_.size() >= count; });
+}
+
+bool SimHost::WaitForHandBacks(size_t count, std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return recorded_.wait_for(lock, timeout, [&] { return handedBack_.size() >= count; });
+}
+
+uint32_t SimHost::AlternateSend(CIExtensionModule* /*module*/, SipJson& msg,
+                                uint32_t /*zero*/) {
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    alternate_.push_back(msg.Serialize());
+  }
+  if (msg.CurrentIndex() >= 0) msg.SetStatus(kStatusNotHandled);
+  return 1;
+}
+
+uint32_t SimHost::HandBack(CIExtensionModule* /*module*/, SipJson& msg) {
+  HandedBack record{msg, msg.GetStatus(msg.CurrentIndex())};
+  std::lock_guard<std::mutex> lock(mutex_);
+  handedBack_.push_back(std::move(record));
+  recorded_.notify_all();
+  return 1;
+}
+
+uint32_t SimHost::GetHostKind() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return hostKind_;
+}
+
+bool SimHost::EnumerateSeCabinets(uint32_t serverCabinet, const uint32_t** seCabinets,
+                                  uint8_t* count) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  lastSeServerCabinet_ = serverCabinet;
+  if (!seSucceed_) return false;
+  const size_t n = std::min(seCabinets_.size(), kMaxSeCabinets);
+  seReported_.assign(seCabinets_.begin(), seCabinets_.begin() + static_cast<ptrdiff_t>(n));
+  if (seCabinets != nullptr) *seCabinets = seReported_.data();
+  if (count != nullptr) *count = static_cast<uint8_t>(n);
+  return true;
+}
+
+rapidjson::Value SimHost::BuildReply(const rapidjson::Value& request, SimModule* module,
+                                     uint32_t timeoutMs, SipJson::Allocator& allocator) {
+  rapidjson::Value reply(request, allocator);
+  reply.RemoveMember("DA");
+  SetMember(reply, "MI", module->Mid(), allocator);
+  const ModuleAnswer answer = module->Answer(request);
+  if (answer.delayMs > timeoutMs) {
+    // The module would answer too late: report the time-out without waiting for it.
+    SetMember(reply, "ST", kStatusTimeout, allocator);
+    return reply;
+  }
+  if (answer.delayMs > 0) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(answer.delayMs));
+  }
+  SetMember(reply, "ST", answer.status, allocator);
+  if (!answer.dataJson.empty()) {
+    rapidjson::Document data;
+    data.Parse(answer.dataJson.c_str(), answer.dataJson.size());
+    if (!data.HasParseError()) {
+      reply.AddMember("DA",
+                      rapidjson::Value(static_cast<const rapidjson::Value&>(data), allocator),
+                      allocator);
+    }
+  }
+  return reply;
+}
+
+uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs) {
+  int32_t index = msg.CurrentIndex();
+  if (index < 0) {
+    index = 0;
+    msg.SetCurrentIndex(0);
+  }
+  RequestHook hook;
+  CIExtensionModule* sender = nullptr;
+  {
+    SentRequest record{msg.Serialize(), index, context, timeoutMs,
+                       std::chrono::steady_clock::now(), std::this_thread::get_id()};
+    std::lock_guard<std::mutex> lock(mutex_);
+    sent_.push_back(std::move(record));
+    recorded_.notify_all();
+    hook = hook_;
+    if (context == context_) sender = attached_;
+  }
+  if (hook) hook(msg);
+
+  SipJson::Allocator& allocator = msg.GetAllocator();
+  rapidjson::Value request(rapidjson::kObjectType);
+  {
+    const rapidjson::Value& current = msg.CurrentCommand();
+    if (current.IsObject()) request.CopyFrom(current, allocator);
+  }
+  const uint32_t mi = CommandKey(request, "MI", 0);
+  const uint32_t ca = CommandKey(request, "CA", 0);
+  const auto modules = ModulesSnapshot();
+
+  if (mi == kAllModules || ca == kAllCabinets) {
+    rapidjson::Value replies(rapidjson::kArrayType);
+    for (const auto& module : modules) {
+      replies.PushBack(BuildReply(request, module.get(), timeoutMs, allocator), allocator);
+    }
+    int32_t replyCount = 0;
+    if (rapidjson::Value* commands = CommandArray(msg)) {
+      replyCount = static_cast<int32_t>(replies.Size());
+      *commands = replies;
+    }
+    if (sender != nullptr) {
+      for (int32_t i = 0; i < replyCount; ++i) {
+        msg.SetCurrentIndex(i);
+        sender->OnReply(msg);
+      }
+    }
+    msg.SetCurrentIndex(0);
+    return 1;
+  }
+
+  std::shared_ptr<SimModule> target;
+  for (const auto& module : modules) {
+    if (mi != 0 ? module->Mid() == mi : module->Accepts(request)) {
+      target = module;
+      break;
+    }
+  }
+  rapidjson::Value reply;
+  if (target) {
+    reply = BuildReply(request, target.get(), timeoutMs, allocator);
+  } else {
+    reply.CopyFrom(request, allocator);
+    reply.RemoveMember("DA");
+    SetMember(reply, "ST", kStatusNotHandled, allocator);
+  }
+  msg.SetCurrentIndex(index);
+  msg.CurrentCommand() = reply;
+  if (sender != nullptr) {
+    sender->OnReply(msg);
+    msg.SetCurrentIndex(index);
+  }
+  return 1;
+}
+
+}  // namespace hostsim

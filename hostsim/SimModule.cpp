@@ -1,0 +1,142 @@
+#include "hostsim/SimModule.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include "sip/SipJson.h"
+
+namespace hostsim {
+
+uint32_t CommandKey(const rapidjson::Value& command, const char* key, uint32_t def) {
+  if (!command.IsObject()) return def;
+  auto it = command.FindMember(key);
+  if (it == command.MemberEnd()) return def;
+  if (it->value.IsUint()) return it->value.GetUint();
+  if (it->value.IsString()) return SipJson::ParseLenientNumber(it->value.GetString());
+  return def;
+}
+
+std::string ToJsonText(const rapidjson::Value& value) {
+  rapidjson::StringBuffer buffer;
+  rapidjson::Writer<rapidjson::StringBuffer> writer(buffer);
+  value.Accept(writer);
+  return std::string(buffer.GetString(), buffer.GetSize());
+}
+
+std::string QuoteJson(const std::string& text) {
+  rapidjson::Value value(rapidjson::StringRef(text.data(), text.size()));
+  return ToJsonText(value);
+}
+
+bool ReplyRule::Matches(uint32_t reqOc, uint32_t reqOe, uint32_t reqOi, uint32_t reqCa) const {
+  if (oc != reqOc) return false;
+  if (oe && *oe != reqOe) return false;
+  if (oi && *oi != reqOi) return false;
+  if (ca && reqCa != kAllCabinets && *ca != reqCa) return false;
+  return true;
+}
+
+bool ReplyRule::SameKey(const ReplyRule& other) const {
+  return oc == other.oc && oe == other.oe && oi == other.oi && ca == other.ca;
+}
+
+void SimModule::Upsert(const ReplyRule& rule, bool atFront) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  for (auto it = rules_.begin(); it != rules_.end(); ++it) {
+    if (it->SameKey(rule)) {
+      rules_.erase(it);
+      break;
+    }
+  }
+  rules_.insert(atFront ? rules_.begin() : rules_.end(), rule);
+}
+
+void SimModule::AddRule(const ReplyRule& rule) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  rules_.push_back(rule);
+}
+
+void SimModule::SetInstanceCount(uint32_t countOc, uint32_t countOe, uint32_t ca,
+                                 uint32_t count) {
+  ReplyRule rule;
+  rule.oc = countOc;
+  rule.oe = countOe;
+  rule.ca = ca;
+  rule.dataJson = std::to_string(count);
+  Upsert(rule, false);
+}
+
+void SimModule::SetConfigJson(uint32_t oe, const std::string& json) {
+  ReplyRule rule;
+  rule.oc = kOcConfigRead;
+  rule.oe = oe;
+  rule.dataJson = json;
+  Upsert(rule, false);
+}
+
+void SimModule::SetConfigValue(uint32_t oe, uint32_t value) {
+  SetConfigJson(oe, std::to_string(value));
+}
+
+void SimModule::SetConfigText(uint32_t oe, const std::string& text) {
+  SetConfigJson(oe, QuoteJson(text));
+}
+
+void SimModule::SetStatusOverride(uint32_t oc, uint32_t status) {
+  ReplyRule rule;
+  rule.oc = oc;
+  rule.status = status;
+  Upsert(rule, true);
+}
+
+void SimModule::ClearRules() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  rules_.clear();
+}
+
+std::vector<ReplyRule> SimModule::Rules() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return rules_;
+}
+
+const ReplyRule* SimModule::Find(const rapidjson::Value& command) const {
+  const uint32_t oc = CommandKey(command, "OC", 0);
+  const uint32_t oe = CommandKey(command, "OE", 0);
+  const uint32_t oi = CommandKey(command, "OI", 0);
+  const uint32_t ca = CommandKey(command, "CA", 0);
+  for (const ReplyRule& rule : rules_) {
+    if (rule.Matches(oc, oe, oi, ca)) return &rule;
+  }
+  return nullptr;
+}
+
+ModuleAnswer SimModule::Answer(const rapidjson::Value& command) {
+  std::string text = ToJsonText(command);
+  std::lock_guard<std::mutex> lock(mutex_);
+  received_.push_back(std::move(text));
+  ModuleAnswer answer;
+  if (const ReplyRule* rule = Find(command)) {
+    answer.handled = true;
+    answer.status = rule->status;
+    answer.dataJson = rule->dataJson;
+    answer.delayMs = rule->delayMs;
+  }
+  return answer;
+}
+
+bool SimModule::Accepts(const rapidjson::Value& command) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return Find(command) != nullptr;
+}
+
+std::vector<std::string> SimModule::Received() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return received_;
+}
+
+void SimModule::ClearReceived() {
+  std::lock_guard<std::mutex> lock(mutex_);
+  received_.clear();
+}
+
+}  // namespace hostsim

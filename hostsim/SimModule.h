@@ -1,0 +1,108 @@
+// SimModule: a simulated lower module of the agent host, driven by data. It answers the
+// commands the host delivers to it from an ordered list of reply rules; the first rule
+// whose opcode and optional opcode extension, object id and cabinet match the command
+// gives the status, the data and a reply delay. Without a matching rule the module does
+// not handle the command (status 0x01).
+//
+// Thread safety: every member may be called from any thread; rules may be changed while
+// the host delivers commands.
+#ifndef EM_HOSTSIM_SIMMODULE_H
+#define EM_HOSTSIM_SIMMODULE_H
+
+#include <cstdint>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <rapidjson/document.h>
+
+namespace hostsim {
+
+constexpr uint32_t kStatusOk = 0x00;
+constexpr uint32_t kStatusNotHandled = 0x01;
+constexpr uint32_t kStatusTimeout = 0x0F;
+constexpr uint32_t kStatusEvent = 0xFF;
+constexpr uint32_t kAllModules = 0xFFFFFFFF;
+constexpr uint32_t kAllCabinets = 0xFFFFFFFF;
+constexpr uint32_t kOcConfigRead = 0xE001;
+
+struct ReplyRule {
+  uint32_t oc = 0;
+  std::optional<uint32_t> oe;  // unset: any opcode extension
+  std::optional<uint32_t> oi;  // unset: any object id
+  std::optional<uint32_t> ca;  // unset: any cabinet; a request to all cabinets matches any
+  uint32_t status = kStatusOk;
+  // The reply's "DA" as JSON text (any JSON value); empty: the reply carries no data.
+  std::string dataJson;
+  uint32_t delayMs = 0;
+
+  // True when the rule answers a command with these members (missing members read 0).
+  bool Matches(uint32_t oc, uint32_t oe, uint32_t oi, uint32_t ca) const;
+  // Same opcode and the same optional keys: a setter replaces such a rule.
+  bool SameKey(const ReplyRule& other) const;
+};
+
+// The answer chosen for one command.
+struct ModuleAnswer {
+  bool handled = false;  // false: no rule matched (status 0x01, no data, no delay)
+  uint32_t status = kStatusNotHandled;
+  std::string dataJson;
+  uint32_t delayMs = 0;
+};
+
+class SimModule {
+ public:
+  explicit SimModule(uint32_t mid) : mid_(mid) {}
+  SimModule(const SimModule&) = delete;
+  SimModule& operator=(const SimModule&) = delete;
+
+  uint32_t Mid() const { return mid_; }
+
+  // Appends a rule: it is matched after every rule already present.
+  void AddRule(const ReplyRule& rule);
+  // The count opcode (countOc, countOe) for cabinet `ca` answers ST 0 with DA = count.
+  // Replaces an earlier count for the same key.
+  void SetInstanceCount(uint32_t countOc, uint32_t countOe, uint32_t ca, uint32_t count);
+  // Configuration reads (OC 0xE001) of value `oe` answer ST 0 with DA = `value`, for any
+  // cabinet. Replaces an earlier value for the same OE.
+  void SetConfigValue(uint32_t oe, uint32_t value);
+  void SetConfigText(uint32_t oe, const std::string& text);
+  // DA given as JSON text (a multi-string, a struct, ...).
+  void SetConfigJson(uint32_t oe, const std::string& json);
+  // Every command with opcode `oc` answers `status` without data, before any other rule.
+  void SetStatusOverride(uint32_t oc, uint32_t status);
+  void ClearRules();
+  std::vector<ReplyRule> Rules() const;
+
+  // The answer to a command object; also records the command as received.
+  ModuleAnswer Answer(const rapidjson::Value& command);
+  // True when some rule matches the command (the host's "accepts" for unaddressed
+  // requests). Records nothing.
+  bool Accepts(const rapidjson::Value& command) const;
+
+  // The commands delivered to this module, serialised, in order of arrival.
+  std::vector<std::string> Received() const;
+  void ClearReceived();
+
+ private:
+  void Upsert(const ReplyRule& rule, bool atFront);
+  const ReplyRule* Find(const rapidjson::Value& command) const;  // REQUIRES: mutex_ held
+
+  const uint32_t mid_;
+  mutable std::mutex mutex_;
+  std::vector<ReplyRule> rules_;
+  std::vector<std::string> received_;
+};
+
+// A numeric member of a command, as the host reads it: an unsigned number, or a text
+// number ("0x.." hexadecimal, otherwise decimal); `def` when missing or of another type.
+uint32_t CommandKey(const rapidjson::Value& command, const char* key, uint32_t def);
+
+// Compact JSON text of a value; and a JSON string literal of a text.
+std::string ToJsonText(const rapidjson::Value& value);
+std::string QuoteJson(const std::string& text);
+
+}  // namespace hostsim
+
+#endif  // EM_HOSTSIM_SIMMODULE_H
