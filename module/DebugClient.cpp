@@ -175,11 +175,6 @@ CDebugTraceConfig::CDebugTraceConfig(const char* moduleName, std::string configD
   StartUpLocked();
 }
 
-void CDebugTraceConfig::StartUp() {
-  std::lock_guard<std::mutex> lock(mutex_);
-  StartUpLocked();
-}
-
 void CDebugTraceConfig::Reset(const std::string& configDir, Clock clock) {
   std::lock_guard<std::mutex> lock(mutex_);
   dir_ = configDir;

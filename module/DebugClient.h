@@ -74,9 +74,6 @@ class CDebugTraceConfig {
 
   CDebugTraceConfig(const char* moduleName, std::string configDir, Clock clock);
 
-  // Resets everything and reads the configuration of the current module from the
-  // current directory.
-  void StartUp();
   // Replaces directory and clock (nullptr: the default clock), then StartUp().
   void Reset(const std::string& configDir, Clock clock);
   // Replaces the module name (tag and section name), then StartUp().
@@ -88,6 +85,8 @@ class CDebugTraceConfig {
   std::atomic<uint32_t> level_{0};
 
  private:
+  // Resets everything and reads the configuration of the current module from the
+  // current directory.
   void StartUpLocked();
   void SetModuleNameLocked(const char* moduleName);
   void SetClockLocked(Clock clock);
