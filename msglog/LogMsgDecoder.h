@@ -1,0 +1,69 @@
+// CLogMsgDecoder: turns one old-style log record into a readable text, from the format
+// string of the message file or, without one, a fixed text of the code and raw arguments.
+//
+// Record: byte 0 low code byte, byte 1 bits 0-5 class, byte 3 argument count n,
+// bytes 8-9 and 10-11 unsigned 16-bit values, from byte 12 one 32-bit value for each
+// argument beyond the first (little-endian). Every read is checked against the given
+// length: arguments the record claims but does not hold are "missing" and show as
+// "<?N>" in the text (N = the argument's number) instead of being read.
+//
+// The placeholder syntax of format strings is described in docs/message-format.md.
+//
+// Ownership and threads: the decoder keeps a pointer to the message file, which must
+// outlive it. Decode is const and uses only const members of the file, so one decoder
+// may decode on several threads at once.
+#ifndef EM_MSGLOG_LOGMSGDECODER_H
+#define EM_MSGLOG_LOGMSGDECODER_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "msglog/LogMsgFile.h"
+
+// The class and low code byte of an inline-text record: it carries text, not arguments.
+constexpr uint8_t kInlineTextClass = 0x3F;
+// Bytes 8-9 and 10-11 both holding this mark arguments that were never set.
+constexpr uint16_t kArgsNotSetMarker = 0xCCCC;
+
+class CLogMsgDecoder {
+ public:
+  // `file` may be null: every lookup then yields no text and the fallback text results.
+  CLogMsgDecoder(const CLogMsgFile* file, LogMsgFormat format) : file_(file), format_(format) {}
+  CLogMsgDecoder(const CLogMsgFile& file, LogMsgFormat format) : file_(&file), format_(format) {}
+
+  // Appends the text of the `length` bytes at `record` to `out` (never clears it).
+  // `withCodePrefix` puts "[<code digits>] " first; `shortText` uses the ShortMsg text
+  // (fallback: at most three arguments, no "ERROR "); `designation` fills "%D";
+  // `languageName` null means "en" for the lookup.
+  // Returns 1 when a text was appended, 0 when no record was given, the record is too
+  // short to hold its code and argument count (under 4 bytes), or building failed;
+  // `out` then keeps what it had.
+  int32_t Decode(const uint8_t* record, size_t length, std::string& out, bool withCodePrefix,
+                 bool shortText, const std::string& designation,
+                 const char* languageName) const;
+
+  // One argument of a record; `present` is false when the record was too short to hold it.
+  struct Argument {
+    uint32_t value = 0;
+    bool present = false;
+  };
+
+  // Fills `format` with `args`. `argsNotSet` renders every argument placeholder as
+  // "<not set>". Never interprets `format` through printf.
+  static std::string FillFormat(const std::string& format, const std::vector<Argument>& args,
+                                const std::string& designation, LogMsgFormat logFormat,
+                                bool argsNotSet);
+
+ private:
+  std::vector<Argument> CollectArguments(const uint8_t* record, size_t length,
+                                         uint32_t errorCode, const char* langForTrace) const;
+  std::string FallbackText(uint32_t errorCode, const std::vector<Argument>& args,
+                           bool shortText) const;
+
+  const CLogMsgFile* file_;
+  LogMsgFormat format_;
+};
+
+#endif  // EM_MSGLOG_LOGMSGDECODER_H

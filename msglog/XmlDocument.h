@@ -1,0 +1,64 @@
+// CXmlDocument: a read-only XML document with a cursor, in the style the message text
+// lookups are written in: find an element among the current level's elements, step into
+// it, read its attributes and text, step out again.
+//
+// The cursor has a level (the element whose children are walked; at first the document
+// itself) and a current element on that level (none after Reset or IntoElem).
+//
+// Ownership and threads: the parsed tree is immutable once loaded and is shared by copies.
+// A copy has its own cursor, so several threads may walk one loaded document at the same
+// time, each through its own copy. A single CXmlDocument object is not synchronised.
+#ifndef EM_MSGLOG_XMLDOCUMENT_H
+#define EM_MSGLOG_XMLDOCUMENT_H
+
+#include <memory>
+#include <string>
+
+#include <pugixml.hpp>
+
+class CXmlDocument {
+ public:
+  CXmlDocument() = default;
+
+  // Parses the file at `path`, in the encoding it declares (BOM or XML declaration;
+  // UTF-8 when it declares none). Returns false for a missing, empty or malformed file
+  // or one without a root element; the document is then empty and every find fails.
+  bool Load(const std::string& path);
+  // The same for a document held in memory (UTF-8 unless it declares otherwise).
+  bool LoadFromText(const std::string& text);
+
+  bool IsLoaded() const { return doc_ != nullptr; }
+  // Describes why the last load failed; empty after a successful one.
+  const std::string& LoadError() const { return load_error_; }
+
+  // Moves the cursor to the start: the level is the document, no current element.
+  void Reset();
+  // Finds the next element named `name` on the current level after the current element
+  // (from the first one when there is none) and makes it current. A null or empty name
+  // matches any element. Returns false, leaving the cursor as it was, when none follows.
+  bool FindElem(const char* name = nullptr);
+  // Makes the current element the level; its children are walked next. False without
+  // a current element.
+  bool IntoElem();
+  // Makes the level's element current again, one level up. False at the document level.
+  bool OutOfElem();
+
+  // The attribute `name` of the current element; empty when it or the element is missing.
+  std::string GetAttrib(const char* name) const;
+  // The current element's own text (its text and CDATA children, joined); empty when it
+  // has none or there is no current element.
+  std::string GetData() const;
+  // The current element's name; empty without one.
+  std::string GetTagName() const;
+
+ private:
+  bool Finish(const pugi::xml_parse_result& result, std::shared_ptr<pugi::xml_document> doc,
+              const char* source);
+
+  std::shared_ptr<const pugi::xml_document> doc_;
+  std::string load_error_;
+  pugi::xml_node level_;    // whose children are walked
+  pugi::xml_node current_;  // null: before the level's first element
+};
+
+#endif  // EM_MSGLOG_XMLDOCUMENT_H
