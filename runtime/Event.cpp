@@ -1,0 +1,448 @@
+#include "runtime/Event.h"
+
+#include <cxxabi.h>
+#include <pthread.h>
+#include <sched.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <mutex>
+
+#include "module/DebugClient.h"
+#include "runtime/RecursiveLock.h"
+
+// The shared event. isSignaled and waiters change under `mutex`; they are atomics only
+// because Check and ChangeAttributes read (and write) them without it.
+struct CEventObject {
+  pthread_cond_t cond;
+  pthread_mutex_t mutex;
+  uint32_t refCount = 1;  // under EventLock()
+  std::atomic<uint8_t> isManual{0};
+  std::atomic<uint8_t> isSignaled{0};
+  std::unique_ptr<char[]> name;  // private copy, or none
+  std::atomic<uint32_t> waiters{0};
+  pthread_condattr_t condAttr;  // kept for the event's life
+};
+
+namespace {
+
+// Release of the last reference polls for waiters still inside Wait at this interval.
+constexpr useconds_t kReleasePollUs = 1000000;
+constexpr int64_t kNsPerSec = 1000000000;
+
+uint8_t LoadSignaled(const CEventObject* ev) {
+  return ev->isSignaled.load(std::memory_order_relaxed);
+}
+uint8_t LoadManual(const CEventObject* ev) {
+  return ev->isManual.load(std::memory_order_relaxed);
+}
+const char* NameOf(const CEventObject* ev) { return ev->name ? ev->name.get() : "anon"; }
+
+std::unique_ptr<char[]> CopyName(const char* name) {
+  size_t len = strlen(name);
+  std::unique_ptr<char[]> copy(new char[len + 1]);
+  memcpy(copy.get(), name, len + 1);
+  return copy;
+}
+
+// strcmp order, with a missing name after every present one: cleared entries sort last.
+int CompareNames(const char* a, const char* b) {
+  if (a == nullptr) return b == nullptr ? 0 : 1;
+  if (b == nullptr) return -1;
+  return strcmp(a, b);
+}
+
+struct NameEntry {
+  std::unique_ptr<char[]> name;  // owned by the table
+  CEventObject* event = nullptr;
+  uintptr_t reserved = 0;        // always 0
+};
+
+// The process-wide table of named events, kept sorted by name. REQUIRES: every member
+// is called with NameTableLock() held.
+class NamedEventTable {
+ public:
+  NameEntry* Find(const char* name) {
+    NameEntry* begin = entries_.get();
+    NameEntry* end = begin + count_;
+    NameEntry* it = std::lower_bound(begin, end, name, [](const NameEntry& e, const char* n) {
+      return CompareNames(e.name.get(), n) < 0;
+    });
+    if (it != end && CompareNames(it->name.get(), name) == 0) return it;
+    return nullptr;
+  }
+
+  // Appends an entry with a copy of `name`; the caller sorts afterwards.
+  NameEntry* Append(const char* name) {
+    if (count_ >= capacity_) Grow();
+    NameEntry* entry = &entries_[count_++];
+    entry->name = CopyName(name);
+    entry->event = nullptr;
+    entry->reserved = 0;
+    return entry;
+  }
+
+  // Frees the entry's name and drops it: it sorts to the end and falls out of the count.
+  void Remove(NameEntry* entry) {
+    entry->name.reset();
+    entry->event = nullptr;
+    Sort();
+    --count_;
+  }
+
+  void Sort() {
+    std::sort(entries_.get(), entries_.get() + count_, [](const NameEntry& a, const NameEntry& b) {
+      return CompareNames(a.name.get(), b.name.get()) < 0;
+    });
+  }
+
+  NamedEventTableStats Stats() const { return {count_, capacity_}; }
+
+ private:
+  void Grow() {
+    size_t capacity = count_ + 16;
+    std::unique_ptr<NameEntry[]> grown(new NameEntry[capacity]());
+    std::move(entries_.get(), entries_.get() + count_, grown.get());
+    entries_ = std::move(grown);
+    capacity_ = capacity;
+  }
+
+  std::unique_ptr<NameEntry[]> entries_;
+  size_t count_ = 0;
+  size_t capacity_ = 0;
+};
+
+// Never destroyed, like the locks: events may be released during static destruction.
+NamedEventTable& Table() {
+  static NamedEventTable* table = new NamedEventTable;
+  return *table;
+}
+
+// Counts the calling thread as a waiter for its scope. Leaving it (normally, or through
+// a cancellation unwinding out of the condition wait) undoes the count and unlocks.
+class WaiterScope {
+ public:
+  WaiterScope(CEventObject* ev, bool locked) : ev_(ev), locked_(locked) {
+    ev_->waiters.fetch_add(1, std::memory_order_relaxed);
+  }
+  ~WaiterScope() {
+    ev_->waiters.fetch_sub(1, std::memory_order_relaxed);
+    if (locked_) pthread_mutex_unlock(&ev_->mutex);
+  }
+  WaiterScope(const WaiterScope&) = delete;
+  WaiterScope& operator=(const WaiterScope&) = delete;
+
+ private:
+  CEventObject* ev_;
+  bool locked_;
+};
+
+const char* WaitWord(int32_t result) {
+  switch (result) {
+    case EVENT_WAIT_SIGNAL: return "SIGNAL";
+    case EVENT_WAIT_TIMEOUT: return "TIMEOUT";
+    default: return "FAILURE";
+  }
+}
+
+}  // namespace
+
+timespec EventDeadline(const timespec& now, uint32_t timeoutMs) {
+  int64_t nsec = static_cast<int64_t>(timeoutMs % 1000) * 1000000 + now.tv_nsec;
+  timespec deadline{};
+  deadline.tv_sec = now.tv_sec + static_cast<time_t>(timeoutMs / 1000) +
+                    static_cast<time_t>(nsec / kNsPerSec);
+  deadline.tv_nsec = static_cast<long>(nsec % kNsPerSec);
+  return deadline;
+}
+
+NamedEventTableStats GetNamedEventTableStats() {
+  CRecursiveLockGuard guard(NameTableLock());
+  return Table().Stats();
+}
+
+CEvent::CEvent(const CEvent& other) { *this = other; }
+
+CEvent& CEvent::operator=(const CEvent& other) {
+  if (this == &other) return *this;
+  CRecursiveLockGuard guard(EventLock());
+  closed_.store(false, std::memory_order_relaxed);
+  event_ = other.event_;
+  if (event_ != nullptr) {
+    ++event_->refCount;
+    EM_TRACE(5, "incr refcount on event %p <%s> (IsSignaled=%d,IsManual=%d)\n",
+             static_cast<void*>(event_), NameOf(event_), LoadSignaled(event_),
+             LoadManual(event_));
+  }
+  return *this;
+}
+
+void CEvent::Create(bool isSignaled, bool isManual, const char* name) {
+  event_ = nullptr;
+  closed_.store(false, std::memory_order_relaxed);
+
+  std::unique_lock<CRecursiveLock> eventLock(EventLock(), std::defer_lock);
+  if (name != nullptr) {
+    eventLock.lock();
+    CEventObject* existing = nullptr;
+    {
+      CRecursiveLockGuard tableGuard(NameTableLock());
+      NameEntry* entry = Table().Find(name);
+      if (entry != nullptr) existing = entry->event;
+    }
+    if (existing != nullptr) {
+      ++existing->refCount;
+      event_ = existing;
+      // Traced before the lock goes: another thread's Release may free the event after.
+      EM_TRACE(3, "refCount for event %p <%s> incremented (IsSignaled=%d)\n",
+               static_cast<void*>(existing), NameOf(existing), LoadSignaled(existing));
+      if (LoadManual(existing) != static_cast<uint8_t>(isManual)) {
+        EM_TRACE(1, "WARNING: manual setting mismatch for event %p <%s>\n",
+                 static_cast<void*>(existing), NameOf(existing));
+      }
+      return;
+    }
+  }
+
+  auto ev = std::make_unique<CEventObject>();
+  ev->isManual.store(isManual ? 1 : 0, std::memory_order_relaxed);
+  ev->isSignaled.store(isSignaled ? 1 : 0, std::memory_order_relaxed);
+  const char* shownName = name != nullptr ? name : "anon";
+
+  int rc = pthread_condattr_init(&ev->condAttr);
+  if (rc == 0) {
+    rc = pthread_condattr_setclock(&ev->condAttr, CLOCK_MONOTONIC);
+    if (rc != 0) pthread_condattr_destroy(&ev->condAttr);
+  }
+  if (rc != 0) {
+    EM_TRACE(3,
+             "pthread_condattr_setclock(): ## ERROR ##: Set CLOCK_MONOTONIC failed (ret=%d) for "
+             "event %p <%s> (IsSignaled=%d)\n",
+             rc, static_cast<void*>(ev.get()), shownName, isSignaled ? 1 : 0);
+    return;
+  }
+  rc = pthread_cond_init(&ev->cond, &ev->condAttr);
+  if (rc != 0) {
+    pthread_condattr_destroy(&ev->condAttr);
+    EM_TRACE(3,
+             "pthread_cond_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p "
+             "<%s> (IsSignaled=%d)\n",
+             rc, static_cast<void*>(ev.get()), shownName, isSignaled ? 1 : 0);
+    return;
+  }
+  rc = pthread_mutex_init(&ev->mutex, nullptr);
+  if (rc != 0) {
+    pthread_cond_destroy(&ev->cond);
+    pthread_condattr_destroy(&ev->condAttr);
+    EM_TRACE(3,
+             "pthread_mutex_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p "
+             "<%s> (IsSignaled=%d)\n",
+             rc, static_cast<void*>(ev.get()), shownName, isSignaled ? 1 : 0);
+    return;
+  }
+
+  if (name != nullptr) {
+    ev->name = CopyName(name);
+    CRecursiveLockGuard tableGuard(NameTableLock());
+    NamedEventTable& table = Table();
+    NameEntry* entry = table.Find(name);
+    if (entry == nullptr) entry = table.Append(name);
+    entry->event = ev.get();
+    entry->reserved = 0;
+    table.Sort();
+  }
+  event_ = ev.release();
+  if (eventLock.owns_lock()) eventLock.unlock();
+  EM_TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(event_),
+           NameOf(event_), LoadSignaled(event_));
+}
+
+void CEvent::Release() {
+  CEventObject* ev = event_;
+  if (ev == nullptr) return;
+  {
+    CRecursiveLockGuard guard(EventLock());
+    if (ev->refCount != 1) {
+      --ev->refCount;
+      EM_TRACE(5, "decr refcount on event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(ev),
+               NameOf(ev), LoadSignaled(ev));
+      return;
+    }
+    ev->refCount = 0;
+    if (ev->name) {
+      CRecursiveLockGuard tableGuard(NameTableLock());
+      NameEntry* entry = Table().Find(ev->name.get());
+      if (entry != nullptr) Table().Remove(entry);
+    }
+  }
+
+  // Threads still inside Wait hold the mutex or sleep on the condition variable.
+  pthread_mutex_lock(&ev->mutex);
+  while (ev->waiters.load(std::memory_order_relaxed) != 0) {
+    pthread_mutex_unlock(&ev->mutex);
+    usleep(kReleasePollUs);
+    pthread_mutex_lock(&ev->mutex);
+  }
+  pthread_mutex_unlock(&ev->mutex);
+  pthread_cond_destroy(&ev->cond);
+  pthread_condattr_destroy(&ev->condAttr);
+  pthread_mutex_destroy(&ev->mutex);
+  EM_TRACE(5, "deleting event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(ev), NameOf(ev),
+           LoadSignaled(ev));
+  delete ev;
+}
+
+bool CEvent::ChangeAttributes(bool isSignaled, bool isManual) {
+  CEventObject* ev = event_;
+  if (ev == nullptr || !IsOpen()) return false;
+  if (ev->waiters.load(std::memory_order_relaxed) != 0) return false;
+  uint8_t signaledNow = LoadSignaled(ev);
+  uint8_t manualNow = LoadManual(ev);
+  if (signaledNow == static_cast<uint8_t>(isSignaled) &&
+      manualNow == static_cast<uint8_t>(isManual)) {
+    return true;
+  }
+  EM_TRACE(5,
+           "Create event %p <%s>, changing attributes (IsSignaled=%d,IsManual=%d) --> "
+           "(IsSignaled=%d,IsManual=%d)\n",
+           static_cast<void*>(ev), NameOf(ev), signaledNow, manualNow, isSignaled ? 1 : 0,
+           isManual ? 1 : 0);
+  ev->isSignaled.store(isSignaled ? 1 : 0, std::memory_order_relaxed);
+  ev->isManual.store(isManual ? 1 : 0, std::memory_order_relaxed);
+  return true;
+}
+
+bool CEvent::Set() {
+  CEventObject* ev = event_;
+  if (ev == nullptr || !IsOpen()) return false;
+  int lockRc = pthread_mutex_lock(&ev->mutex);
+  EM_TRACE(5, "Set event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(ev),
+           NameOf(ev), LoadSignaled(ev));
+  ev->isSignaled.store(1, std::memory_order_relaxed);
+  int wakeRc = LoadManual(ev) ? pthread_cond_broadcast(&ev->cond) : pthread_cond_signal(&ev->cond);
+  if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
+  sched_yield();  // let a woken thread run
+  return wakeRc == 0;
+}
+
+bool CEvent::Pulse() {
+  CEventObject* ev = event_;
+  if (ev == nullptr || !IsOpen()) return false;
+  int lockRc = pthread_mutex_lock(&ev->mutex);
+  EM_TRACE(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(ev),
+           NameOf(ev), LoadSignaled(ev));
+  ev->isSignaled.store(0, std::memory_order_relaxed);
+  int wakeRc = LoadManual(ev) ? pthread_cond_broadcast(&ev->cond) : pthread_cond_signal(&ev->cond);
+  if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
+  sched_yield();
+  return wakeRc == 0;
+}
+
+bool CEvent::Reset() {
+  CEventObject* ev = event_;
+  if (ev == nullptr || !IsOpen()) return false;
+  int lockRc = pthread_mutex_lock(&ev->mutex);
+  EM_TRACE(5, "Reset event %p <%s>: IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(ev),
+           NameOf(ev), LoadSignaled(ev));
+  ev->isSignaled.store(0, std::memory_order_relaxed);
+  if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
+  return true;
+}
+
+bool CEvent::Check() {
+  CEventObject* ev = event_;
+  if (ev == nullptr || !IsOpen()) return false;
+  uint8_t signaled = LoadSignaled(ev);
+  EM_TRACE(5, "Check event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(ev), NameOf(ev),
+           signaled);
+  return signaled != 0;
+}
+
+bool CEvent::Close() {
+  CEventObject* ev = event_;
+  if (ev == nullptr || !IsOpen()) return false;
+  EM_TRACE(5, "Close event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(ev),
+           NameOf(ev), LoadSignaled(ev));
+  closed_.store(true, std::memory_order_relaxed);
+  int lockRc = pthread_mutex_lock(&ev->mutex);
+  ev->isSignaled.store(1, std::memory_order_relaxed);
+  if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
+  int wakeRc = LoadManual(ev) ? pthread_cond_broadcast(&ev->cond) : pthread_cond_signal(&ev->cond);
+  return wakeRc == 0;
+}
+
+int32_t CEvent::Wait(uint32_t timeoutMs, bool trace) {
+  CEventObject* ev = event_;
+  if (ev == nullptr || !IsOpen()) return EVENT_WAIT_FAILURE;
+  try {
+    if (trace) {
+      if (timeoutMs < EVENT_WAIT_FOREVER) {
+        EM_TRACE(5, "\nwaiting %dms on event %p", static_cast<int>(timeoutMs),
+                 static_cast<void*>(ev));
+      } else {
+        EM_TRACE(5, "\nwaiting forever on event %p", static_cast<void*>(ev));
+      }
+    }
+
+    int lockRc = pthread_mutex_lock(&ev->mutex);
+    if (LoadSignaled(ev)) {
+      if (!LoadManual(ev)) ev->isSignaled.store(0, std::memory_order_relaxed);
+      // Traced before the unlock, while the event is certainly alive.
+      if (trace) {
+        EM_TRACE(5,
+                 "event %p <%s> (IsManual=%d) has been already signaled --> New state: "
+                 "IsSignaled=%d\n",
+                 static_cast<void*>(ev), NameOf(ev), LoadManual(ev), LoadSignaled(ev));
+      }
+      if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
+      return EVENT_WAIT_SIGNAL;
+    }
+
+    int32_t result = EVENT_WAIT_FAILURE;
+    int waitRc = 0;
+    WaiterScope scope(ev, lockRc == 0);
+    if (lockRc == 0) {
+      if (timeoutMs != EVENT_WAIT_FOREVER) {
+        timespec now{};
+        clock_gettime(CLOCK_MONOTONIC, &now);
+        timespec deadline = EventDeadline(now, timeoutMs);
+        if (trace) {
+          EM_TRACE(5,
+                   "prepare time for waiting on event %p <%s> (ts_beg:sec=%ld,ts_beg:nsec=%ld) -> "
+                   "(ts:sec=%ld,ts:nsec=%ld)\n",
+                   static_cast<void*>(ev), NameOf(ev), static_cast<long>(now.tv_sec),
+                   static_cast<long>(now.tv_nsec), static_cast<long>(deadline.tv_sec),
+                   static_cast<long>(deadline.tv_nsec));
+        }
+        do {
+          waitRc = pthread_cond_timedwait(&ev->cond, &ev->mutex, &deadline);
+        } while (waitRc == EINTR);
+      } else {
+        do {
+          waitRc = pthread_cond_wait(&ev->cond, &ev->mutex);
+        } while (waitRc == EINTR);
+      }
+      // A wake-up counts as a signal even with the flag cleared (Pulse).
+      if (waitRc == 0 || LoadSignaled(ev)) {
+        result = EVENT_WAIT_SIGNAL;
+        if (!LoadManual(ev)) ev->isSignaled.store(0, std::memory_order_relaxed);
+      } else if (waitRc == ETIMEDOUT) {
+        result = EVENT_WAIT_TIMEOUT;
+      }
+    }
+    // Traced while still counted as a waiter: a concurrent last Release cannot free the
+    // event under us.
+    if (trace) {
+      EM_TRACE(5, "%s(%d,%d) on event %p <%s> (IsSignaled=%d)\n", WaitWord(result), lockRc,
+               waitRc, static_cast<void*>(ev), NameOf(ev), LoadSignaled(ev));
+    }
+    return result;
+  } catch (abi::__forced_unwind&) {
+    throw;  // thread cancellation must go on unwinding
+  } catch (...) {
+    return EVENT_WAIT_FAILURE;
+  }
+}
