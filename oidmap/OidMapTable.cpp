@@ -132,64 +132,77 @@ const std::vector<size_t>* COidMapTable::PositionsOf(uint32_t countOc, uint32_t 
 }
 
 uint32_t COidMapTable::TranslateMessage(SipJson& msg, int32_t index) const {
+  // Each member is read once: every read resolves the command path again.
   const uint32_t oc = msg.GetOpcode(index);
+  if (oc == CM_MessageLogReply) return PatchMessageLogReply(msg, index);
+  const uint32_t oe = msg.GetKey(index, "OE");
+  const uint32_t ca = msg.GetKey(index, "CA");
 
-  if (oc == CM_ExtObjectCount) return AnswerCountReply(msg, index);
+  if (oc == CM_ExtObjectCount) return AnswerCountReply(msg, index, oc, oe, ca);
 
   if (oc == CM_ReadConfigurationSpace || oc == CM_WriteConfigurationSpace) {
-    const CountOpcodeRow* row =
-        FindFirstRowOfKind(kCountKindConfigValue, msg.GetKey(index, "OE"));
-    return row ? TranslateByStatus(msg, index, row->countOc, row->countOe) : 0;
+    const CountOpcodeRow* row = FindFirstRowOfKind(kCountKindConfigValue, oe);
+    return row ? TranslateByStatus(msg, index, ca, row->countOc, row->countOe) : 0;
   }
-
-  if (oc == CM_MessageLogReply) return PatchMessageLogReply(msg, index);
 
   if (oc == CM_ExtObjectGet || oc == CM_ExtObjectSet) {
-    const uint32_t oe = msg.GetKey(index, "OE");
     const CountOpcodeRow* row = FindFirstRowOfKind(kCountKindExtObject, oe);
-    return row ? TranslateByStatus(msg, index, row->countOc, (oe >> 8) & 0xFF) : 0;
+    return row ? TranslateByStatus(msg, index, ca, row->countOc, (oe >> 8) & 0xFF) : 0;
   }
 
-  if (AnswerCountReply(msg, index)) return 1;
-  const CountOpcodeRow* row = FindFirstItemRow(oc, msg.GetKey(index, "OE"));
-  return row ? TranslateByStatus(msg, index, row->countOc, row->countOe) : 0;
+  if (AnswerCountReply(msg, index, oc, oe, ca)) return 1;
+  const CountOpcodeRow* row = FindFirstItemRow(oc, oe);
+  return row ? TranslateByStatus(msg, index, ca, row->countOc, row->countOe) : 0;
 }
 
-uint32_t COidMapTable::AnswerCountReply(SipJson& msg, int32_t index) const {
-  const TableEntry* entry = Find(msg.GetOpcode(index), msg.GetKey(index, "OE"),
-                                 msg.GetKey(index, "CA"));
+uint32_t COidMapTable::AnswerCountReply(SipJson& msg, int32_t index, uint32_t oc, uint32_t oe,
+                                        uint32_t ca) const {
+  const TableEntry* entry = Find(oc, oe, ca);
+  if (!entry) return 0;
   SipJson::Value* command = msg.Command(index);
-  if (!entry || !command) return 0;
+  if (!command) return 0;
   // Callers have always read this count as one byte; keep reporting 256 as 0.
   msg.SetKey(*command, "DA", entry->Count() & 0xFF, false);
   return 1;
 }
 
-uint32_t COidMapTable::TranslateByStatus(SipJson& msg, int32_t index, uint32_t countOc,
-                                         uint32_t countOe) const {
+uint32_t COidMapTable::TranslateByStatus(SipJson& msg, int32_t index, uint32_t ca,
+                                         uint32_t countOc, uint32_t countOe) const {
   // A missing ST also reads as 0x16: a request that nobody has answered yet.
-  return msg.GetStatus(index) == ST_PENDING ? TranslateToModule(msg, index, countOc, countOe)
-                                            : TranslateToGlobal(msg, index, countOc, countOe);
+  return msg.GetStatus(index) == ST_PENDING ? ToModule(msg, index, ca, countOc, countOe)
+                                            : ToGlobal(msg, index, ca, countOc, countOe);
 }
 
 uint32_t COidMapTable::TranslateToModule(SipJson& msg, int32_t index, uint32_t countOc,
                                          uint32_t countOe) const {
-  const TableEntry* entry = Find(countOc, countOe, msg.GetKey(index, "CA"));
+  return ToModule(msg, index, msg.GetKey(index, "CA"), countOc, countOe);
+}
+
+uint32_t COidMapTable::TranslateToGlobal(SipJson& msg, int32_t index, uint32_t countOc,
+                                         uint32_t countOe) const {
+  return ToGlobal(msg, index, msg.GetKey(index, "CA"), countOc, countOe);
+}
+
+uint32_t COidMapTable::ToModule(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
+                                uint32_t countOe) const {
+  const TableEntry* entry = Find(countOc, countOe, ca);
   if (!entry) return 0;
   const uint32_t oi = msg.GetKey(index, "OI");
+  if (oi >= entry->Count()) return 0;
   SipJson::Value* command = msg.Command(index);
-  if (oi >= entry->Count() || !command) return 0;
+  if (!command) return 0;
   const OidEntry& target = entry->oids[oi];
   msg.SetKey(*command, "MI", target.mid, false);
   msg.SetKey(*command, "OI", target.localId, false);
   return 1;
 }
 
-uint32_t COidMapTable::TranslateToGlobal(SipJson& msg, int32_t index, uint32_t countOc,
-                                         uint32_t countOe) const {
-  const TableEntry* entry = Find(countOc, countOe, msg.GetKey(index, "CA"));
+uint32_t COidMapTable::ToGlobal(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
+                                uint32_t countOe) const {
+  const TableEntry* entry = Find(countOc, countOe, ca);
+  if (!entry || entry->Count() == 0) return 0;
   SipJson::Value* command = msg.Command(index);
-  if (!entry || !command) return 0;
+  if (!command) return 0;
   const uint32_t oi = msg.GetKey(index, "OI");
   const uint32_t mi = msg.GetKey(index, "MI");
   for (uint32_t position = 0; position < entry->Count(); ++position) {

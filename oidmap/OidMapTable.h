@@ -115,9 +115,14 @@ class COidMapTable {
   };
 
   // Count-reply check: DA := count of the command's own (OC, OE, CA) entry.
-  uint32_t AnswerCountReply(SipJson& msg, int32_t index) const;
-  uint32_t TranslateByStatus(SipJson& msg, int32_t index, uint32_t countOc,
+  uint32_t AnswerCountReply(SipJson& msg, int32_t index, uint32_t oc, uint32_t oe,
+                            uint32_t ca) const;
+  uint32_t TranslateByStatus(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
                              uint32_t countOe) const;
+  uint32_t ToModule(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
+                    uint32_t countOe) const;
+  uint32_t ToGlobal(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
+                    uint32_t countOe) const;
   // Table entry positions with this count OC and cabinet, any count OE, in table order.
   const std::vector<size_t>* PositionsOf(uint32_t countOc, uint32_t ca) const;
 

@@ -1,0 +1,124 @@
+// Cost of translating one request through the OID map table, with a table of 1 and of
+// 100 cabinets, against the floor of touching the same members with RapidJSON alone.
+// The cost must not grow with the number of cabinets.
+
+#include <cstdio>
+#include <map>
+#include <set>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "module/DebugClient.h"
+#include "oidmap/CountOpcodeTable.h"
+#include "oidmap/OidMapTable.h"
+#include "sip/SipJson.h"
+#include "sip/SipStatus.h"
+
+namespace {
+
+constexpr uint32_t kItemOc = 0x0301;
+constexpr uint32_t kGlobalOi = 3;  // the second module's first instance
+constexpr uint32_t kMidFirst = 0x00010001;
+constexpr uint32_t kMidSecond = 0x00020001;
+
+// As start-up leaves it: every count request of every cabinet answered by two modules
+// with 3 and 2 instances.
+void FillTable(COidMapTable& table, uint32_t cabinets) {
+  for (uint32_t ca = 0; ca < cabinets; ++ca) {
+    std::set<uint32_t> requested;
+    for (const CountOpcodeRow* row = kCountOpcodeTable; row->countOc != 0; ++row) {
+      if (!requested.insert(CountOpcodeKey(*row)).second) continue;
+      table.AddInstances(row->countOc, row->countOe, ca, kMidFirst, 3);
+      table.AddInstances(row->countOc, row->countOe, ca, kMidSecond, 2);
+    }
+  }
+}
+
+SipJson MakeRequest(uint32_t ca) {
+  SipJson msg(kItemOc, 0, kGlobalOi, ca);
+  msg.SetStatus(ST_PENDING);
+  return msg;
+}
+
+void BM_TranslateRequest(benchmark::State& state) {
+  const uint32_t cabinets = static_cast<uint32_t>(state.range(0));
+  COidMapTable table;
+  FillTable(table, cabinets);
+  // The last cabinet: the one a walk over the table would reach last.
+  SipJson msg = MakeRequest(cabinets - 1);
+  SipJson::Value& command = *msg.Command(0);
+  for (auto _ : state) {
+    command["OI"].SetUint(kGlobalOi);  // back to the client's view
+    benchmark::DoNotOptimize(table.TranslateMessage(msg, 0));
+  }
+  if (msg.GetKey(0, "MI") != kMidSecond || msg.GetKey(0, "OI") != 0)
+    state.SkipWithError("request was not translated");
+  state.counters["table_entries"] = static_cast<double>(table.Size());
+}
+BENCHMARK(BM_TranslateRequest)->Arg(1)->Arg(100);
+
+// Floor: resolve the command, read OC and OI, write MI and OI.
+void BM_BareRapidJson(benchmark::State& state) {
+  SipJson msg = MakeRequest(0);
+  SipJson::Document& doc = msg.Doc();
+  for (auto _ : state) {
+    SipJson::Value& command = doc["SIP"]["CMD"][0];
+    command["OI"].SetUint(kGlobalOi);
+    const uint32_t oc = command["OC"].GetUint();
+    const uint32_t oi = command["OI"].GetUint();
+    benchmark::DoNotOptimize(oc);
+    auto mi = command.FindMember("MI");
+    if (mi == command.MemberEnd())
+      command.AddMember("MI", kMidSecond, doc.GetAllocator());
+    else
+      mi->value.SetUint(kMidSecond);
+    command["OI"].SetUint(oi - kGlobalOi);
+    benchmark::ClobberMemory();
+  }
+}
+BENCHMARK(BM_BareRapidJson);
+
+// Console output plus the per-iteration CPU time of each run, for the ratios (CPU time,
+// since benchmarks often share the machine with builds).
+class RatioReporter : public benchmark::ConsoleReporter {
+ public:
+  void ReportRuns(const std::vector<Run>& runs) override {
+    for (const Run& run : runs)
+      if (run.run_type == Run::RT_Iteration && !run.error_occurred)
+        nanoseconds_[run.benchmark_name()] = run.GetAdjustedCPUTime();
+    ConsoleReporter::ReportRuns(runs);
+  }
+
+  void PrintRatios() const {
+    const double floor = Get("BM_BareRapidJson");
+    const double one = Get("BM_TranslateRequest/1");
+    const double hundred = Get("BM_TranslateRequest/100");
+    if (floor <= 0 || one <= 0 || hundred <= 0) return;
+    std::printf("\nCPU time ratio translate(1 cabinet) / bare RapidJSON   : %.2f\n", one / floor);
+    std::printf("CPU time ratio translate(100 cabinets) / bare RapidJSON: %.2f\n", hundred / floor);
+    std::printf("CPU time ratio translate(100 cabinets) / (1 cabinet)   : %.2f\n", hundred / one);
+  }
+
+ private:
+  double Get(const std::string& name) const {
+    const auto it = nanoseconds_.find(name);
+    return it == nanoseconds_.end() ? 0 : it->second;
+  }
+  std::map<std::string, double> nanoseconds_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Only the trace-active test remains on the path.
+  TraceClient().SetTraceLevel(0);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  reporter.PrintRatios();
+  benchmark::Shutdown();
+  return 0;
+}
