@@ -1,0 +1,344 @@
+#include "platform/Profile.h"
+
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <cerrno>
+#include <climits>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <new>
+#include <string>
+#include <vector>
+
+#include "module/DebugClient.h"
+#include "platform/LineReader.h"
+
+namespace {
+
+struct FileCloser {
+  void operator()(FILE* f) const { fclose(f); }
+};
+using FilePtr = std::unique_ptr<FILE, FileCloser>;
+
+const char* Nil(const char* s) { return s ? s : "<nil>"; }
+
+bool IsSpace(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
+bool IsBlank(char c) { return c == ' ' || c == '\t'; }
+
+// The default as the result of a read: copied within the buffer, length returned.
+uint32_t StoreDefault(const char* section, const char* key, const char* defaultValue,
+                      char* buffer, uint32_t bufferSize) {
+  if (section == nullptr || key == nullptr || defaultValue == nullptr) return 0;
+  strncpy(buffer, defaultValue, bufferSize);
+  buffer[bufferSize - 1] = '\0';
+  return static_cast<uint32_t>(strlen(buffer));
+}
+
+// Replaces the bytes [start, end) of the file by an optional line feed and `insert`,
+// moving the rest of the file behind them, and truncates what is left over.
+bool ReplaceRegion(FILE* file, long start, long end, bool lineFeed, const std::string& insert) {
+  if (fseek(file, 0, SEEK_END) != 0) return false;
+  long length = ftell(file);
+  if (length < 0) return false;
+  if (end > length) end = length;
+  if (start < 0 || start > end) return false;
+  std::string out;
+  try {
+    out.reserve((lineFeed ? 1 : 0) + insert.size() + static_cast<size_t>(length - end));
+    if (lineFeed) out.push_back('\n');
+    out += insert;
+    out.resize(out.size() + static_cast<size_t>(length - end));
+  } catch (const std::bad_alloc&) {
+    return false;
+  }
+  size_t restAt = out.size() - static_cast<size_t>(length - end);
+  if (fseek(file, end, SEEK_SET) != 0) return false;
+  if (fread(&out[restAt], 1, out.size() - restAt, file) != out.size() - restAt) return false;
+  if (fseek(file, start, SEEK_SET) != 0) return false;
+  if (!out.empty() && fwrite(out.data(), 1, out.size(), file) != out.size()) return false;
+  if (fflush(file) != 0) return false;
+  long now = ftell(file);
+  return now >= 0 && ftruncate(fileno(file), now) == 0;
+}
+
+// Appends `text` at the end of the file, after a line feed when the last line lacks one.
+bool AppendText(FILE* file, std::string text) {
+  if (fseek(file, 0, SEEK_END) != 0) return false;
+  long length = ftell(file);
+  if (length < 0) return false;
+  if (length > 0 && text[0] != '\n') {
+    if (fseek(file, -1, SEEK_END) != 0) return false;
+    if (getc(file) != '\n') text.insert(0, 1, '\n');
+    if (fseek(file, 0, SEEK_END) != 0) return false;
+  }
+  return fwrite(text.data(), 1, text.size(), file) == text.size() && fflush(file) == 0;
+}
+
+std::string NewSection(const char* section, const std::string& keyLine) {
+  return std::string("\n[") + section + "]\n\n" + keyLine;
+}
+
+// The file does not exist yet: create it with the section and the key line.
+bool CreateProfile(const char* path, const char* section, const std::string& keyLine) {
+  bool created = true;
+  int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_EXCL, 0644);
+  if (fd < 0 && errno == EEXIST) {  // made by someone else meanwhile
+    created = false;
+    fd = open(path, O_WRONLY | O_APPEND);
+  }
+  if (fd < 0) {
+    EM_TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", path);
+    return false;
+  }
+  if (created) fchmod(fd, 0644);  // independent of the process's umask
+  std::string text = NewSection(section, keyLine);
+  size_t done = 0;
+  while (done < text.size()) {
+    ssize_t n = write(fd, text.data() + done, text.size() - done);
+    if (n < 0 && errno == EINTR) continue;
+    if (n <= 0) break;
+    done += static_cast<size_t>(n);
+  }
+  bool ok = close(fd) == 0 && done == text.size();
+  return ok;
+}
+
+bool WriteProfile(const char* section, const char* key, const char* value, const char* path) {
+  const std::string keyLine =
+      key && value ? std::string(key) + "=" + value + "\n" : std::string();
+  FilePtr file(fopen(path, "r+"));
+  if (!file) {
+    if (errno == ENOENT) {
+      if (key == nullptr || value == nullptr) return true;  // nothing to delete
+      return CreateProfile(path, section, keyLine);
+    }
+    EM_TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", path);
+    return false;
+  }
+
+  const size_t sectionLength = strlen(section);
+  bool open = false;
+  long sectionStart = 0;
+  int lineCounter = 0;
+  long noted = -1;  // start of the blank and comment lines above the next line
+  platform_detail::BoundedLine line;
+  for (;;) {
+    long lineStart = ftell(file.get());
+    if (lineStart < 0) return false;
+    if (!platform_detail::ReadBoundedLine(file.get(), kProfileLineBytes, &line)) break;
+    long lineEnd = ftell(file.get());
+    if (lineEnd < 0) return false;
+    const std::string& t = line.text;
+    if (t.empty() || t[0] == ';') {
+      if (noted < 0) noted = lineStart;
+      continue;
+    }
+    const long position = noted >= 0 ? noted : lineStart;
+    noted = -1;
+
+    if (t[0] == '[') {
+      if (open) {
+        // The section ends here without the key.
+        if (key == nullptr) return ReplaceRegion(file.get(), sectionStart, position, false, "");
+        if (value == nullptr) return false;
+        return ReplaceRegion(file.get(), position, position, false, keyLine);
+      }
+      if (t.compare(1, sectionLength, section) == 0 && t.size() > sectionLength + 1 &&
+          t[sectionLength + 1] == ']') {
+        open = true;
+        sectionStart = position;
+        lineCounter = 0;
+      }
+      continue;
+    }
+    if (!open) continue;
+    ++lineCounter;
+    size_t eq = t.find('=');
+    if (eq == std::string::npos || key == nullptr) continue;
+    size_t keyEnd = eq;
+    while (keyEnd > 0 && IsBlank(t[keyEnd - 1])) --keyEnd;
+    if (t.compare(0, keyEnd, key) == 0) {
+      // The first key line's region swallowed the empty line below the header.
+      return ReplaceRegion(file.get(), position, lineEnd, lineCounter < 2, keyLine);
+    }
+  }
+
+  if (key != nullptr && value != nullptr) {
+    return AppendText(file.get(), open ? keyLine : NewSection(section, keyLine));
+  }
+  if (key == nullptr && open) {
+    if (fseek(file.get(), 0, SEEK_END) != 0) return false;
+    long end = ftell(file.get());
+    return end >= 0 && ReplaceRegion(file.get(), sectionStart, end, false, "");
+  }
+  return false;
+}
+
+}  // namespace
+
+uint32_t GetPrivateProfileString(const char* section, const char* key,
+                                 const char* defaultValue, char* buffer, uint32_t bufferSize,
+                                 const char* filePath) {
+  if (buffer == nullptr || bufferSize == 0) return 0;
+  buffer[0] = '\0';
+  FilePtr file(filePath ? fopen(filePath, "r") : nullptr);
+  if (!file) {
+    EM_TRACE(4, "GetPrivateProfileString: Cannot open %s\n", Nil(filePath));
+    return StoreDefault(section, key, defaultValue, buffer, bufferSize);
+  }
+
+  const bool list = section == nullptr || key == nullptr;
+  const size_t sectionLength = section ? strlen(section) : 0;
+  const int64_t stopAt = static_cast<int64_t>(bufferSize) - 2;
+  uint32_t count = 0;
+  auto put = [&](char c) {
+    if (count < bufferSize) buffer[count++] = c;
+  };
+  auto putText = [&](const char* begin, const char* end) {
+    for (const char* p = begin; p < end && count < bufferSize; ++p) put(*p);
+  };
+
+  bool inSection = false;
+  platform_detail::BoundedLine line;
+  while (static_cast<int64_t>(count) < stopAt &&
+         platform_detail::ReadBoundedLine(file.get(), kProfileLineBytes, &line)) {
+    std::string& t = line.text;
+    size_t first = 0;
+    while (first < t.size() && IsSpace(t[first])) ++first;
+    if (first == t.size() || t[first] == ';') continue;
+    size_t semicolon = t.find(';', first);
+    if (semicolon != std::string::npos) t.resize(semicolon);
+    while (t.size() > first && IsSpace(t.back())) t.pop_back();
+    const char* p = t.c_str() + first;
+    const char* end = t.c_str() + t.size();
+
+    if (*p == '[') {
+      if (inSection) break;
+      if (section == nullptr) {
+        const char* close = strchr(p, ']');
+        if (close == nullptr) continue;
+        putText(p + 1, close);
+        put('\0');
+        continue;
+      }
+      if (strncmp(p + 1, section, sectionLength) == 0 && p[1 + sectionLength] == ']') {
+        inSection = true;
+      }
+      continue;
+    }
+    if (!inSection) continue;
+    const char* eq = strchr(p, '=');
+    if (eq == nullptr) continue;
+    const char* keyEnd = eq;
+    while (keyEnd > p && IsSpace(keyEnd[-1])) --keyEnd;
+    if (key == nullptr) {
+      putText(p, keyEnd);
+      put('\0');
+      continue;
+    }
+    if (static_cast<size_t>(keyEnd - p) == strlen(key) && strncmp(p, key, keyEnd - p) == 0) {
+      const char* v = eq + 1;
+      while (v < end && IsSpace(*v)) ++v;
+      putText(v, end);
+      break;
+    }
+  }
+  file.reset();
+
+  if (count == 0) return StoreDefault(section, key, defaultValue, buffer, bufferSize);
+  if (count >= bufferSize) {
+    if (list) {
+      if (bufferSize < 2) {
+        buffer[0] = '\0';
+        return 0;
+      }
+      buffer[bufferSize - 2] = '\0';
+      buffer[bufferSize - 1] = '\0';
+      return bufferSize - 2;
+    }
+    count = bufferSize - 1;
+  }
+  buffer[count] = '\0';  // for a list, the extra NUL after the last name's own
+  return count;
+}
+
+bool WritePrivateProfileString(const char* section, const char* key, const char* value,
+                               const char* filePath) {
+  if (section == nullptr) {
+    EM_TRACE(4, "WritePrivateProfileString: ## WARNING: invalid pointer to AppName\n");
+    return false;
+  }
+  if (filePath == nullptr) {
+    EM_TRACE(4, "WritePrivateProfileString: ## WARNING: invalid pointer to FileName\n");
+    return false;
+  }
+  EM_TRACE(4, "WritePrivateProfileString(%s, %s, %s, %s)\n", section, Nil(key), Nil(value),
+           filePath);
+  bool rc = WriteProfile(section, key, value, filePath);
+  EM_TRACE(4, "WritePrivateProfileString rc=0x%04x\n", rc ? 1u : 0u);
+  return rc;
+}
+
+int32_t GetPrivateProfileInt(const char* section, const char* key, int32_t defaultValue,
+                             const char* filePath) {
+  char text[64];
+  if (GetPrivateProfileString(section, key, "", text, sizeof text, filePath) == 0) {
+    return defaultValue;
+  }
+  char* end = nullptr;
+  long long value = strtoll(text, &end, 10);
+  if (end == text) return defaultValue;
+  if (value > INT32_MAX) return INT32_MAX;
+  if (value < INT32_MIN) return INT32_MIN;
+  return static_cast<int32_t>(value);
+}
+
+bool WritePrivateProfileInt(const char* section, const char* key, int32_t value,
+                            const char* filePath) {
+  char text[16];
+  snprintf(text, sizeof text, "%d", value);
+  return WritePrivateProfileString(section, key, text, filePath);
+}
+
+bool WritePrivateProfileUInt(const char* section, const char* key, uint32_t value,
+                             const char* filePath) {
+  char text[16];
+  snprintf(text, sizeof text, "%u", value);
+  return WritePrivateProfileString(section, key, text, filePath);
+}
+
+bool CopyPrivateProfileSection(const char* fromPath, const char* fromSection,
+                               const char* toPath, const char* toSection) {
+  if (fromSection == nullptr || toSection == nullptr) return false;
+  // A listing that reaches bufferSize - 2 may be incomplete: grow until it does not.
+  constexpr uint32_t kMaxListBytes = 1u << 20;
+  std::vector<char> keys(4096);
+  uint32_t length = 0;
+  for (;;) {
+    const uint32_t size = static_cast<uint32_t>(keys.size());
+    length = GetPrivateProfileString(fromSection, nullptr, nullptr, keys.data(), size, fromPath);
+    if (length + 2 < size) break;
+    if (size >= kMaxListBytes) return false;
+    keys.assign(size * 2, '\0');
+  }
+  // Read every value before writing, so that copying within one file reads the original.
+  std::vector<std::pair<std::string, std::string>> pairs;
+  for (uint32_t at = 0; at < length && keys[at] != '\0';) {
+    std::string name(&keys[at]);
+    at += static_cast<uint32_t>(name.size()) + 1;
+    char value[kProfileLineBytes];
+    GetPrivateProfileString(fromSection, name.c_str(), "", value, sizeof value, fromPath);
+    pairs.emplace_back(std::move(name), value);
+  }
+  bool ok = true;
+  for (const auto& pair : pairs) {
+    ok = WritePrivateProfileString(toSection, pair.first.c_str(), pair.second.c_str(), toPath) &&
+         ok;
+  }
+  return ok;
+}

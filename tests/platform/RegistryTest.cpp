@@ -1,0 +1,246 @@
+#include <sys/stat.h>
+
+#include <cstring>
+#include <vector>
+
+#include "platform/Registry.h"
+#include "platform/RegistryPaths.h"
+#include "tests/platform/PlatformTestUtil.h"
+
+namespace {
+
+using hostsim::Sink;
+
+class RegistryTest : public platform_test::TempDirTest {
+ protected:
+  LSTATUS SetString(CRegistry& reg, HKEY key, const char* name, const std::string& text,
+                    int32_t type = REG_SZ) {
+    return reg.SetValue(key, name, type, reinterpret_cast<const uint8_t*>(text.c_str()),
+                        static_cast<uint32_t>(text.size() + 1));
+  }
+  std::string GetString(CRegistry& reg, const char* path, const char* name) {
+    std::string out = "<missing>";
+    reg.GetString(HKEY_LOCAL_MACHINE, path, name, &out);
+    return out;
+  }
+};
+
+TEST_F(RegistryTest, SaveWritesExactFormatAndReloadGivesSameValues) {
+  {
+    CRegistry reg(dir_);
+    HKEY key = 0;
+    ASSERT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, "A\\B", &key), ERROR_SUCCESS);
+    const uint8_t bytes[] = {1, 255};
+    int32_t number = -5;
+    EXPECT_EQ(reg.SetValue(key, "bin", REG_BINARY, bytes, 2), ERROR_SUCCESS);
+    EXPECT_EQ(reg.SetValue(key, "num", REG_DWORD, reinterpret_cast<uint8_t*>(&number), 4),
+              ERROR_SUCCESS);
+    EXPECT_EQ(SetString(reg, key, "str", "x=y"), ERROR_SUCCESS);
+    EXPECT_EQ(SetString(reg, key, "exp", "$HOME/x", REG_EXPAND_SZ), ERROR_SUCCESS);
+    EXPECT_EQ(reg.SetValue(key, "notext", REG_SZ, nullptr, 0), ERROR_SUCCESS);
+    EXPECT_EQ(reg.SetValue(key, "empty", REG_BINARY, nullptr, 0), ERROR_SUCCESS);
+    EXPECT_FALSE(reg.IsDirty());
+  }
+  EXPECT_EQ(Read("registry"),
+            "[HKEY_CLASSES_ROOT]\n\n[HKEY_CURRENT_CONFIG]\n\n[HKEY_CURRENT_USER]\n\n"
+            "[HKEY_LOCAL_MACHINE]\n[A]\n[B]\n"
+            "bin=b=01 ff \nempty=b=\nexp=es=$HOME/x\nnum=d=-5\nstr=s=x=y\n"
+            "\n\n\n[HKEY_USERS]\n\n\n");
+
+  CRegistry again(dir_);
+  HKEY key = 0;
+  ASSERT_EQ(again.OpenKey(HKEY_LOCAL_MACHINE, "\\A\\\\B\\", &key), ERROR_SUCCESS);
+  uint8_t data[8] = {};
+  uint32_t type = 0, count = sizeof data;
+  ASSERT_EQ(again.QueryValue(key, "bin", &type, data, &count), ERROR_SUCCESS);
+  EXPECT_EQ(type, static_cast<uint32_t>(REG_BINARY));
+  ASSERT_EQ(count, 2u);
+  EXPECT_EQ(data[0], 1);
+  EXPECT_EQ(data[1], 255);
+  count = sizeof data;
+  ASSERT_EQ(again.QueryValue(key, "num", &type, data, &count), ERROR_SUCCESS);
+  int32_t number = 0;
+  memcpy(&number, data, 4);
+  EXPECT_EQ(number, -5);
+  EXPECT_EQ(GetString(again, "A\\B", "str"), "x=y");
+  EXPECT_EQ(GetString(again, "A\\B", "exp"), "$HOME/x");
+  EXPECT_EQ(GetString(again, "A\\B", "notext"), "<missing>");  // never written
+}
+
+TEST_F(RegistryTest, NameWithEqualsSignCannotSurviveTheFile) {
+  CRegistry reg(dir_);
+  EXPECT_EQ(SetString(reg, HKEY_USERS, "a=b", "v"), ERROR_INVALID_PARAMETER);
+
+  // Written by hand, the first '=' splits it: "a" with an unknown marker "=b=s=v".
+  CRegistryNode node;
+  node.SetValue("a=b", RegistryValue::String("v"));
+  FILE* file = tmpfile();
+  ASSERT_TRUE(node.Write(file));
+  rewind(file);
+  CRegistryNode read;
+  read.Read(file);
+  fclose(file);
+  RegistryValue value;
+  EXPECT_FALSE(read.GetValue("a=b", &value));
+  ASSERT_TRUE(read.GetValue("a", &value));
+  EXPECT_EQ(value.type, REG_BINARY);
+  EXPECT_TRUE(value.bytes.empty());
+  EXPECT_TRUE(Sink().Contains("holds junk"));
+}
+
+TEST_F(RegistryTest, RestoreFallsBackToBackupThenDefault) {
+  Write("registry.default", "[HKEY_LOCAL_MACHINE]\nfrom=s=default\n\n");
+  Write("registry.old", "[HKEY_LOCAL_MACHINE]\nfrom=s=old\n\n");
+  Write("registry", std::string("\x01\x02\0\xff garbage\n\x7f", 15));
+  {
+    CRegistry reg(dir_);
+    EXPECT_EQ(GetString(reg, "", "from"), "old");
+    EXPECT_TRUE(Sink().HasLine("CRegistry: WARNING: Node restoring from \"" + Path("registry") +
+                               "\" failed - check the content of this file\n"));
+    EXPECT_TRUE(Sink().HasLine("CRegistry: WARNING: Could not restore tree from \"" +
+                               Path("registry") + "\", trying backup\n"));
+  }
+  Write("registry", "");
+  std::remove(Path("registry.old").c_str());
+  {
+    CRegistry reg(dir_);
+    EXPECT_EQ(GetString(reg, "", "from"), "default");
+    EXPECT_TRUE(Sink().HasLine("CRegistry: WARNING: The length of \"" + Path("registry") +
+                               "\" is not sufficient\n"));
+    EXPECT_TRUE(reg.IsDirty());  // the missing predefined keys were added, not yet saved
+    EXPECT_EQ(Read("registry"), "");
+  }
+  std::remove(Path("registry.default").c_str());
+  CRegistry reg(dir_);
+  reg.SetupTree(false);
+  EXPECT_TRUE(Sink().HasLine("CRegistry: ERROR: Could not restore tree from \"" +
+                             Path("registry.default") + "\", restoring failed\n"));
+  EXPECT_EQ(reg.Root()->KeyNames().size(), 5u);
+  EXPECT_TRUE(reg.SaveTree());  // an empty "registry" is replaced, not kept as backup
+  EXPECT_FALSE(Exists("registry.old"));
+
+  CRegistry reloaded(dir_);
+  reloaded.SetupTree(false);
+  EXPECT_FALSE(reloaded.IsDirty());  // an unchanged tree is not written back
+  Write("registry.old", "marker");
+  EXPECT_TRUE(reloaded.SaveTree());
+  EXPECT_EQ(Read("registry.old"), "marker");
+}
+
+TEST_F(RegistryTest, EmptyLineEndsSectionAndBadLinesAreSkipped) {
+  const std::string longLine = std::string(1023, 'x') + "[Evil]\n";
+  Write("registry",
+        "[HKEY_LOCAL_MACHINE]\n[K]\na=s=1\n\nb=s=2\n" + longLine +
+            "junk without marker\nq=q=1\nd=d=abc\nn=d=42\nbin=b=01 zz 02\n[noclose\n"
+            "last=s=no line feed");
+  CRegistry reg(dir_);
+  EXPECT_EQ(GetString(reg, "K", "a"), "1");
+  EXPECT_EQ(GetString(reg, "K", "b"), "<missing>");
+  EXPECT_EQ(GetString(reg, "", "b"), "2");
+  EXPECT_EQ(GetString(reg, "", "last"), "no line feed");
+  std::shared_ptr<CRegistryNode> hklm = reg.Root()->FindKey("HKEY_LOCAL_MACHINE");
+  EXPECT_EQ(hklm->KeyNames(), std::vector<std::string>{"K"});  // no "Evil", no "noclose"
+  EXPECT_EQ(hklm->ValueNames(), (std::vector<std::string>{"b", "bin", "last", "n"}));
+  RegistryValue bin;
+  ASSERT_TRUE(hklm->GetValue("bin", &bin));
+  EXPECT_EQ(bin.bytes, std::vector<uint8_t>{1});
+}
+
+TEST_F(RegistryTest, DeepNestingIsBoundedAndKeepsStructure) {
+  std::string text = "[HKEY_LOCAL_MACHINE]\n";
+  for (int i = 0; i < 200; ++i) text += "[k]\n";
+  text += "deep=s=1\n" + std::string(200, '\n') + "after=s=2\n\n";
+  Write("registry", text);
+  CRegistry reg(dir_);
+  EXPECT_EQ(GetString(reg, "", "after"), "2");
+  EXPECT_TRUE(Sink().Contains("nested deeper than 64 levels skipped"));
+  std::shared_ptr<CRegistryNode> node = reg.Root()->FindKey("HKEY_LOCAL_MACHINE");
+  int depth = 1;
+  while ((node = node->FindKey("k")) != nullptr) ++depth;
+  EXPECT_EQ(depth, kRegistryMaxDepth);
+}
+
+TEST_F(RegistryTest, FailedSaveLeavesPreviousFilesInPlace) {
+  CRegistry reg(dir_);
+  ASSERT_EQ(SetString(reg, HKEY_LOCAL_MACHINE, "v", "one"), ERROR_SUCCESS);
+  ASSERT_EQ(SetString(reg, HKEY_LOCAL_MACHINE, "v", "two"), ERROR_SUCCESS);
+  const std::string saved = Read("registry");
+  ASSERT_NE(saved.find("v=s=two"), std::string::npos);
+  ASSERT_NE(Read("registry.old").find("v=s=one"), std::string::npos);
+
+  ASSERT_EQ(mkdir(Path("registry.new").c_str(), 0755), 0);
+  EXPECT_EQ(SetString(reg, HKEY_LOCAL_MACHINE, "v", "three"), ERROR_SUCCESS);
+  EXPECT_TRUE(reg.IsDirty());
+  EXPECT_FALSE(reg.SaveTree());
+  EXPECT_TRUE(Sink().HasLine("CRegistry: ERROR: Cannot open \"" + Path("registry.new") +
+                             "\" for writing\n"));
+  EXPECT_EQ(Read("registry"), saved);
+  EXPECT_NE(Read("registry.old").find("v=s=one"), std::string::npos);
+
+  ASSERT_EQ(rmdir(Path("registry.new").c_str()), 0);
+  EXPECT_TRUE(reg.SaveTree());
+  EXPECT_FALSE(Exists("registry.new"));
+  EXPECT_EQ(Read("registry.old"), saved);
+  CRegistry reread(dir_);
+  EXPECT_EQ(GetString(reread, "", "v"), "three");
+}
+
+TEST_F(RegistryTest, HandleMisuseFailsCleanly) {
+  CRegistry reg(dir_);
+  HKEY parent = 0, child = 0, stale = 0x1234;
+  EXPECT_EQ(reg.OpenKey(stale, "x", &parent), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(reg.OpenKey(HKEY_LOCAL_MACHINE, "Nope", &parent), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, "bad]name", &parent), ERROR_INVALID_PARAMETER);
+  ASSERT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, "P", &parent), ERROR_SUCCESS);
+  ASSERT_EQ(reg.CreateKey(parent, "C", &child), ERROR_SUCCESS);
+  ASSERT_EQ(SetString(reg, child, nullptr, "default value"), ERROR_SUCCESS);
+  EXPECT_TRUE(Sink().HasLine("CRegistry::SetValue \"<null>\" 1 14\n"));
+
+  uint32_t count = 4;
+  char small[4];
+  EXPECT_EQ(reg.QueryValue(child, "", nullptr, reinterpret_cast<uint8_t*>(small), &count),
+            ERROR_MORE_DATA);
+  EXPECT_EQ(count, 14u);
+  EXPECT_EQ(reg.QueryValue(child, "", nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
+  EXPECT_TRUE(Sink().HasLine("CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n"));
+  EXPECT_EQ(reg.QueryValue(child, "missing", nullptr, nullptr, &count), ERROR_FILE_NOT_FOUND);
+  EXPECT_EQ(reg.SetValue(child, "t", 7, nullptr, 0), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(reg.SetValue(child, "d", REG_DWORD, nullptr, 2), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(SetString(reg, child, "long", std::string(2000, 'x')), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(SetString(reg, child, "nl", "a\nb"), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(reg.DeleteValue(child, "missing"), ERROR_FILE_NOT_FOUND);
+
+  EXPECT_EQ(reg.DeleteKey(HKEY_LOCAL_MACHINE, "P"), ERROR_ACCESS_DENIED);
+  EXPECT_EQ(reg.DeleteKey(HKEY_LOCAL_MACHINE, ""), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(reg.DeleteKey(parent, "C"), ERROR_SUCCESS);
+  EXPECT_TRUE(Sink().HasLine("CRegistryNode::deleteNode \"C\"\n"));
+  EXPECT_EQ(reg.QueryValue(child, "", nullptr, nullptr, &count), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(SetString(reg, child, "v", "x"), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(reg.CloseKey(child), ERROR_SUCCESS);
+  EXPECT_EQ(reg.CloseKey(child), ERROR_INVALID_HANDLE);
+
+  reg.InitClass();  // re-reading the tree invalidates the handles handed out before
+  EXPECT_EQ(reg.OpenKey(parent, nullptr, &child), ERROR_INVALID_HANDLE);
+  EXPECT_EQ(reg.OpenKey(HKEY_LOCAL_MACHINE, "P", &child), ERROR_SUCCESS);
+  EXPECT_EQ(reg.CloseKey(HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
+}
+
+TEST_F(RegistryTest, MessageFileDirectoryPrecedence) {
+  CRegistry reg(dir_);
+  EXPECT_EQ(MessageFileDirectoryFromRegistry(reg), "");
+  HKEY uuid = 0, steward = 0;
+  ASSERT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, kNodeStewardUuidKey, &uuid), ERROR_SUCCESS);
+  ASSERT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, kNodeStewardKey, &steward), ERROR_SUCCESS);
+  SetString(reg, uuid, "Node Steward", "/opt/ns/");
+  EXPECT_EQ(MessageFileDirectoryFromRegistry(reg), "/opt/ns/Bin");
+  SetString(reg, steward, "Setup", "/setup");
+  EXPECT_EQ(MessageFileDirectoryFromRegistry(reg), "/setup/Bin");
+  SetString(reg, steward, "FileRoot", "/files");
+  EXPECT_EQ(MessageFileDirectoryFromRegistry(reg), "/files/Bin");
+  SetString(reg, steward, "BinRoot", "");  // empty counts as not set
+  EXPECT_EQ(MessageFileDirectoryFromRegistry(reg), "/files/Bin");
+  SetString(reg, steward, "BinRoot", "/bin/here");
+  EXPECT_EQ(MessageFileDirectoryFromRegistry(reg), "/bin/here");
+}
+
+}  // namespace
