@@ -177,9 +177,11 @@ bool SipJson::Parse(const std::string& text) {
     rapidjson::MemoryStream ms(text.data(), text.size());
     rapidjson::Reader reader;
     rapidjson::ParseResult result;
+    // Full precision: hosts re-parse serialised messages, and numbers must not drift.
     auto generate = [&](Document& handler) {
       DepthLimitedHandler limited(handler, kMaxParseDepth);
-      result = reader.Parse<rapidjson::kParseIterativeFlag>(ms, limited);
+      result = reader.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseFullPrecisionFlag>(
+          ms, limited);
       return !result.IsError();
     };
     parsed.Populate(generate);

@@ -117,6 +117,10 @@ TEST(SipJsonHostApi, ParseSerializeRoundTrip) {
   EXPECT_EQ(msg.Serialize(), text);
   SipJson again = FromText(msg.Serialize());
   EXPECT_EQ(again.Serialize(), text);
+
+  // Doubles survive repeated hops through text unchanged.
+  const std::string once = FromText(R"({"d":[3000E-58,0.1,1e308]})").Serialize();
+  EXPECT_EQ(FromText(once).Serialize(), once);
 }
 
 TEST(SipJsonHostApi, ParseRejectsToAnEmptyMessage) {
