@@ -232,69 +232,72 @@ uint32_t COidMapTable::PatchLogRecords(SipJson& msg, int32_t index, bool toModul
 
   const size_t size = raw->Size();
   const uint32_t ca = msg.GetKey(index, "CA");
-  uint32_t mi = msg.GetKey(index, "MI");
+  const uint32_t mid = msg.GetKey(index, "MI");
+  uint32_t mi = mid;
   uint32_t patched = 0;
 
   for (size_t record = 0; record + kLogHeaderBytes <= size;) {
     const uint8_t byte0 = ByteAt(*raw, record);
     const uint32_t entity = ByteAt(*raw, record + 1) & 0x3F;
     const size_t length = LogRecordLength(byte0, entity, ByteAt(*raw, record + 3));
-
     if (entity != kLogInlineTextEntity && record + kLogShortRecordBytes <= size) {
       for (const CountOpcodeRow* row : FindRowsOfKind(kCountKindLogEntity, entity)) {
-        const uint32_t oid = ReadOid(*raw, record);
-        const std::vector<size_t>* positions = PositionsOf(row->countOc, ca);
-        if (!positions) continue;
-
-        if (!toModule) {
-          const TableEntry& entry = entries_[positions->front()];
-          EM_TRACE(3, "\nEM_OIDMAP           : OID map table entry for CABID 0x%04X OC 0x%04X found!",
-                   ca, row->countOc);
-          for (uint32_t position = 0; position < entry.Count(); ++position) {
-            const OidEntry& candidate = entry.oids[position];
-            EM_TRACE(3, "\nEM_OIDMAP           : Compare map table values:");
-            EM_TRACE(3, "\nEM_OIDMAP           :   MsgLog OID 0x%04X <-> MAP OID 0x%04X", oid,
-                     candidate.localId);
-            EM_TRACE(3, "\nEM_OIDMAP           :   SIP MID 0x%04X%04X <-> MAP MID 0x%08X%08X",
-                     MidHigh(mi), MidLow(mi), MidHigh(candidate.mid), MidLow(candidate.mid));
-            if (candidate.localId == oid && candidate.mid == mi) {
-              EM_TRACE(2, "\nEM_OIDMAP           : Messag log reply OID patched from 0x%04X to 0x%04X",
-                       oid, position);
-              WriteOid(*raw, record, position);
-              ++patched;
-              break;
-            }
-          }
-          continue;
-        }
-
-        for (size_t at : *positions) {
-          const TableEntry& entry = entries_[at];
-          if (entry.Count() == 0) continue;
-          bool done = false;
-          for (uint32_t position = 0; position < entry.Count(); ++position) {
-            if (entry.oids[position].mid == mi && entry.oids[position].localId == oid) {
-              // The record now names the instance globally; no single module owns it.
-              mi = 0;
-              msg.SetKey(*command, "MI", 0, true);
-              raw = RawBytesOf(*command);  // removing a member moves the others
-              WriteOid(*raw, record, position);
-              done = true;
-              break;
-            }
-          }
-          if (!done && oid < entry.Count()) {
-            WriteOid(*raw, record, entry.oids[oid].localId);
-            done = true;
-          }
-          if (done) {
-            ++patched;
-            break;
-          }
-        }
+        patched += toModule ? PatchRecordToModule(*raw, record, ca, row->countOc, mi)
+                            : PatchRecordToGlobal(*raw, record, ca, row->countOc, mi);
       }
     }
     record += length;
   }
+  // Removed last: removing a member moves the command's other members.
+  if (mi != mid) msg.SetKey(*command, "MI", 0, true);
   return patched != 0 ? 1 : 0;
+}
+
+uint32_t COidMapTable::PatchRecordToGlobal(SipJson::Value& raw, size_t record, uint32_t ca,
+                                           uint32_t countOc, uint32_t mi) const {
+  const std::vector<size_t>* positions = PositionsOf(countOc, ca);
+  if (!positions) return 0;
+  const TableEntry& entry = entries_[positions->front()];
+  EM_TRACE(3, "\nEM_OIDMAP           : OID map table entry for CABID 0x%04X OC 0x%04X found!",
+           ca, countOc);
+  const uint32_t oid = ReadOid(raw, record);
+  for (uint32_t position = 0; position < entry.Count(); ++position) {
+    const OidEntry& candidate = entry.oids[position];
+    EM_TRACE(3, "\nEM_OIDMAP           : Compare map table values:");
+    EM_TRACE(3, "\nEM_OIDMAP           :   MsgLog OID 0x%04X <-> MAP OID 0x%04X", oid,
+             candidate.localId);
+    EM_TRACE(3, "\nEM_OIDMAP           :   SIP MID 0x%04X%04X <-> MAP MID 0x%08X%08X",
+             MidHigh(mi), MidLow(mi), MidHigh(candidate.mid), MidLow(candidate.mid));
+    if (candidate.localId == oid && candidate.mid == mi) {
+      EM_TRACE(2, "\nEM_OIDMAP           : Messag log reply OID patched from 0x%04X to 0x%04X",
+               oid, position);
+      WriteOid(raw, record, position);
+      return 1;
+    }
+  }
+  return 0;
+}
+
+uint32_t COidMapTable::PatchRecordToModule(SipJson::Value& raw, size_t record, uint32_t ca,
+                                           uint32_t countOc, uint32_t& mi) const {
+  const std::vector<size_t>* positions = PositionsOf(countOc, ca);
+  if (!positions) return 0;
+  const uint32_t oid = ReadOid(raw, record);
+  for (size_t at : *positions) {
+    const TableEntry& entry = entries_[at];
+    if (entry.Count() == 0) continue;
+    for (uint32_t position = 0; position < entry.Count(); ++position) {
+      if (entry.oids[position].mid == mi && entry.oids[position].localId == oid) {
+        // The record now names the instance globally; no single module owns the message.
+        mi = 0;
+        WriteOid(raw, record, position);
+        return 1;
+      }
+    }
+    if (oid < entry.Count()) {
+      WriteOid(raw, record, entry.oids[oid].localId);
+      return 1;
+    }
+  }
+  return 0;
 }

@@ -123,6 +123,12 @@ class COidMapTable {
                     uint32_t countOe) const;
   uint32_t ToGlobal(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
                     uint32_t countOe) const;
+  // One log record at offset `record` of the raw bytes, for one log-entity row.
+  uint32_t PatchRecordToGlobal(SipJson::Value& raw, size_t record, uint32_t ca,
+                               uint32_t countOc, uint32_t mi) const;
+  // May clear `mi`: the caller then removes the command's MI.
+  uint32_t PatchRecordToModule(SipJson::Value& raw, size_t record, uint32_t ca,
+                               uint32_t countOc, uint32_t& mi) const;
   // Table entry positions with this count OC and cabinet, any count OE, in table order.
   const std::vector<size_t>* PositionsOf(uint32_t countOc, uint32_t ca) const;
 

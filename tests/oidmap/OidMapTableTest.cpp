@@ -59,11 +59,26 @@ std::vector<uint8_t> LogRecord(uint8_t entity, uint8_t args, uint16_t oid,
   return r;
 }
 
+SipJson LogReply(const std::vector<uint8_t>& data, uint32_t mid, uint32_t status = ST_SUCCESS) {
+  SipJson msg(CM_MessageLogReply, 0, 0, kCab0);
+  msg.SetModuleId(mid);
+  msg.SetRawData(data, status);
+  return msg;
+}
+
 uint32_t OidAt(const SipJson& msg, size_t offset) {
   std::vector<uint8_t> bytes;
   msg.GetDataBytes(0, bytes);
   if (bytes.size() < offset + 12) return 0xFFFFFFFF;
   return bytes[offset + 10] | (bytes[offset + 11] << 8);
+}
+
+// Translates `msg` and expects result 1 with the given MI and OI.
+void ExpectTranslated(const COidMapTable& table, SipJson msg, uint32_t mi, uint32_t oi) {
+  SCOPED_TRACE(msg.Serialize());
+  EXPECT_EQ(1u, table.TranslateMessage(msg, 0));
+  EXPECT_EQ(mi, msg.GetKey(0, "MI"));
+  EXPECT_EQ(oi, msg.GetKey(0, "OI"));
 }
 
 class OidMapTableTest : public ::testing::Test {
@@ -76,62 +91,30 @@ class OidMapTableTest : public ::testing::Test {
 };
 
 TEST_F(OidMapTableTest, Request_GlobalIndex_GoesToOwnerWithLocalId) {
-  for (bool withStatus : {true, false}) {
-    SipJson msg = withStatus ? Request(0x0301, 0, 3, kCab0) : SipJson(0x0301, 0, 3, kCab0);
-    EXPECT_EQ(1u, table_.TranslateMessage(msg, 0));
-    EXPECT_EQ(kMidB, msg.GetKey(0, "MI"));
-    EXPECT_EQ(0u, msg.GetKey(0, "OI"));
-  }
-  const uint32_t expectedMid[] = {kMidA, kMidA, kMidA, kMidB, kMidB};
-  const uint32_t expectedOi[] = {0, 1, 2, 0, 1};
-  for (uint32_t oi = 0; oi < 5; ++oi) {
-    SipJson msg = Request(0x0527, 0, oi, kCab0);
-    ASSERT_EQ(1u, table_.TranslateMessage(msg, 0)) << oi;
-    EXPECT_EQ(expectedMid[oi], msg.GetKey(0, "MI")) << oi;
-    EXPECT_EQ(expectedOi[oi], msg.GetKey(0, "OI")) << oi;
-  }
+  ExpectTranslated(table_, Request(0x0301, 0, 3, kCab0), kMidB, 0);
+  ExpectTranslated(table_, SipJson(0x0301, 0, 3, kCab0), kMidB, 0);  // no ST
+  ExpectTranslated(table_, Request(0x0527, 0, 2, kCab0), kMidA, 2);
+  ExpectTranslated(table_, Request(0x0527, 0, 4, kCab0), kMidB, 1);
+  ExpectTranslated(table_, Request(0x0301, 0, 1, kCab1), kMidD, 0);  // the other cabinet
 }
 
-TEST_F(OidMapTableTest, Reply_LocalIdOfOwner_BecomesGlobalIndex) {
-  SipJson reply = Reply(0x0301, 0, 0, kCab0, kMidB);
-  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
-  EXPECT_EQ(3u, reply.GetKey(0, "OI"));
-  EXPECT_EQ(kMidB, reply.GetKey(0, "MI"));
-
-  SipJson event = Reply(0x0301, 0, 1, kCab0, kMidB, ST_EVENT);
-  EXPECT_EQ(1u, table_.TranslateMessage(event, 0));
-  EXPECT_EQ(4u, event.GetKey(0, "OI"));
-
-  // A module the table does not know for this kind: unchanged.
-  SipJson stranger = Reply(0x0301, 0, 1, kCab0, kMidC);
-  const std::string before = stranger.Serialize();
-  EXPECT_EQ(0u, table_.TranslateMessage(stranger, 0));
-  EXPECT_EQ(before, stranger.Serialize());
+TEST_F(OidMapTableTest, ReplyOrEvent_LocalIdOfOwner_BecomesGlobalIndex) {
+  ExpectTranslated(table_, Reply(0x0301, 0, 0, kCab0, kMidB), kMidB, 3);
+  ExpectTranslated(table_, Reply(0x0301, 0, 1, kCab0, kMidB, ST_EVENT), kMidB, 4);
+  ExpectTranslated(table_, Reply(0x0301, 0, 0, kCab1, kMidD), kMidD, 1);
 }
 
 TEST_F(OidMapTableTest, Untranslatable_PassesUnchanged) {
-  SipJson notBelowCount = Request(0x0301, 0, 5, kCab0);
-  SipJson unknownOc = Request(0x0999, 0, 1, kCab0);
-  SipJson unknownCabinet = Request(0x0301, 0, 1, 42);
-  SipJson configWithoutRow = Request(CM_ReadConfigurationSpace, 0x12, 1, kCab0);
-  SipJson extWithoutRow = Request(CM_ExtObjectGet, 0x1C07, 1, kCab0);
-  for (SipJson* msg :
-       {&notBelowCount, &unknownOc, &unknownCabinet, &configWithoutRow, &extWithoutRow}) {
-    const std::string before = msg->Serialize();
-    EXPECT_EQ(0u, table_.TranslateMessage(*msg, 0)) << before;
-    EXPECT_EQ(before, msg->Serialize());
+  for (SipJson msg : {Request(0x0301, 0, 5, kCab0),                   // not below the count
+                      Request(0x0999, 0, 1, kCab0),                   // unknown OC
+                      Request(0x0301, 0, 1, 42),                      // unknown cabinet
+                      Reply(0x0301, 0, 1, kCab0, kMidC),              // not this kind's owner
+                      Request(CM_ReadConfigurationSpace, 0x12, 1, kCab0),
+                      Request(CM_ExtObjectGet, 0x1C07, 1, kCab0)}) {
+    const std::string before = msg.Serialize();
+    EXPECT_EQ(0u, table_.TranslateMessage(msg, 0)) << before;
+    EXPECT_EQ(before, msg.Serialize());
   }
-}
-
-TEST_F(OidMapTableTest, OtherCabinet_UsesItsOwnEntry) {
-  SipJson request = Request(0x0301, 0, 1, kCab1);
-  EXPECT_EQ(1u, table_.TranslateMessage(request, 0));
-  EXPECT_EQ(kMidD, request.GetKey(0, "MI"));
-  EXPECT_EQ(0u, request.GetKey(0, "OI"));
-
-  SipJson reply = Reply(0x0301, 0, 0, kCab1, kMidD);
-  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
-  EXPECT_EQ(1u, reply.GetKey(0, "OI"));
 }
 
 TEST(OidMapTableCount, CountReply_IsTotalTruncatedToEightBits) {
@@ -157,47 +140,23 @@ TEST(OidMapTableCount, CountReply_IsTotalTruncatedToEightBits) {
   EXPECT_FALSE(noEntry.HasKey(0, "DA"));
 }
 
-TEST_F(OidMapTableTest, ConfigValue_UsesCountOpcodeOfItsRow) {
-  // OE 0x71 counts through 0x0300, OE 0x90 through 0x0400; give 0x0400 other owners.
+// Config value 0x71 counts through 0x0300 and 0x90 through 0x0400; extended OE 0x1C06
+// through (0x0C21, 0x1C) and 0x0506 through (0x0C21, 0x05). Each key gets other owners.
+TEST_F(OidMapTableTest, ConfigValueAndExtObject_UseCountOpcodeOfTheirRow) {
   table_.Clear();
   table_.AddInstances(0x0300, 0, kCab0, kMidA, 3);
   table_.AddInstances(0x0300, 0, kCab0, kMidB, 2);
   table_.AddInstances(0x0400, 0, kCab0, kMidC, 4);
-
-  SipJson read = Request(CM_ReadConfigurationSpace, 0x71, 4, kCab0);
-  EXPECT_EQ(1u, table_.TranslateMessage(read, 0));
-  EXPECT_EQ(kMidB, read.GetKey(0, "MI"));
-  EXPECT_EQ(1u, read.GetKey(0, "OI"));
-
-  SipJson write = Request(CM_WriteConfigurationSpace, 0x90, 3, kCab0);
-  EXPECT_EQ(1u, table_.TranslateMessage(write, 0));
-  EXPECT_EQ(kMidC, write.GetKey(0, "MI"));
-  EXPECT_EQ(3u, write.GetKey(0, "OI"));
-
-  SipJson reply = Reply(CM_ReadConfigurationSpace, 0x71, 1, kCab0, kMidB);
-  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
-  EXPECT_EQ(4u, reply.GetKey(0, "OI"));
-}
-
-TEST_F(OidMapTableTest, ExtObject_CountOeIsHighByteOfOe) {
-  table_.Clear();
   table_.AddInstances(CM_ExtObjectCount, 0x05, kCab0, kMidA, 5);
   table_.AddInstances(CM_ExtObjectCount, 0x1C, kCab0, kMidC, 2);
   table_.AddInstances(CM_ExtObjectCount, 0x1C, kCab0, kMidD, 2);
 
-  SipJson get = Request(CM_ExtObjectGet, 0x1C06, 2, kCab0);
-  EXPECT_EQ(1u, table_.TranslateMessage(get, 0));
-  EXPECT_EQ(kMidD, get.GetKey(0, "MI"));
-  EXPECT_EQ(0u, get.GetKey(0, "OI"));
-
-  SipJson set = Request(CM_ExtObjectSet, 0x0506, 4, kCab0);
-  EXPECT_EQ(1u, table_.TranslateMessage(set, 0));
-  EXPECT_EQ(kMidA, set.GetKey(0, "MI"));
-  EXPECT_EQ(4u, set.GetKey(0, "OI"));
-
-  SipJson reply = Reply(CM_ExtObjectGet, 0x1C0F, 1, kCab0, kMidD);
-  EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
-  EXPECT_EQ(3u, reply.GetKey(0, "OI"));
+  ExpectTranslated(table_, Request(CM_ReadConfigurationSpace, 0x71, 4, kCab0), kMidB, 1);
+  ExpectTranslated(table_, Request(CM_WriteConfigurationSpace, 0x90, 3, kCab0), kMidC, 3);
+  ExpectTranslated(table_, Reply(CM_ReadConfigurationSpace, 0x71, 1, kCab0, kMidB), kMidB, 4);
+  ExpectTranslated(table_, Request(CM_ExtObjectGet, 0x1C06, 2, kCab0), kMidD, 0);
+  ExpectTranslated(table_, Request(CM_ExtObjectSet, 0x0506, 4, kCab0), kMidA, 4);
+  ExpectTranslated(table_, Reply(CM_ExtObjectGet, 0x1C0F, 1, kCab0, kMidD), kMidD, 3);
 }
 
 // Entity 0x04 counts through 0x0300, entity 0x05 through 0x0400.
@@ -218,9 +177,7 @@ TEST_F(OidMapTableTest, LogReply_PatchesRecordOids_SkipsEntity63) {
   data.insert(data.end(), second.begin(), second.end());
   data.insert(data.end(), inlineText.begin(), inlineText.end());
   data.insert(data.end(), last.begin(), last.end());
-  SipJson reply(CM_MessageLogReply, 0, 0, kCab0);
-  reply.SetModuleId(kMidB);
-  reply.SetRawData(data, ST_SUCCESS);
+  SipJson reply = LogReply(data, kMidB);
 
   EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
   EXPECT_EQ(4u, OidAt(reply, 0));
@@ -240,18 +197,13 @@ TEST_F(OidMapTableTest, LogReply_PatchesRecordOids_SkipsEntity63) {
 }
 
 TEST_F(OidMapTableTest, LogRecords_TowardModule) {
-  std::vector<uint8_t> data = LogRecord(0x04, 0, 1);
-  SipJson known(CM_MessageLogReply, 0, 0, kCab0);
-  known.SetModuleId(kMidB);
-  known.SetRawData(data, ST_PENDING);
+  SipJson known = LogReply(LogRecord(0x04, 0, 1), kMidB, ST_PENDING);
   EXPECT_EQ(1u, table_.PatchLogRecords(known, 0, true));
   EXPECT_EQ(4u, OidAt(known, 0));
   EXPECT_FALSE(known.HasKey(0, "MI"));
 
   // No (MI, OID) match: a global index below the count becomes that instance's local id.
-  data = LogRecord(0x04, 0, 4);
-  SipJson global(CM_MessageLogReply, 0, 0, kCab0);
-  global.SetRawData(data, ST_PENDING);
+  SipJson global = LogReply(LogRecord(0x04, 0, 4), 0, ST_PENDING);
   EXPECT_EQ(1u, table_.PatchLogRecords(global, 0, true));
   EXPECT_EQ(1u, OidAt(global, 0));
 }
@@ -262,9 +214,7 @@ TEST_F(OidMapTableTest, LogReply_CutShortData_IsNotOverread) {
   std::vector<uint8_t> cut = LogRecord(0x04, 0, 0);
   cut[10] = 0xEE;
   data.insert(data.end(), cut.begin(), cut.begin() + 10);
-  SipJson reply(CM_MessageLogReply, 0, 0, kCab0);
-  reply.SetModuleId(kMidB);
-  reply.SetRawData(data, ST_SUCCESS);
+  SipJson reply = LogReply(data, kMidB);
   EXPECT_EQ(1u, table_.TranslateMessage(reply, 0));
   EXPECT_EQ(3u, OidAt(reply, 0));
   std::vector<uint8_t> after;
@@ -276,9 +226,7 @@ TEST_F(OidMapTableTest, LogReply_CutShortData_IsNotOverread) {
   for (size_t size : {size_t{1}, size_t{3}, size_t{11}, size_t{14}}) {
     std::vector<uint8_t> block = LogRecord(0x04, 16, 0);
     block.resize(size);
-    SipJson shortReply(CM_MessageLogReply, 0, 0, kCab0);
-    shortReply.SetModuleId(kMidA);
-    shortReply.SetRawData(block, ST_SUCCESS);
+    SipJson shortReply = LogReply(block, kMidA);
     EXPECT_EQ(size >= 12 ? 1u : 0u, table_.TranslateMessage(shortReply, 0)) << size;
   }
 }
