@@ -1,0 +1,71 @@
+#include "oidmap/OidMapExtModule.h"
+
+#include "module/DebugClient.h"
+#include "oidmap/Opcodes.h"
+
+COidMapExtModule::COidMapExtModule()
+    : CExtensionModule(), CTaskSerializer<SipJson>(1, kTaskQueueBytes) {
+  EM_TRACE(5, "\nEM_OIDMAP           : -> Constructor...");
+  EM_TRACE(5, "\nEM_OIDMAP           : <- Constructor");
+}
+
+COidMapExtModule::~COidMapExtModule() {
+  // The pair only brackets the call: members are torn down after both lines.
+  EM_TRACE(5, "\nEM_OIDMAP           : -> Destructor...");
+  EM_TRACE(5, "\nEM_OIDMAP           : <- Destructor");
+  // The worker must be gone before the members it uses are destroyed; the serializer
+  // base would only stop it after them.
+  TerminateSerialization();
+}
+
+uint32_t COidMapExtModule::GetModuleInfo(void* moduleInfo) {
+  return FillModuleInfo(moduleInfo, kModuleName, kModuleDescription);
+}
+
+uint32_t COidMapExtModule::Stop() {
+  TerminateSerialization();
+  return 1;
+}
+
+uint32_t COidMapExtModule::TranslateMessage(SipJson& msg, int32_t index) {
+  if (!IsMappingNeeded()) {
+    return 0;
+  }
+  return map_table_.TranslateMessage(msg, index);
+}
+
+void COidMapExtModule::OnTaskExecution(SipJson& task, int32_t level) {
+  const int32_t i = task.CurrentIndex();
+  // The log collection runs here; until it does, a task only reports that it ran.
+  EM_TRACE(3, "\nEM_OIDMAP           : Task OC 0x%04X for CABID %04d at level %d executed",
+           task.GetOpcode(i), static_cast<int>(task.GetKey(i, "CA")), level);
+}
+
+std::vector<uint32_t> COidMapExtModule::CabinetList() const {
+  std::lock_guard<std::mutex> guard(cabinet_mutex_);
+  return std::vector<uint32_t>(cabinets_.begin(), cabinets_.begin() + cabinet_count_);
+}
+
+bool COidMapExtModule::IsKnownCabinet(uint32_t cabinet) const {
+  std::lock_guard<std::mutex> guard(cabinet_mutex_);
+  for (int32_t i = 0; i < cabinet_count_; ++i) {
+    if (cabinets_[static_cast<size_t>(i)] == cabinet) {
+      return true;
+    }
+  }
+  return false;
+}
+
+std::set<uint16_t> COidMapExtModule::SupportedSelLanguages() const {
+  std::lock_guard<std::mutex> guard(language_mutex_);
+  std::set<uint16_t> ids;
+  for (const auto& lang : sel_languages_) {
+    ids.insert(lang.first);
+  }
+  return ids;
+}
+
+std::string COidMapExtModule::HelpDeskMessage() const {
+  std::lock_guard<std::mutex> guard(help_desk_mutex_);
+  return help_desk_message_;
+}

@@ -1,0 +1,96 @@
+// COidMapExtModule: the em_oidmap module object. It maps object identifiers between the
+// global index that clients see and the module-local ids of the lower modules, and keeps
+// the message log caches of all cabinets. Its member functions are split by job:
+//   OidMapExtModule.cpp  construction, destruction, module information, stop, tasks
+//   StartUp.cpp          start, re-scan, cabinet list, count opcode checks
+//
+// Threads: start and re-scan run on a host thread before requests; requests and replies
+// on host threads; tasks on the serializer's worker ("_TaskHandler").
+// Lock order: cache_lock_ before the cache table's own lock.
+#ifndef EM_OIDMAP_OIDMAPEXTMODULE_H
+#define EM_OIDMAP_OIDMAPEXTMODULE_H
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "module/ExtensionModule.h"
+#include "msglog/MsgLogCache.h"
+#include "oidmap/OidMapTable.h"
+#include "runtime/RecursiveLock.h"
+#include "runtime/TaskSerializer.h"
+#include "sip/SipJson.h"
+
+constexpr const char* kModuleName = "EM_OIDMAP";
+constexpr const char* kModuleDescription = "OID mapper extension module";
+constexpr int32_t kMaxCabinets = 100;
+constexpr uint32_t kSingleRequestTimeoutMs = 5000;
+constexpr uint32_t kTaskQueueBytes = 160;
+
+class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson> {
+ public:
+  COidMapExtModule();
+  ~COidMapExtModule() override;
+
+  // ---- Host interface overrides --------------------------------------------------------
+  uint32_t GetModuleInfo(void* moduleInfo) override;
+  // Base start, worker start, cabinet list, count opcode checks, caches, help-desk text.
+  uint32_t Start(CIModuleHost* host, uint64_t context) override;
+  // Ends task serialization. Returns 1.
+  uint32_t Stop() override;
+  // EM_IDENT probe, cabinet list, SEL languages, one message-log scan task per cabinet.
+  void Rescan() override;
+  const char* GetModuleTag() override { return kModuleName; }
+  // Slot 25: the serializer's task handler.
+  void OnTaskExecution(SipJson& task, int32_t level) override;
+
+  // ---- Translation -------------------------------------------------------------------
+  // Translates the command at `index` through the OID map table while mapping is needed.
+  // Returns 1 when the message was changed.
+  uint32_t TranslateMessage(SipJson& msg, int32_t index);
+
+  // ---- State, for the request and reply handlers and for tests ---------------------------
+  bool IsMappingNeeded() const { return mapping_needed_.load(std::memory_order_acquire); }
+  bool IsKtasFallback() const { return ktas_fallback_.load(std::memory_order_acquire); }
+  std::vector<uint32_t> CabinetList() const;
+  bool IsKnownCabinet(uint32_t cabinet) const;
+  std::set<uint16_t> SupportedSelLanguages() const;
+  std::string HelpDeskMessage() const;
+  const COidMapTable& MapTable() const { return map_table_; }
+  CMsgLogCache& MsgLogCache() { return msg_log_cache_; }
+  CRecursiveLock& CacheLock() { return cache_lock_; }
+
+ private:
+  void BuildCabinetList();
+  void CheckOidMapping(uint32_t cabinet);
+  void InitMessageLogCache(uint32_t cabinet);
+  void ReadHelpDeskMessage();
+  void ProbeIdentModule();
+  void ReadSelLanguages();
+  void QueueMessageLogScans();
+
+  // Start-up and OID mapping.
+  std::atomic<bool> mapping_needed_{false};
+  std::atomic<bool> ktas_fallback_{false};
+  COidMapTable map_table_;                     // written only during start
+  std::set<uint32_t> already_requested_;       // count opcode keys of one cabinet's check
+  std::map<uint16_t, uint16_t> sel_languages_;  // used as a set
+  std::string help_desk_message_;
+  std::array<uint32_t, kMaxCabinets> cabinets_{};
+  int32_t cabinet_count_ = 1;
+
+  // The re-scan rebuilds the cabinet list and languages while request threads read them.
+  mutable std::mutex cabinet_mutex_;
+  mutable std::mutex language_mutex_;
+  mutable std::mutex help_desk_mutex_;
+
+  CRecursiveLock cache_lock_;  // the module's message log cache lock
+  CMsgLogCache msg_log_cache_;
+};
+
+#endif  // EM_OIDMAP_OIDMAPEXTMODULE_H
