@@ -75,7 +75,8 @@ class SimHost : public CIModuleHost {
   size_t ModuleCount() const;
 
   // Makes `module` the module that sends through this host and receives replies and
-  // events. Returns the context value to pass to its Start.
+  // events (not owned; nullptr detaches). Returns the context value to pass to its Start;
+  // requests sent with another context are answered, but their replies reach no module.
   uint64_t Attach(CIExtensionModule* module);
   CIExtensionModule* AttachedModule() const;
   uint64_t Context() const;
