@@ -111,7 +111,7 @@ bool CRegistry::RestoreFrom(const std::string& path, std::shared_ptr<CRegistryNo
     return false;
   }
   auto node = std::make_shared<CRegistryNode>();
-  size_t entries = node->Read(file, 0);
+  size_t entries = node->Read(file);
   fclose(file);
   if (entries == 0) {
     EM_TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n",
@@ -241,15 +241,16 @@ std::shared_ptr<CRegistryNode> CRegistry::OpenPointer(
   std::shared_ptr<CRegistryNode> node = start;
   bool changed = false;
   for (const std::string& part : SplitPath(path)) {
-    if (!node) break;
-    if (create) {
-      if (!IsWritableKeyName(part)) return nullptr;
+    if (!create) {
+      node = node->FindKey(part);
+    } else if (IsWritableKeyName(part) && node->Depth() < kRegistryMaxDepth) {
       bool created = false;
       node = node->AddKey(part, &created);
       changed = changed || created;
     } else {
-      node = node->FindKey(part);
+      node = nullptr;  // the file could not carry it; what was made up to here stays
     }
+    if (!node) break;
   }
   if (changed) Changed();
   return node;

@@ -93,7 +93,8 @@ class CRegistry {
   // new handle on `hKey`'s own key. ERROR_FILE_NOT_FOUND when a path element is missing.
   LSTATUS OpenKey(HKEY hKey, const char* subKey, HKEY* result);
   // As OpenKey, creating the missing path elements. Key names must not contain ']' or
-  // line breaks (ERROR_INVALID_PARAMETER).
+  // line breaks, and keys lie at most kRegistryMaxDepth levels below the root
+  // (ERROR_INVALID_PARAMETER).
   LSTATUS CreateKey(HKEY hKey, const char* subKey, HKEY* result);
   // Releases a handle from OpenKey/CreateKey; predefined handles are accepted and ignored.
   LSTATUS CloseKey(HKEY hKey);

@@ -189,6 +189,7 @@ std::shared_ptr<CRegistryNode> CRegistryNode::AddKey(const std::string& name, bo
   entry.name = name;
   entry.value.type = REG_KEY;
   entry.child = std::make_shared<CRegistryNode>();
+  entry.child->depth_ = depth_ + 1;
   auto child = entry.child;
   entries_.insert(entries_.begin() + static_cast<long>(LowerBound(name, true)),
                   std::move(entry));
@@ -240,6 +241,8 @@ size_t CRegistryNode::EntryCount() const {
 }
 
 bool CRegistryNode::Write(FILE* file) const {
+  std::vector<std::pair<std::string, std::shared_ptr<CRegistryNode>>> children;
+  {
   CRecursiveLockGuard guard(lock_);
   for (const Entry& e : entries_) {
     if (e.IsKey()) continue;
@@ -271,16 +274,21 @@ bool CRegistryNode::Write(FILE* file) const {
     }
   }
   for (const Entry& e : entries_) {
-    if (!e.IsKey()) continue;
-    fprintf(file, "[%s]\n", e.name.c_str());
-    e.child->Write(file);
+    if (e.IsKey()) children.emplace_back(e.name, e.child);
+  }
+  }
+  // Not under this node's lock: a deep tree would otherwise hold one lock per level.
+  for (const auto& child : children) {
+    fprintf(file, "[%s]\n", child.first.c_str());
+    child.second->Write(file);
   }
   fputs("\n", file);
   return ferror(file) == 0;
 }
 
-size_t CRegistryNode::Read(FILE* file, int depth) {
-  CRecursiveLockGuard guard(lock_);
+size_t CRegistryNode::Read(FILE* file) {
+  // Each entry is added under the lock (SetValue, AddKey); the lock is not held across a
+  // child's reading, so that nesting does not pile up locks.
   size_t created = 0;
   platform_detail::BoundedLine line;
   while (platform_detail::ReadBoundedLine(file, kRegistryLineBytes, &line)) {
@@ -294,14 +302,14 @@ size_t CRegistryNode::Read(FILE* file, int depth) {
       size_t close = t.find(']');
       if (close == std::string::npos) continue;
       std::string name = t.substr(1, close - 1);
-      if (depth + 1 > kRegistryMaxDepth) {
+      if (depth_ + 1 > kRegistryMaxDepth) {
         EM_TRACE(1, "CRegistry: WARNING: key \"%s\" nested deeper than %d levels skipped\n",
                  name.c_str(), kRegistryMaxDepth);
         SkipSubTree(file);
         continue;
       }
       std::shared_ptr<CRegistryNode> child = AddKey(name);
-      created += 1 + child->Read(file, depth + 1);
+      created += 1 + child->Read(file);
       continue;
     }
     size_t eq = t.find('=');

@@ -74,6 +74,8 @@ class CRegistryNode {
   std::shared_ptr<CRegistryNode> FindKey(const std::string& name) const;
   // Finds or creates the sub-key; *created (optional) tells which.
   std::shared_ptr<CRegistryNode> AddKey(const std::string& name, bool* created = nullptr);
+  // Nesting level: 0 for a root, parent's + 1 for a sub-key.
+  int Depth() const { return depth_; }
   // Removes a sub-key that has no sub-keys of its own (its values go with it).
   DeleteResult DeleteKey(const std::string& name);
   bool HasSubKeys() const;
@@ -84,12 +86,14 @@ class CRegistryNode {
   size_t EntryCount() const;
 
   // Writes the node's lines, its children and the closing empty line. Returns false when
-  // the stream reported an error.
+  // the stream reported an error. A child is written after its parent's lock is
+  // released: callers that need a consistent picture of the whole tree serialise changes
+  // themselves (CRegistry holds its lock).
   bool Write(FILE* file) const;
   // Reads lines up to the end of the file or the empty line that ends this node, and
-  // adds what they describe. `depth` is this node's nesting level (the root is 0).
+  // adds what they describe; sub-keys below kRegistryMaxDepth are skipped with a trace.
   // Returns the number of entries created, children's included.
-  size_t Read(FILE* file, int depth = 0);
+  size_t Read(FILE* file);
 
  private:
   struct Entry {
@@ -105,6 +109,7 @@ class CRegistryNode {
   long Find(const std::string& name, bool isKey) const;
   bool HasSubKeysLocked() const;
 
+  int depth_ = 0;
   mutable CRecursiveLock lock_;
   std::vector<Entry> entries_;  // sorted by name, values before keys of the same name
 };

@@ -1,6 +1,7 @@
 #include <sys/stat.h>
 
 #include <cstring>
+#include <thread>
 #include <vector>
 
 #include "platform/Registry.h"
@@ -191,6 +192,10 @@ TEST_F(RegistryTest, HandleMisuseFailsCleanly) {
   EXPECT_EQ(reg.OpenKey(stale, "x", &parent), ERROR_INVALID_HANDLE);
   EXPECT_EQ(reg.OpenKey(HKEY_LOCAL_MACHINE, "Nope", &parent), ERROR_FILE_NOT_FOUND);
   EXPECT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, "bad]name", &parent), ERROR_INVALID_PARAMETER);
+  std::string deep;
+  for (int i = 0; i < kRegistryMaxDepth; ++i) deep += "d\\";
+  EXPECT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, deep.c_str(), &parent), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(reg.DeleteKey(HKEY_LOCAL_MACHINE, "d"), ERROR_ACCESS_DENIED);
   ASSERT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, "P", &parent), ERROR_SUCCESS);
   ASSERT_EQ(reg.CreateKey(parent, "C", &child), ERROR_SUCCESS);
   ASSERT_EQ(SetString(reg, child, nullptr, "default value"), ERROR_SUCCESS);
@@ -223,6 +228,31 @@ TEST_F(RegistryTest, HandleMisuseFailsCleanly) {
   EXPECT_EQ(reg.OpenKey(parent, nullptr, &child), ERROR_INVALID_HANDLE);
   EXPECT_EQ(reg.OpenKey(HKEY_LOCAL_MACHINE, "P", &child), ERROR_SUCCESS);
   EXPECT_EQ(reg.CloseKey(HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
+}
+
+TEST_F(RegistryTest, ConcurrentWritersAndReadersKeepTreeAndFileWhole) {
+  CRegistry reg(dir_);
+  TraceClient().SetTraceLevel(0);  // keep the run short; the trace paths are tested above
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&reg, t] {
+      const std::string path = "T" + std::to_string(t);
+      for (int i = 0; i < 20; ++i) {
+        HKEY key = 0;
+        if (reg.CreateKey(HKEY_LOCAL_MACHINE, path.c_str(), &key) != ERROR_SUCCESS) return;
+        int32_t n = i;
+        reg.SetValue(key, "n", REG_DWORD, reinterpret_cast<uint8_t*>(&n), 4);
+        uint32_t count = 4;
+        reg.QueryValue(key, "n", nullptr, reinterpret_cast<uint8_t*>(&n), &count);
+        if (i % 2 == 1) reg.DeleteKey(HKEY_LOCAL_MACHINE, path.c_str());
+        reg.CloseKey(key);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  CRegistry reread(dir_);
+  reread.SetupTree(false);
+  EXPECT_EQ(reread.Root()->FindKey("HKEY_LOCAL_MACHINE")->KeyNames().size(), 0u);
 }
 
 TEST_F(RegistryTest, MessageFileDirectoryPrecedence) {
