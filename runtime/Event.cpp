@@ -1,6 +1,5 @@
 #include "runtime/Event.h"
 
-#include <cxxabi.h>
 #include <pthread.h>
 #include <sched.h>
 #include <unistd.h>
@@ -139,6 +138,20 @@ class WaiterScope {
   CEventObject* ev_;
   bool locked_;
 };
+
+// Runs one of Wait's trace calls. An exception from the trace client is swallowed and
+// makes the wait report EVENT_WAIT_FAILURE. Only the trace calls are wrapped, never the
+// condition wait, so that a thread cancellation unwinds through Wait untouched (its
+// waiter count and mutex undone by WaiterScope).
+template <typename TraceCall>
+bool TraceQuietly(TraceCall&& call) {
+  try {
+    call();
+    return true;
+  } catch (...) {
+    return false;
+  }
+}
 
 const char* WaitWord(int32_t result) {
   switch (result) {
@@ -377,72 +390,72 @@ bool CEvent::Close() {
 int32_t CEvent::Wait(uint32_t timeoutMs, bool trace) {
   CEventObject* ev = event_;
   if (ev == nullptr || !IsOpen()) return EVENT_WAIT_FAILURE;
-  try {
-    if (trace) {
-      if (timeoutMs < EVENT_WAIT_FOREVER) {
-        EM_TRACE(5, "\nwaiting %dms on event %p", static_cast<int>(timeoutMs),
-                 static_cast<void*>(ev));
-      } else {
-        EM_TRACE(5, "\nwaiting forever on event %p", static_cast<void*>(ev));
-      }
-    }
-
-    int lockRc = pthread_mutex_lock(&ev->mutex);
-    if (LoadSignaled(ev)) {
-      if (!LoadManual(ev)) ev->isSignaled.store(0, std::memory_order_relaxed);
-      // Traced before the unlock, while the event is certainly alive.
-      if (trace) {
-        EM_TRACE(5,
-                 "event %p <%s> (IsManual=%d) has been already signaled --> New state: "
-                 "IsSignaled=%d\n",
-                 static_cast<void*>(ev), NameOf(ev), LoadManual(ev), LoadSignaled(ev));
-      }
-      if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
-      return EVENT_WAIT_SIGNAL;
-    }
-
-    int32_t result = EVENT_WAIT_FAILURE;
-    int waitRc = 0;
-    WaiterScope scope(ev, lockRc == 0);
-    if (lockRc == 0) {
-      if (timeoutMs != EVENT_WAIT_FOREVER) {
-        timespec now{};
-        clock_gettime(CLOCK_MONOTONIC, &now);
-        timespec deadline = EventDeadline(now, timeoutMs);
-        if (trace) {
-          EM_TRACE(5,
-                   "prepare time for waiting on event %p <%s> (ts_beg:sec=%ld,ts_beg:nsec=%ld) -> "
-                   "(ts:sec=%ld,ts:nsec=%ld)\n",
-                   static_cast<void*>(ev), NameOf(ev), static_cast<long>(now.tv_sec),
-                   static_cast<long>(now.tv_nsec), static_cast<long>(deadline.tv_sec),
-                   static_cast<long>(deadline.tv_nsec));
+  if (trace && !TraceQuietly([&] {
+        if (timeoutMs < EVENT_WAIT_FOREVER) {
+          EM_TRACE(5, "\nwaiting %dms on event %p", static_cast<int>(timeoutMs),
+                   static_cast<void*>(ev));
+        } else {
+          EM_TRACE(5, "\nwaiting forever on event %p", static_cast<void*>(ev));
         }
-        do {
-          waitRc = pthread_cond_timedwait(&ev->cond, &ev->mutex, &deadline);
-        } while (waitRc == EINTR);
-      } else {
-        do {
-          waitRc = pthread_cond_wait(&ev->cond, &ev->mutex);
-        } while (waitRc == EINTR);
-      }
-      // A wake-up counts as a signal even with the flag cleared (Pulse).
-      if (waitRc == 0 || LoadSignaled(ev)) {
-        result = EVENT_WAIT_SIGNAL;
-        if (!LoadManual(ev)) ev->isSignaled.store(0, std::memory_order_relaxed);
-      } else if (waitRc == ETIMEDOUT) {
-        result = EVENT_WAIT_TIMEOUT;
-      }
-    }
-    // Traced while still counted as a waiter: a concurrent last Release cannot free the
-    // event under us.
-    if (trace) {
-      EM_TRACE(5, "%s(%d,%d) on event %p <%s> (IsSignaled=%d)\n", WaitWord(result), lockRc,
-               waitRc, static_cast<void*>(ev), NameOf(ev), LoadSignaled(ev));
-    }
-    return result;
-  } catch (abi::__forced_unwind&) {
-    throw;  // thread cancellation must go on unwinding
-  } catch (...) {
+      })) {
     return EVENT_WAIT_FAILURE;
   }
+
+  int lockRc = pthread_mutex_lock(&ev->mutex);
+  if (LoadSignaled(ev)) {
+    if (!LoadManual(ev)) ev->isSignaled.store(0, std::memory_order_relaxed);
+    // Traced before the unlock, while the event is certainly alive.
+    bool traced = !trace || TraceQuietly([&] {
+      EM_TRACE(5,
+               "event %p <%s> (IsManual=%d) has been already signaled --> New state: "
+               "IsSignaled=%d\n",
+               static_cast<void*>(ev), NameOf(ev), LoadManual(ev), LoadSignaled(ev));
+    });
+    if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
+    return traced ? EVENT_WAIT_SIGNAL : EVENT_WAIT_FAILURE;
+  }
+
+  int32_t result = EVENT_WAIT_FAILURE;
+  int waitRc = 0;
+  WaiterScope scope(ev, lockRc == 0);
+  if (lockRc == 0) {
+    if (timeoutMs != EVENT_WAIT_FOREVER) {
+      timespec now{};
+      clock_gettime(CLOCK_MONOTONIC, &now);
+      timespec deadline = EventDeadline(now, timeoutMs);
+      if (trace && !TraceQuietly([&] {
+            EM_TRACE(5,
+                     "prepare time for waiting on event %p <%s> (ts_beg:sec=%ld,"
+                     "ts_beg:nsec=%ld) -> (ts:sec=%ld,ts:nsec=%ld)\n",
+                     static_cast<void*>(ev), NameOf(ev), static_cast<long>(now.tv_sec),
+                     static_cast<long>(now.tv_nsec), static_cast<long>(deadline.tv_sec),
+                     static_cast<long>(deadline.tv_nsec));
+          })) {
+        return EVENT_WAIT_FAILURE;
+      }
+      do {
+        waitRc = pthread_cond_timedwait(&ev->cond, &ev->mutex, &deadline);
+      } while (waitRc == EINTR);
+    } else {
+      do {
+        waitRc = pthread_cond_wait(&ev->cond, &ev->mutex);
+      } while (waitRc == EINTR);
+    }
+    // A wake-up counts as a signal even with the flag cleared (Pulse).
+    if (waitRc == 0 || LoadSignaled(ev)) {
+      result = EVENT_WAIT_SIGNAL;
+      if (!LoadManual(ev)) ev->isSignaled.store(0, std::memory_order_relaxed);
+    } else if (waitRc == ETIMEDOUT) {
+      result = EVENT_WAIT_TIMEOUT;
+    }
+  }
+  // Traced while still counted as a waiter: a concurrent last Release cannot free the
+  // event under us.
+  if (trace && !TraceQuietly([&] {
+        EM_TRACE(5, "%s(%d,%d) on event %p <%s> (IsSignaled=%d)\n", WaitWord(result), lockRc,
+                 waitRc, static_cast<void*>(ev), NameOf(ev), LoadSignaled(ev));
+      })) {
+    return EVENT_WAIT_FAILURE;
+  }
+  return result;
 }
