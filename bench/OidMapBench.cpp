@@ -89,9 +89,14 @@ class RatioReporter : public benchmark::ConsoleReporter {
   RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
 
   void ReportRuns(const std::vector<Run>& runs) override {
-    for (const Run& run : runs)
-      if (run.run_type == Run::RT_Iteration && !run.error_occurred)
-        nanoseconds_[run.benchmark_name()] = run.GetAdjustedCPUTime();
+    // With repetitions the median stands for the run; without, the single iteration run.
+    for (const Run& run : runs) {
+      if (run.error_occurred) continue;
+      if (run.run_type == Run::RT_Iteration)
+        nanoseconds_.emplace(run.run_name.str(), run.GetAdjustedCPUTime());
+      else if (run.aggregate_name == "median")
+        nanoseconds_[run.run_name.str()] = run.GetAdjustedCPUTime();
+    }
     ConsoleReporter::ReportRuns(runs);
   }
 
