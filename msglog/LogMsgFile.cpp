@@ -7,6 +7,8 @@
 #include <utility>
 
 #include "module/DebugClient.h"
+#include "platform/Registry.h"
+#include "platform/RegistryPaths.h"
 
 namespace {
 
@@ -128,4 +130,6 @@ std::string CLogMsgFile::LanguageName(uint32_t langId) const {
   return CLogMsgXmlFileImpl::LanguageName(doc_, langId);
 }
 
-std::string DefaultRegisteredMessageDirectory() { return std::string(); }
+std::string DefaultRegisteredMessageDirectory() {
+  return MessageFileDirectoryFromRegistry(CRegistry::Default());
+}

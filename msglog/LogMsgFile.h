@@ -95,7 +95,8 @@ class CLogMsgFile {
   std::string path_;
 };
 
-// The registered message file directory, as the registry describes the installation.
+// The registered message file directory, as the registry describes the installation
+// (MessageFileDirectoryFromRegistry on the process-wide registry tree).
 std::string DefaultRegisteredMessageDirectory();
 
 #endif  // EM_MSGLOG_LOGMSGFILE_H
