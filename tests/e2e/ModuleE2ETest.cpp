@@ -268,7 +268,7 @@ TEST_F(ModuleE2ETest, Start_CabinetListCap) {
 
   hostsim::Sink().Clear();
   host_.ClearRecords();
-  StartWithCabinets(0, SeCabinets(120));
+  StartWithCabinets(0, SeCabinets(100));
   EXPECT_TRUE(hostsim::Sink().HasLine(
       "\n\nEM_OIDMAP           : ## ERROR: cabinet list overflow; rest ignored!!\n"));
   EXPECT_EQ(100u, hostsim::Sink().Count("Check OID mapping for cabinet"));
