@@ -13,9 +13,10 @@ ctest --preset default
 SANITIZED_SUITES=(runtime_tests module_tests oidmap_tests msglog_tests platform_tests e2e_tests)
 for preset in asan tsan; do
   cmake --preset "$preset" >/dev/null
+  available=$(cmake --build --preset "$preset" --target help)
   targets=()
   for t in "${SANITIZED_SUITES[@]}"; do
-    if cmake --build --preset "$preset" --target help | grep -q "^\.\.\. $t\$"; then
+    if grep -q -x "\.\.\. $t" <<<"$available"; then
       targets+=("$t")
     fi
   done
