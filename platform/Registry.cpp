@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "module/DebugClient.h"
+#include "runtime/NeverDestroyed.h"
 
 namespace {
 
@@ -75,8 +76,8 @@ CRegistry::~CRegistry() = default;
 
 CRegistry& CRegistry::Default() {
   // Deliberately never destroyed: other static objects may use it while the process ends.
-  static CRegistry* instance = new CRegistry();
-  return *instance;
+  static NeverDestroyed<CRegistry> instance;
+  return instance.Get();
 }
 
 bool CRegistry::IsSetup() const {

@@ -12,6 +12,7 @@
 
 #include "module/DebugClient.h"
 #include "runtime/RecursiveLock.h"
+#include "runtime/NeverDestroyed.h"
 
 // The shared event. isSignaled and waiters change under `mutex`; they are atomics only
 // because Check and ChangeAttributes read (and write) them without it.
@@ -116,8 +117,8 @@ class NamedEventTable {
 
 // Never destroyed, like the locks: events may be released during static destruction.
 NamedEventTable& Table() {
-  static NamedEventTable* table = new NamedEventTable;
-  return *table;
+  static NeverDestroyed<NamedEventTable> table;
+  return table.Get();
 }
 
 // Counts the calling thread as a waiter for its scope. Leaving it (normally, or through

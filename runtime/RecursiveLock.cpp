@@ -1,4 +1,5 @@
 #include "runtime/RecursiveLock.h"
+#include "runtime/NeverDestroyed.h"
 
 CRecursiveLock::CRecursiveLock() {
   valid_ = pthread_mutex_init(&mutex_, nullptr) == 0;
@@ -37,14 +38,14 @@ void CRecursiveLock::Release() {
   }
 }
 
-// Heap objects that are never freed: events may be released from other static
-// destructors at exit, after a function-local static would already be gone.
+// Never destroyed: events may be released from other static destructors at exit, after
+// a plain function-local static would already be gone.
 CRecursiveLock& EventLock() {
-  static CRecursiveLock* lock = new CRecursiveLock;
-  return *lock;
+  static NeverDestroyed<CRecursiveLock> lock;
+  return lock.Get();
 }
 
 CRecursiveLock& NameTableLock() {
-  static CRecursiveLock* lock = new CRecursiveLock;
-  return *lock;
+  static NeverDestroyed<CRecursiveLock> lock;
+  return lock.Get();
 }
