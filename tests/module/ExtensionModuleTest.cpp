@@ -7,44 +7,12 @@
 #include <vector>
 
 #include "hostsim/DebugSink.h"
+#include "hostsim/SimHost.h"
 #include "module/DebugClient.h"
 #include "module/ExtensionModule.h"
 #include "sip/SipJson.h"
 
 namespace {
-
-// A host that records what the module calls, for the base's own tests.
-class RecordingHost : public CIModuleHost {
- public:
-  uint32_t AlternateSend(CIExtensionModule*, SipJson& msg, uint32_t zero) override {
-    alternate_calls++;
-    last_zero = zero;
-    msg.SetStatus(0x01);
-    return 0;
-  }
-  uint32_t SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs) override {
-    sent.push_back(msg.Serialize());
-    last_context = context;
-    last_timeout = timeoutMs;
-    return 0;
-  }
-  uint32_t HandBack(CIExtensionModule*, SipJson& msg) override {
-    status_during_handback = msg.GetStatus(msg.CurrentIndex());
-    handed_back++;
-    return 0;
-  }
-  uint32_t GetHostKind() override { return kind; }
-  bool EnumerateSeCabinets(uint32_t, const uint32_t**, uint8_t*) override { return false; }
-
-  uint32_t kind = 0;
-  std::vector<std::string> sent;
-  uint64_t last_context = 0;
-  uint32_t last_timeout = 0;
-  uint32_t alternate_calls = 0;
-  uint32_t last_zero = 99;
-  uint32_t status_during_handback = 0;
-  int handed_back = 0;
-};
 
 class TestModule : public CExtensionModule {
  public:
@@ -111,51 +79,47 @@ TEST_F(ExtensionModuleTest, SendWithoutHost_SetsStatusSixAndCallsNothing) {
   EXPECT_EQ(0x06u, alternate.GetStatus(0));
 }
 
-TEST_F(ExtensionModuleTest, SendsGoThroughHostWithContextAndTimeout) {
-  RecordingHost host;
+TEST_F(ExtensionModuleTest, SendsAndHandBack_GoThroughHost) {
+  hostsim::SimHost host;
   TestModule module;
   CIExtensionModule* iface = &module;
   ASSERT_EQ(1u, iface->Start(&host, 0xABCDEF0123ull));
   SipJson msg(0x0B03, 0, 0, 2);
   module.SendToAllCabinets(msg, 15000);
-  ASSERT_EQ(1u, host.sent.size());
-  EXPECT_EQ(0xABCDEF0123ull, host.last_context);
-  EXPECT_EQ(15000u, host.last_timeout);
-  EXPECT_NE(std::string::npos, host.sent[0].find("\"CA\":4294967295"));
+  const auto sent = host.SentRequests();
+  ASSERT_EQ(1u, sent.size());
+  EXPECT_EQ(0xABCDEF0123ull, sent[0].context);
+  EXPECT_EQ(15000u, sent[0].timeoutMs);
+  EXPECT_NE(std::string::npos, sent[0].json.find("\"CA\":4294967295"));
   module.AlternateSend(msg);
-  EXPECT_EQ(1u, host.alternate_calls);
-  EXPECT_EQ(0u, host.last_zero);
-}
+  EXPECT_EQ(1u, host.AlternateSends().size());
 
-TEST_F(ExtensionModuleTest, HandBack_HostSeesEventStatus_CallerKeepsItsOwn) {
-  RecordingHost host;
-  TestModule module;
-  module.Start(&host, 1);
-  SipJson msg(0x0B11, 0, 0, 0);
-  msg.SetStatus(0x00);
-  module.HandBack(msg);
-  EXPECT_EQ(0xFFu, host.status_during_handback);
-  EXPECT_EQ(0x00u, msg.GetStatus(0));
-
+  // The host sees 255 during a hand-back; the caller keeps its own status (22 if none).
+  SipJson event(0x0B11, 0, 0, 0);
+  event.SetStatus(0x00);
+  module.HandBack(event);
   SipJson no_status(0x0301, 0, 0, 0);
   module.HandBack(no_status);
-  EXPECT_EQ(0xFFu, host.status_during_handback);
+  const auto back = host.HandedBackMessages();
+  ASSERT_EQ(2u, back.size());
+  EXPECT_EQ(0xFFu, back[0].statusDuringCall);
+  EXPECT_EQ(0xFFu, back[1].statusDuringCall);
+  EXPECT_EQ(0x00u, event.GetStatus(0));
   EXPECT_EQ(22u, no_status.GetStatus(0));
-  EXPECT_EQ(2, host.handed_back);
 }
 
 TEST_F(ExtensionModuleTest, EventLogSource_FollowsHostKind) {
   TestModule module;
   EXPECT_EQ("Halvoran Node Steward", module.EventLogSourceName());
-  RecordingHost host;
-  host.kind = 5;
+  hostsim::SimHost host;
+  host.SetHostKind(5);
   module.Start(&host, 0);
   EXPECT_EQ("Halvoran Agentless Service", module.EventLogSourceName());
   EXPECT_TRUE(hostsim::Sink().HasLine(
       "\nEM_TEST             : Register event log source \"Halvoran Agentless Service\" ..."));
   EXPECT_TRUE(hostsim::Sink().HasLine(
       "\nEM_TEST             : ... event log source \"Halvoran Agentless Service\" registered"));
-  host.kind = 4;
+  host.SetHostKind(4);
   EXPECT_EQ("Halvoran Node Steward", module.EventLogSourceName());
 }
 
@@ -269,8 +233,7 @@ TEST_F(ExtensionModuleTest, ModuleInfo_ShortRecordRefused_FieldsWritten) {
 
 // A reordering of the interface must fail here: the host knows only slot numbers.
 TEST_F(ExtensionModuleTest, VtableSlots_MatchHostContract) {
-  RecordingHost host;
-  host.kind = 5;
+  hostsim::SimHost host;
   TestModule module;
   CIExtensionModule* iface = &module;
   void* obj = iface;
