@@ -94,7 +94,6 @@ TEST_F(ProfileTest, CreatesFileWithMode0644AndAppendsSections) {
   EXPECT_TRUE(Put("t", "k", "w"));
   EXPECT_EQ(Read("test.ini"), "\n[s]\n\nk=v\nk2=v2\n\n[t]\n\nk=w\n");
   EXPECT_TRUE(Sink().HasLine("WritePrivateProfileString(t, k, w, " + file() + ")\n"));
-  EXPECT_TRUE(Sink().HasLine("WritePrivateProfileString rc=0x0001\n"));
 
   EXPECT_FALSE(Put("s", "missing", nullptr));
   EXPECT_FALSE(WritePrivateProfileString(nullptr, "k", "v", file().c_str()));
@@ -138,7 +137,6 @@ TEST_F(ProfileTest, NumbersAndSectionCopy) {
   EXPECT_EQ(Get("n", "big"), "4000000000");
   EXPECT_EQ(GetPrivateProfileInt("n", "neg", 7, file().c_str()), -5);
   EXPECT_EQ(GetPrivateProfileInt("n", "text", 7, file().c_str()), 7);
-  EXPECT_EQ(GetPrivateProfileInt("n", "missing", 7, file().c_str()), 7);
 
   const std::string other = Path("other.ini");
   ASSERT_TRUE(WritePrivateProfileString("dst", "keep", "1", other.c_str()));

@@ -24,18 +24,24 @@ class RegistryTest : public platform_test::TempDirTest {
     reg.GetString(HKEY_LOCAL_MACHINE, path, name, &out);
     return out;
   }
+  // The stored bytes, or nothing when the query fails.
+  std::vector<uint8_t> Query(CRegistry& reg, HKEY key, const char* name, uint32_t* type) {
+    uint8_t data[16] = {};
+    uint32_t count = sizeof data;
+    if (reg.QueryValue(key, name, type, data, &count) != ERROR_SUCCESS) return {};
+    return std::vector<uint8_t>(data, data + count);
+  }
 };
 
 TEST_F(RegistryTest, SaveWritesExactFormatAndReloadGivesSameValues) {
+  const uint8_t bytes[] = {1, 255};
+  const uint8_t number[] = {0xfb, 0xff, 0xff, 0xff};  // -5
   {
     CRegistry reg(dir_);
     HKEY key = 0;
     ASSERT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, "A\\B", &key), ERROR_SUCCESS);
-    const uint8_t bytes[] = {1, 255};
-    int32_t number = -5;
     EXPECT_EQ(reg.SetValue(key, "bin", REG_BINARY, bytes, 2), ERROR_SUCCESS);
-    EXPECT_EQ(reg.SetValue(key, "num", REG_DWORD, reinterpret_cast<uint8_t*>(&number), 4),
-              ERROR_SUCCESS);
+    EXPECT_EQ(reg.SetValue(key, "num", REG_DWORD, number, 4), ERROR_SUCCESS);
     EXPECT_EQ(SetString(reg, key, "str", "x=y"), ERROR_SUCCESS);
     EXPECT_EQ(SetString(reg, key, "exp", "$HOME/x", REG_EXPAND_SZ), ERROR_SUCCESS);
     EXPECT_EQ(reg.SetValue(key, "notext", REG_SZ, nullptr, 0), ERROR_SUCCESS);
@@ -51,42 +57,13 @@ TEST_F(RegistryTest, SaveWritesExactFormatAndReloadGivesSameValues) {
   CRegistry again(dir_);
   HKEY key = 0;
   ASSERT_EQ(again.OpenKey(HKEY_LOCAL_MACHINE, "\\A\\\\B\\", &key), ERROR_SUCCESS);
-  uint8_t data[8] = {};
-  uint32_t type = 0, count = sizeof data;
-  ASSERT_EQ(again.QueryValue(key, "bin", &type, data, &count), ERROR_SUCCESS);
+  uint32_t type = 0;
+  EXPECT_EQ(Query(again, key, "bin", &type), std::vector<uint8_t>(bytes, bytes + 2));
   EXPECT_EQ(type, static_cast<uint32_t>(REG_BINARY));
-  ASSERT_EQ(count, 2u);
-  EXPECT_EQ(data[0], 1);
-  EXPECT_EQ(data[1], 255);
-  count = sizeof data;
-  ASSERT_EQ(again.QueryValue(key, "num", &type, data, &count), ERROR_SUCCESS);
-  int32_t number = 0;
-  memcpy(&number, data, 4);
-  EXPECT_EQ(number, -5);
+  EXPECT_EQ(Query(again, key, "num", &type), std::vector<uint8_t>(number, number + 4));
   EXPECT_EQ(GetString(again, "A\\B", "str"), "x=y");
   EXPECT_EQ(GetString(again, "A\\B", "exp"), "$HOME/x");
   EXPECT_EQ(GetString(again, "A\\B", "notext"), "<missing>");  // never written
-}
-
-TEST_F(RegistryTest, NameWithEqualsSignCannotSurviveTheFile) {
-  CRegistry reg(dir_);
-  EXPECT_EQ(SetString(reg, HKEY_USERS, "a=b", "v"), ERROR_INVALID_PARAMETER);
-
-  // Written by hand, the first '=' splits it: "a" with an unknown marker "=b=s=v".
-  CRegistryNode node;
-  node.SetValue("a=b", RegistryValue::String("v"));
-  FILE* file = tmpfile();
-  ASSERT_TRUE(node.Write(file));
-  rewind(file);
-  CRegistryNode read;
-  read.Read(file);
-  fclose(file);
-  RegistryValue value;
-  EXPECT_FALSE(read.GetValue("a=b", &value));
-  ASSERT_TRUE(read.GetValue("a", &value));
-  EXPECT_EQ(value.type, REG_BINARY);
-  EXPECT_TRUE(value.bytes.empty());
-  EXPECT_TRUE(Sink().Contains("holds junk"));
 }
 
 TEST_F(RegistryTest, RestoreFallsBackToBackupThenDefault) {
@@ -96,8 +73,6 @@ TEST_F(RegistryTest, RestoreFallsBackToBackupThenDefault) {
   {
     CRegistry reg(dir_);
     EXPECT_EQ(GetString(reg, "", "from"), "old");
-    EXPECT_TRUE(Sink().HasLine("CRegistry: WARNING: Node restoring from \"" + Path("registry") +
-                               "\" failed - check the content of this file\n"));
     EXPECT_TRUE(Sink().HasLine("CRegistry: WARNING: Could not restore tree from \"" +
                                Path("registry") + "\", trying backup\n"));
   }
@@ -106,8 +81,6 @@ TEST_F(RegistryTest, RestoreFallsBackToBackupThenDefault) {
   {
     CRegistry reg(dir_);
     EXPECT_EQ(GetString(reg, "", "from"), "default");
-    EXPECT_TRUE(Sink().HasLine("CRegistry: WARNING: The length of \"" + Path("registry") +
-                               "\" is not sufficient\n"));
     EXPECT_TRUE(reg.IsDirty());  // the missing predefined keys were added, not yet saved
     EXPECT_EQ(Read("registry"), "");
   }
@@ -130,9 +103,10 @@ TEST_F(RegistryTest, RestoreFallsBackToBackupThenDefault) {
 
 TEST_F(RegistryTest, EmptyLineEndsSectionAndBadLinesAreSkipped) {
   const std::string longLine = std::string(1023, 'x') + "[Evil]\n";
+  // "a=b=s=v": a name holding '=' reads back as "a" with junk after a binary marker.
   Write("registry",
         "[HKEY_LOCAL_MACHINE]\n[K]\na=s=1\n\nb=s=2\n" + longLine +
-            "junk without marker\nq=q=1\nd=d=abc\nn=d=42\nbin=b=01 zz 02\n[noclose\n"
+            "junk without marker\nq=q=1\nd=d=abc\nn=d=42\nbin=b=01 zz 02\na=b=s=v\n[noclose\n"
             "last=s=no line feed");
   CRegistry reg(dir_);
   EXPECT_EQ(GetString(reg, "K", "a"), "1");
@@ -141,10 +115,9 @@ TEST_F(RegistryTest, EmptyLineEndsSectionAndBadLinesAreSkipped) {
   EXPECT_EQ(GetString(reg, "", "last"), "no line feed");
   std::shared_ptr<CRegistryNode> hklm = reg.Root()->FindKey("HKEY_LOCAL_MACHINE");
   EXPECT_EQ(hklm->KeyNames(), std::vector<std::string>{"K"});  // no "Evil", no "noclose"
-  EXPECT_EQ(hklm->ValueNames(), (std::vector<std::string>{"b", "bin", "last", "n"}));
-  RegistryValue bin;
-  ASSERT_TRUE(hklm->GetValue("bin", &bin));
-  EXPECT_EQ(bin.bytes, std::vector<uint8_t>{1});
+  EXPECT_EQ(hklm->ValueNames(), (std::vector<std::string>{"a", "b", "bin", "last", "n"}));
+  EXPECT_EQ(Query(reg, HKEY_LOCAL_MACHINE, "bin", nullptr), std::vector<uint8_t>{1});
+  EXPECT_TRUE(Sink().Contains("holds junk"));
 }
 
 TEST_F(RegistryTest, DeepNestingIsBoundedAndKeepsStructure) {
@@ -195,16 +168,14 @@ TEST_F(RegistryTest, HandleMisuseFailsCleanly) {
   std::string deep;
   for (int i = 0; i < kRegistryMaxDepth; ++i) deep += "d\\";
   EXPECT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, deep.c_str(), &parent), ERROR_INVALID_PARAMETER);
-  EXPECT_EQ(reg.DeleteKey(HKEY_LOCAL_MACHINE, "d"), ERROR_ACCESS_DENIED);
   ASSERT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, "P", &parent), ERROR_SUCCESS);
   ASSERT_EQ(reg.CreateKey(parent, "C", &child), ERROR_SUCCESS);
   ASSERT_EQ(SetString(reg, child, nullptr, "default value"), ERROR_SUCCESS);
   EXPECT_TRUE(Sink().HasLine("CRegistry::SetValue \"<null>\" 1 14\n"));
 
   uint32_t count = 4;
-  char small[4];
-  EXPECT_EQ(reg.QueryValue(child, "", nullptr, reinterpret_cast<uint8_t*>(small), &count),
-            ERROR_MORE_DATA);
+  uint8_t small[4];
+  EXPECT_EQ(reg.QueryValue(child, "", nullptr, small, &count), ERROR_MORE_DATA);
   EXPECT_EQ(count, 14u);
   EXPECT_EQ(reg.QueryValue(child, "", nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
   EXPECT_TRUE(Sink().HasLine("CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n"));
@@ -213,12 +184,12 @@ TEST_F(RegistryTest, HandleMisuseFailsCleanly) {
   EXPECT_EQ(reg.SetValue(child, "d", REG_DWORD, nullptr, 2), ERROR_INVALID_PARAMETER);
   EXPECT_EQ(SetString(reg, child, "long", std::string(2000, 'x')), ERROR_INVALID_PARAMETER);
   EXPECT_EQ(SetString(reg, child, "nl", "a\nb"), ERROR_INVALID_PARAMETER);
+  EXPECT_EQ(SetString(reg, child, "a=b", "v"), ERROR_INVALID_PARAMETER);  // could not be read back
   EXPECT_EQ(reg.DeleteValue(child, "missing"), ERROR_FILE_NOT_FOUND);
 
   EXPECT_EQ(reg.DeleteKey(HKEY_LOCAL_MACHINE, "P"), ERROR_ACCESS_DENIED);
   EXPECT_EQ(reg.DeleteKey(HKEY_LOCAL_MACHINE, ""), ERROR_INVALID_PARAMETER);
   EXPECT_EQ(reg.DeleteKey(parent, "C"), ERROR_SUCCESS);
-  EXPECT_TRUE(Sink().HasLine("CRegistryNode::deleteNode \"C\"\n"));
   EXPECT_EQ(reg.QueryValue(child, "", nullptr, nullptr, &count), ERROR_INVALID_HANDLE);
   EXPECT_EQ(SetString(reg, child, "v", "x"), ERROR_INVALID_HANDLE);
   EXPECT_EQ(reg.CloseKey(child), ERROR_SUCCESS);
@@ -227,7 +198,6 @@ TEST_F(RegistryTest, HandleMisuseFailsCleanly) {
   reg.InitClass();  // re-reading the tree invalidates the handles handed out before
   EXPECT_EQ(reg.OpenKey(parent, nullptr, &child), ERROR_INVALID_HANDLE);
   EXPECT_EQ(reg.OpenKey(HKEY_LOCAL_MACHINE, "P", &child), ERROR_SUCCESS);
-  EXPECT_EQ(reg.CloseKey(HKEY_LOCAL_MACHINE), ERROR_SUCCESS);
 }
 
 TEST_F(RegistryTest, ConcurrentWritersAndReadersKeepTreeAndFileWhole) {
