@@ -11,59 +11,45 @@
 
 namespace {
 
-TEST(SipJsonBuild, EnvelopeAndHeaderMemberOrder) {
-  EXPECT_EQ(SipJson().Serialize(), R"({"SIP":{"V":1,"CMD":[]}})");
-  EXPECT_EQ(SipJson(0x310, 2, 3, 0).Serialize(),
-            R"({"SIP":{"V":1,"CMD":[{"OC":784,"OE":2,"OI":3,"CA":0}]}})");
-  SipJson msg(5, 0, 0, 4);
-  EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":5,"CA":4}]}})");
+constexpr const char* kEmpty = R"({"SIP":{"V":1,"CMD":[]}})";
+
+TEST(SipJsonBuild, HeaderMemberOrderAndRemoval) {
+  EXPECT_EQ(SipJson(5, 0, 0, 4).Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":5,"CA":4}]}})");
+  SipJson msg(0x310, 2, 3, 0);
+  msg.SetModuleId(0x10002);
+  msg.SetKey("CI", 8, true);
+  msg.SetModuleId(0);
+  EXPECT_FALSE(msg.HasKey(0, "MI"));
+  EXPECT_TRUE(msg.SetKey("OE", 0, true));   // the last member moves into the gap
+  EXPECT_TRUE(msg.SetKey("OI", 0, false));  // without the flag, 0 is written
+  EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":784,"CI":8,"OI":0,"CA":0}]}})");
+  EXPECT_FALSE(msg.RemoveKey("XX"));
   msg.SetStatus(1);
   msg.SetCommandHeader(6, 0, 9, 1);  // starts from an empty command again
   EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":6,"OI":9,"CA":1}]}})");
 }
 
-TEST(SipJsonBuild, RemovalMovesTheLastMemberIntoThePlace) {
-  SipJson msg(1, 2, 3, 4);
-  msg.SetModuleId(0x10002);
-  msg.SetKey("CI", 8, true);
-  msg.SetModuleId(0);
-  EXPECT_FALSE(msg.HasKey(0, "MI"));
-  EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":1,"OE":2,"OI":3,"CA":4,"CI":8}]}})");
-  EXPECT_TRUE(msg.SetKey("OE", 0, true));
-  EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":1,"CI":8,"OI":3,"CA":4}]}})");
-  EXPECT_TRUE(msg.SetKey("OI", 0, false));  // without the flag, 0 is written
-  EXPECT_EQ(msg.GetKey(0, "OI", 5), 0u);
-  EXPECT_FALSE(msg.RemoveKey("XX"));
-  EXPECT_TRUE(msg.RemoveKey("CI"));
-  EXPECT_FALSE(msg.HasKey(0, "CI"));
-}
-
 TEST(SipJsonBuild, DataSettersReplacePreviousDataAndSetStatus) {
   SipJson msg(1, 0, 0, 0);
-  msg.SetRawData({0x01, 0x02}, 0x15);
   uint32_t value = 0;
-  ASSERT_TRUE(msg.GetDataValue(0, value));
-  EXPECT_EQ(value, 0x0201u);
+  msg.SetRawData({0x7F}, 0);
+  EXPECT_TRUE(msg.GetDataValue(0, value) && value == 0x7Fu);
+  EXPECT_EQ(msg.GetDataLength(0), 1u);
+  msg.SetRawData({0x01, 0x02}, 0x15);
+  EXPECT_TRUE(msg.GetDataValue(0, value) && value == 0x0201u) << value;
   EXPECT_EQ(msg.GetDataLength(0), 2u);
   EXPECT_EQ(msg.GetStatus(0), 0x15u);
-
   msg.SetRawData({}, 0x0C);
   EXPECT_FALSE(msg.HasKey(0, "DA"));
   EXPECT_EQ(msg.GetStatus(0), 0x0Cu);
-
   msg.SetDataValue(0x80000000u, 0);  // written unsigned: not an int32 any more
   EXPECT_FALSE(msg.GetDataValue(0, value));
-  msg.SetDataValue(77, 0);
-  ASSERT_TRUE(msg.GetDataValue(0, value));
-  EXPECT_EQ(value, 77u);
-
   msg.SetDataStrings({"AB", "C"}, 0);
   EXPECT_EQ(msg.GetDataLength(0), 6u);
   msg.SetDataString(std::string("a\0b", 3), 0xFF);
   std::string text;
-  ASSERT_TRUE(msg.GetDataString(0, text));
+  EXPECT_TRUE(msg.GetDataString(0, text));
   EXPECT_EQ(text, std::string("a\0b", 3));
-  EXPECT_EQ(msg.GetStatus(0), 0xFFu);
   EXPECT_EQ(msg.Command(0)->MemberCount(), 4u);  // OC, CA, DA, ST: no duplicates
 }
 
@@ -82,9 +68,7 @@ TEST(SipJsonBuild, CurrentCommandExtendsOrRefuses) {
     msg.SetStatus(5);
     EXPECT_EQ(msg.Serialize(), before);
   }
-
   SipJson notObject = FromText(R"({"SIP":{"CMD":[5]}})");
-  notObject.SetStatus(0);
   notObject.SetRawData({1}, 0);
   EXPECT_FALSE(notObject.SetKey("ST", 1, false));
   EXPECT_EQ(notObject.Serialize(), R"({"SIP":{"CMD":[5]}})");
@@ -99,9 +83,7 @@ TEST(SipJsonBuild, AppendCommandCopiesFromAnotherMessage) {
   SipJson target;
   EXPECT_EQ(target.AppendCommand(*source.Command(0)), 0);
   EXPECT_EQ(target.AppendCommand(*source.Command(0)), 1);
-  source = SipJson();
-  EXPECT_EQ(target.GetOpcode(1), 7u);
-  EXPECT_EQ(target.GetDataLength(1), 1u);
+  source = SipJson();  // nothing of the source may be shared
   EXPECT_EQ(target.Serialize(),
             R"({"SIP":{"V":1,"CMD":[{"OC":7,"DA":{"RAW":[1]},"X":"long text"},)"
             R"({"OC":7,"DA":{"RAW":[1]},"X":"long text"}]}})");
@@ -115,26 +97,24 @@ TEST(SipJsonHostApi, ParseSerializeRoundTrip) {
   ASSERT_TRUE(msg.Parse(text));
   EXPECT_EQ(msg.CurrentIndex(), 0);
   EXPECT_EQ(msg.Serialize(), text);
-  SipJson again = FromText(msg.Serialize());
-  EXPECT_EQ(again.Serialize(), text);
-
   // Doubles survive repeated hops through text unchanged.
   const std::string once = FromText(R"({"d":[3000E-58,0.1,1e308]})").Serialize();
   EXPECT_EQ(FromText(once).Serialize(), once);
 }
 
-TEST(SipJsonHostApi, ParseRejectsToAnEmptyMessage) {
+TEST(SipJsonHostApi, ParseRejectsToAnEmptyMessageAndBoundsNesting) {
   auto nested = [](unsigned depth) {
     return "{\"a\":" + std::string(depth - 1, '[') + std::string(depth - 1, ']') + "}";
   };
-  const std::string rejected[] = {"",    "[1]",     "5",        "\"x\"",
-                                  "{",   "{} x",    "{\"a\":1,}", std::string("{}\0{", 4),
-                                  nested(SipJson::kMaxParseDepth + 1), nested(100000)};
+  const std::string rejected[] = {"",     "[1]",        "5",
+                                  "{",    "{} x",       "{\"a\":1,}",
+                                  std::string("{}\0{", 4), nested(SipJson::kMaxParseDepth + 1),
+                                  nested(100000)};
   for (const std::string& text : rejected) {
     SipJson msg(1, 2, 3, 4);
     msg.SetCurrentIndex(2);
     EXPECT_FALSE(msg.Parse(text)) << text.substr(0, 20);
-    EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[]}})");
+    EXPECT_EQ(msg.Serialize(), kEmpty);
     EXPECT_EQ(msg.CurrentIndex(), 0);
   }
   SipJson msg;
@@ -145,33 +125,23 @@ TEST(SipJsonHostApi, ParseRejectsToAnEmptyMessage) {
 TEST(SipJsonCopies, CopiesAreIndependentAndMovedFromIsUsable) {
   SipJson original(1, 0, 0, 0);
   original.SetRawData({1, 2, 3}, 0);
-  original.SetCurrentIndex(0);
-
   SipJson copy(original);
   SipJson assigned;
   assigned = original;
   original.SetRawData({9}, 1);
-  original.SetModuleId(5);
-  for (const SipJson* m : {&copy, &assigned}) {
-    EXPECT_EQ(m->GetDataLength(0), 3u);
-    EXPECT_EQ(m->GetStatus(0), 0u);
+  copy.SetModuleId(5);
+  for (const SipJson* m : {&original, &assigned})
     EXPECT_FALSE(m->HasKey(0, "MI"));
-  }
-  copy.SetStatus(7);
-  EXPECT_EQ(assigned.GetStatus(0), 0u);
-  EXPECT_EQ(original.GetStatus(0), 1u);
+  EXPECT_EQ(assigned.GetDataLength(0), 3u);
+  EXPECT_EQ(copy.GetStatus(0), 0u);
 
-  original.SetCurrentIndex(2);
-  SipJson moved(std::move(original));
-  EXPECT_EQ(moved.CurrentIndex(), 2);
-  EXPECT_EQ(moved.GetKey(0, "MI"), 5u);
-  EXPECT_EQ(original.CommandCount(), 0u);  // NOLINT(bugprone-use-after-move)
-  original.SetStatus(4);
-  EXPECT_EQ(original.Serialize(), R"({"SIP":{"V":1,"CMD":[{"ST":4}]}})");
-
-  copy = std::move(moved);
-  EXPECT_EQ(copy.GetKey(0, "MI"), 5u);
-  EXPECT_EQ(copy.CurrentIndex(), 2);
+  copy.SetCurrentIndex(2);
+  SipJson moved(std::move(copy));
+  assigned = std::move(moved);
+  EXPECT_EQ(assigned.GetKey(0, "MI"), 5u);
+  EXPECT_EQ(assigned.CurrentIndex(), 2);
+  copy.SetStatus(4);  // NOLINT(bugprone-use-after-move): a moved-from message is reusable
+  EXPECT_EQ(copy.Serialize(), R"({"SIP":{"V":1,"CMD":[{"ST":4}]}})");
 }
 
 }  // namespace
