@@ -1,9 +1,13 @@
 #!/usr/bin/env bash
-# Installs the Debian packages the build, tests and benchmarks need. Idempotent: does
-# nothing when everything is present.
+# Installs the Debian packages the build, tests and benchmarks need; with --fuzz also clang
+# and its runtime for the libFuzzer targets. Idempotent: does nothing when everything is
+# present.
 set -euo pipefail
 packages=(build-essential cmake rapidjson-dev libpugixml-dev libgtest-dev libgmock-dev
-          libbenchmark-dev clang libclang-rt-dev)
+          libbenchmark-dev)
+if [ "${1:-}" = "--fuzz" ]; then
+  packages+=(clang libclang-rt-dev)
+fi
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")
