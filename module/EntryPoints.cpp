@@ -1,6 +1,5 @@
 // The four entry points of em_oidmap.so and the single module object they manage.
 #include <cstdint>
-#include <new>
 
 #include "module/CIExtensionModule.h"
 #include "module/DebugClient.h"
@@ -32,8 +31,13 @@ EM_EXPORT bool EM_Create(CIExtensionModule** module, void* /*unused*/) {
     return module != nullptr;
   }
   EM_TRACE(2, "\nEM DLL (%-10s) : Create module", kModuleName);
-  // A constructor that throws reaches the host, as the host expects; the memory is freed.
-  g_module = new COidMapExtModule();
+  // No exception may cross into the host, whose runtime may not share ours: a constructor
+  // that throws (its memory is released by new) is reported as a failed creation.
+  try {
+    g_module = new COidMapExtModule();
+  } catch (...) {
+    g_module = nullptr;
+  }
   if (g_module != nullptr) {
     if (module != nullptr) *module = g_module;
     return module != nullptr;
