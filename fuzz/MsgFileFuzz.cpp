@@ -1,0 +1,48 @@
+// Arbitrary bytes as the text of an XML message file: every lookup must come back (with
+// text or empty) without crashing, give the same answer when repeated, and a language
+// lookup always names some language.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "module/DebugClient.h"
+#include "msglog/LogMsgFile.h"
+
+namespace {
+
+void Check(bool ok) {
+  if (!ok) __builtin_trap();
+}
+
+const char* const kCodes[] = {"0x0105", "0X0105", "0x190005", "", "0x"};
+const char* const kKeys[] = {kKeyLongMsg, kKeyShortMsg, kKeyCause, "", nullptr};
+const char* const kLanguages[] = {nullptr, "en", "DE", ""};
+const int kIndexes[] = {-1, 0, 1, 3};
+const uint32_t kLanguageIds[] = {0x409, 0x407, 0, 0xFFFFFFFFu};
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static const bool quiet = (TraceClient().SetTraceLevel(0), true);
+  (void)quiet;
+  // No registered directory: only the text in memory is consulted.
+  CLogMsgFile file(".", [] { return std::string(); });
+  const bool open = file.OpenFromText(std::string(reinterpret_cast<const char*>(data), size));
+  Check(open == file.IsOpen());
+
+  for (const char* code : kCodes) {
+    for (const char* key : kKeys) {
+      for (const char* lang : kLanguages) {
+        for (int index : kIndexes) {
+          const std::string text = file.SearchMessage(code, key, lang, index);
+          if (!open || index < 0 || key == nullptr || *key == '\0') Check(text.empty());
+        }
+      }
+    }
+  }
+  // The search must not move a cursor that later searches depend on.
+  Check(file.SearchMessage("0x0105", kKeyLongMsg, "en", 0) ==
+        file.SearchMessage("0x0105", kKeyLongMsg, "en", 0));
+  for (uint32_t id : kLanguageIds) Check(!file.LanguageName(id).empty());
+  return 0;
+}
