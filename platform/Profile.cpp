@@ -194,7 +194,9 @@ uint32_t GetPrivateProfileString(const char* section, const char* key,
 
   const bool list = section == nullptr || key == nullptr;
   const size_t sectionLength = section ? strlen(section) : 0;
-  const int64_t stopAt = static_cast<int64_t>(bufferSize) - 2;
+  // Only a list keeps room for its closing NULs; a value read must still find its key
+  // when the buffer holds just one character and the terminator.
+  const int64_t stopAt = static_cast<int64_t>(bufferSize) - (list ? 2 : 0);
   uint32_t count = 0;
   auto put = [&](char c) {
     if (count < bufferSize) buffer[count++] = c;
