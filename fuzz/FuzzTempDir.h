@@ -8,13 +8,15 @@
 #include <cstdint>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
+#include <system_error>
 
 namespace fuzz {
 
 // A directory made once per process (on tmpfs when there is one: the registry syncs every
-// save, which would dominate the run time on a disk). Never removed: libFuzzer ends the
-// process with exit(), and the directory is small.
+// save, which would dominate the run time on a disk). Removed when the process exits
+// normally; a crash leaves it behind for a look at the files.
 inline const std::string& TempDir(const char* tag) {
   static const std::string dir = [tag] {
     struct stat st;
@@ -23,6 +25,11 @@ inline const std::string& TempDir(const char* tag) {
     if (mkdtemp(&pattern[0]) == nullptr) abort();
     return pattern;
   }();
+  static const bool cleanup = atexit([] {
+    std::error_code ignored;
+    std::filesystem::remove_all(TempDir(nullptr), ignored);
+  }) == 0;
+  (void)cleanup;
   return dir;
 }
 
