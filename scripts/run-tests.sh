@@ -10,7 +10,7 @@ cmake --build --preset default
 ctest --preset default
 
 # Sanitizer runs: the suites named in SANITIZED_SUITES (those that exist).
-SANITIZED_SUITES=(runtime_tests module_tests oidmap_tests msglog_tests platform_tests e2e_tests)
+SANITIZED_SUITES=(sip_tests runtime_tests module_tests oidmap_tests msglog_tests platform_tests hostsim_tests e2e_tests)
 for preset in asan tsan; do
   cmake --preset "$preset" >/dev/null
   available=$(cmake --build --preset "$preset" --target help)

@@ -177,11 +177,12 @@ bool SipJson::Parse(const std::string& text) {
     rapidjson::MemoryStream ms(text.data(), text.size());
     rapidjson::Reader reader;
     rapidjson::ParseResult result;
-    // Full precision: hosts re-parse serialised messages, and numbers must not drift.
+    // Not kParseFullPrecisionFlag: in the RapidJSON release we build with, its decimal
+    // conversion reads outside a table for numbers with long fractions, which any peer
+    // could send. SIP numbers are unsigned integers, which parse exactly either way.
     auto generate = [&](Document& handler) {
       DepthLimitedHandler limited(handler, kMaxParseDepth);
-      result = reader.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseFullPrecisionFlag>(
-          ms, limited);
+      result = reader.Parse<rapidjson::kParseIterativeFlag>(ms, limited);
       return !result.IsError();
     };
     parsed.Populate(generate);

@@ -97,9 +97,14 @@ TEST(SipJsonHostApi, ParseSerializeRoundTrip) {
   ASSERT_TRUE(msg.Parse(text));
   EXPECT_EQ(msg.CurrentIndex(), 0);
   EXPECT_EQ(msg.Serialize(), text);
-  // Doubles survive repeated hops through text unchanged.
-  const std::string once = FromText(R"({"d":[3000E-58,0.1,1e308]})").Serialize();
+  // Integers survive hops through text exactly; numbers with absurdly long fractions or
+  // exponents (hostile peers) parse or are refused without undefined behaviour.
+  const std::string once = FromText(R"({"d":[4294967295,18446744073709551615,-7]})").Serialize();
   EXPECT_EQ(FromText(once).Serialize(), once);
+  SipJson hostile;
+  EXPECT_TRUE(hostile.Parse("{\"a\":0." + std::string(400, '0') + "1}"));
+  EXPECT_TRUE(hostile.Parse("{\"a\":1." + std::string(400, '9') + "e-999}"));
+  EXPECT_FALSE(hostile.Parse("{\"a\":1e999999999999}"));
 }
 
 TEST(SipJsonHostApi, ParseRejectsToAnEmptyMessageAndBoundsNesting) {
