@@ -71,6 +71,8 @@ TEST_F(ProfileTest, NeverWritesPastTheBuffer) {
   EXPECT_STREQ(buffer, "abcdef");
   EXPECT_EQ(get(nullptr, nullptr, 4), 2u);  // a cut list ends with two NULs
   EXPECT_EQ(std::string(buffer, 5), std::string("al\0\0#", 5));
+  EXPECT_EQ(get("alpha", "k", 2), 1u);  // room for one character: the value's, not the default's
+  EXPECT_STREQ(buffer, "a");
   EXPECT_EQ(get("alpha", "k", 1), 0u);  // no room: the default, cut to nothing
   EXPECT_EQ(buffer[0], '\0');
   EXPECT_EQ(buffer[1], '#');
