@@ -34,13 +34,6 @@ uint32_t COidMapExtModule::TranslateMessage(SipJson& msg, int32_t index) {
   return map_table_.TranslateMessage(msg, index);
 }
 
-void COidMapExtModule::OnTaskExecution(SipJson& task, int32_t level) {
-  const int32_t i = task.CurrentIndex();
-  // The log collection runs here; until it does, a task only reports that it ran.
-  EM_TRACE(3, "\nEM_OIDMAP           : Task OC 0x%04X for CABID %04d at level %d executed",
-           task.GetOpcode(i), static_cast<int>(task.GetKey(i, "CA")), level);
-}
-
 std::vector<uint32_t> COidMapExtModule::CabinetList() const {
   std::lock_guard<std::mutex> guard(cabinet_mutex_);
   return std::vector<uint32_t>(cabinets_.begin(), cabinets_.begin() + cabinet_count_);

@@ -1,8 +1,13 @@
 // COidMapExtModule: the em_oidmap module object. It maps object identifiers between the
 // global index that clients see and the module-local ids of the lower modules, and keeps
 // the message log caches of all cabinets. Its member functions are split by job:
-//   OidMapExtModule.cpp  construction, destruction, module information, stop, tasks
-//   StartUp.cpp          start, re-scan, cabinet list, count opcode checks
+//   OidMapExtModule.cpp        construction, destruction, module information, stop
+//   StartUp.cpp                start, re-scan, cabinet list, count opcode checks
+//   RequestHandler.cpp         the request handler (slot 9) and its dispatch
+//   ReplyHandler.cpp           the reply handler (slot 8): replies and events
+//   MultipleModuleRequests.cpp broadcasts to all modules and the merge of their replies
+//   LogCollection.cpp          task execution (slot 25), log scans, collect from message
+//   LogQueries.cpp             message log queries and message text requests
 //
 // Threads: start and re-scan run on a host thread before requests; requests and replies
 // on host threads; tasks on the serializer's worker ("_TaskHandler").
@@ -46,8 +51,32 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   // EM_IDENT probe, cabinet list, SEL languages, one message-log scan task per cabinet.
   void Rescan() override;
   const char* GetModuleTag() override { return kModuleName; }
+  // Slot 8: translates a reply or event back to the global view, traces it, forwards
+  // events and keeps the message log caches in step with log events. Never throws.
+  void OnReply(SipJson& reply) override;
+  // Slot 9: declines threshold writes, forwards translated requests to their owner,
+  // handles the multiple-module requests and the message log opcodes. Returns 1 when the
+  // message holds the answer, 0 when the host should offer the request elsewhere.
+  uint32_t OnRequest(SipJson& request) override;
   // Slot 25: the serializer's task handler.
   void OnTaskExecution(SipJson& task, int32_t level) override;
+
+  // ---- Multiple-module requests (MultipleModuleRequests.cpp) ---------------------------
+  // Broadcasts the requests that concern all modules and merges the replies into the
+  // client's command. Returns 1 when handled here, 0 when `msg` is not such a request.
+  uint32_t MultipleModuleRequest(SipJson& msg);
+
+  // ---- Message log (LogCollection.cpp, LogQueries.cpp) -----------------------------------
+  // Parses the log replies of `msg` (OC 0x0B00 / 0x0B16), merges and stores them into the
+  // cache of the message's cabinet. Returns the first new sequence number, 0 when nothing
+  // was stored.
+  uint32_t CollectFromMessage(SipJson& msg);
+  // True once some module answered a log scan request with success.
+  bool IsLogDataSupported() const { return log_data_supported_.load(std::memory_order_acquire); }
+  // Answers the message log queries and text requests of the dispatch (OC 0x0B10, 0x0B12,
+  // 0x0B13, 0x0B17, 0x0B19, 0x0B1A, 0x0B20, 0x0B21, 0x0B23..0x0B25). Returns the
+  // request handler's result.
+  uint32_t HandleMessageLogRequest(SipJson& msg, uint32_t oc);
 
   // ---- Translation -------------------------------------------------------------------
   // Translates the command at `index` through the OID map table while mapping is needed.
@@ -88,6 +117,9 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   mutable std::mutex cabinet_mutex_;
   mutable std::mutex language_mutex_;
   mutable std::mutex help_desk_mutex_;
+
+  // ---- Message log collection (LogCollection.cpp) ----
+  std::atomic<bool> log_data_supported_{false};
 
   CRecursiveLock cache_lock_;  // the module's message log cache lock
   CMsgLogCache msg_log_cache_;

@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "E2EHost.h"
 #include "hostsim/DebugSink.h"
 #include "hostsim/SimHost.h"
 #include "module/CIExtensionModule.h"
@@ -19,84 +20,16 @@
 
 namespace {
 
-using CreateFn = bool (*)(CIExtensionModule**, void*);
-using DeleteFn = unsigned int (*)();
-using NameFn = const char* (*)();
-using SetupFn = unsigned int (*)(uint32_t);
+using e2e::Lib;
+using e2e::CallSlot;
 
-struct Library {
-  void* handle = nullptr;
-  CreateFn create = nullptr;
-  DeleteFn destroy = nullptr;
-  NameFn name = nullptr;
-  SetupFn setup = nullptr;
-};
-
-Library& Lib() {
-  static Library lib;
-  return lib;
-}
-
-// Loads the module once per process, with tracing on: its trace client reads the level
-// from the environment when it is loaded.
-class ModuleEnvironment : public ::testing::Environment {
- public:
-  void SetUp() override {
-    setenv("KT_LOG_DEBUG_LEVEL", "5", 1);
-    Library& lib = Lib();
-    lib.handle = dlopen(EM_OIDMAP_SO, RTLD_NOW | RTLD_LOCAL);
-    ASSERT_NE(nullptr, lib.handle) << dlerror();
-    lib.create = reinterpret_cast<CreateFn>(dlsym(lib.handle, "EM_Create"));
-    lib.destroy = reinterpret_cast<DeleteFn>(dlsym(lib.handle, "EM_Delete"));
-    lib.name = reinterpret_cast<NameFn>(dlsym(lib.handle, "EM_GetModuleName"));
-    lib.setup = reinterpret_cast<SetupFn>(dlsym(lib.handle, "EM_SetupAction"));
-    ASSERT_TRUE(lib.create && lib.destroy && lib.name && lib.setup);
-  }
-  void TearDown() override {
-    if (Lib().handle != nullptr) dlclose(Lib().handle);
-  }
-};
-
-const auto* const kEnvironment = ::testing::AddGlobalTestEnvironment(new ModuleEnvironment);
-
-// Calls vtable slot `slot` (1-based) as a host binary does.
-template <typename R, typename... Args>
-R CallSlot(void* obj, int slot, Args... args) {
-  void** vtable = *reinterpret_cast<void***>(obj);
-  using Fn = R (*)(void*, Args...);
-  return reinterpret_cast<Fn>(vtable[slot - 1])(obj, args...);
-}
-
-constexpr uint32_t kMidA = 0x00010001;
-constexpr uint32_t kMidB = 0x00020001;
+using e2e::kMidA;
+using e2e::kMidB;
 // Distinct count opcodes of the count opcode table: one broadcast each per cabinet.
 constexpr size_t kCountBroadcastsPerCabinet = 7;
 
-class ModuleE2ETest : public ::testing::Test {
+class ModuleE2ETest : public e2e::ModuleHostTest {
  protected:
-  void SetUp() override {
-    ASSERT_NE(nullptr, Lib().handle);
-    hostsim::Sink().Clear();
-  }
-  void TearDown() override {
-    if (module_ != nullptr) {
-      EXPECT_EQ(1u, Lib().destroy());
-      module_ = nullptr;
-    }
-  }
-
-  CIExtensionModule* Create() {
-    EXPECT_TRUE(Lib().create(&module_, nullptr));
-    return module_;
-  }
-
-  void StartWithCabinets(uint32_t server, const std::vector<uint32_t>& se, bool enumOk = true) {
-    host_.SetSeCabinets(se, enumOk);
-    Create();
-    module_->SetServerCabinet(server);
-    ASSERT_EQ(1u, module_->Start(&host_, host_.Attach(module_)));
-  }
-
   // Count broadcasts the module sent, per (OC, OE, CA).
   size_t CountBroadcasts() const {
     size_t n = 0;
@@ -118,9 +51,6 @@ class ModuleE2ETest : public ::testing::Test {
     for (uint32_t i = 1; i <= n; ++i) cabs.push_back(i);
     return cabs;
   }
-
-  hostsim::SimHost host_;
-  CIExtensionModule* module_ = nullptr;
 };
 
 TEST_F(ModuleE2ETest, EntryPoints_CreateOnceDeleteOnce) {

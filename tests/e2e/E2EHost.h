@@ -1,0 +1,106 @@
+// What every end-to-end test shares: em_oidmap.so loaded once per process through dlopen,
+// its entry points, calls by vtable slot, and a fixture that plays the host over
+// hostsim's simulated modules.
+#ifndef EM_TESTS_E2E_E2EHOST_H
+#define EM_TESTS_E2E_E2EHOST_H
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <cstdlib>
+#include <vector>
+
+#include "hostsim/DebugSink.h"
+#include "hostsim/SimHost.h"
+#include "module/CIExtensionModule.h"
+#include "sip/SipJson.h"
+
+namespace e2e {
+
+using CreateFn = bool (*)(CIExtensionModule**, void*);
+using DeleteFn = unsigned int (*)();
+using NameFn = const char* (*)();
+using SetupFn = unsigned int (*)(uint32_t);
+
+struct Library {
+  void* handle = nullptr;
+  CreateFn create = nullptr;
+  DeleteFn destroy = nullptr;
+  NameFn name = nullptr;
+  SetupFn setup = nullptr;
+};
+
+inline Library& Lib() {
+  static Library lib;
+  return lib;
+}
+
+// Loads the module once per process, with tracing on: its trace client reads the level
+// from the environment when it is loaded.
+class ModuleEnvironment : public ::testing::Environment {
+ public:
+  void SetUp() override {
+    setenv("KT_LOG_DEBUG_LEVEL", "5", 1);
+    Library& lib = Lib();
+    lib.handle = dlopen(EM_OIDMAP_SO, RTLD_NOW | RTLD_LOCAL);
+    ASSERT_NE(nullptr, lib.handle) << dlerror();
+    lib.create = reinterpret_cast<CreateFn>(dlsym(lib.handle, "EM_Create"));
+    lib.destroy = reinterpret_cast<DeleteFn>(dlsym(lib.handle, "EM_Delete"));
+    lib.name = reinterpret_cast<NameFn>(dlsym(lib.handle, "EM_GetModuleName"));
+    lib.setup = reinterpret_cast<SetupFn>(dlsym(lib.handle, "EM_SetupAction"));
+    ASSERT_TRUE(lib.create && lib.destroy && lib.name && lib.setup);
+  }
+  void TearDown() override {
+    if (Lib().handle != nullptr) dlclose(Lib().handle);
+  }
+};
+
+inline const auto* const kEnvironment =
+    ::testing::AddGlobalTestEnvironment(new ModuleEnvironment);
+
+// Calls vtable slot `slot` (1-based) as a host binary does.
+template <typename R, typename... Args>
+R CallSlot(void* obj, int slot, Args... args) {
+  void** vtable = *reinterpret_cast<void***>(obj);
+  using Fn = R (*)(void*, Args...);
+  return reinterpret_cast<Fn>(vtable[slot - 1])(obj, args...);
+}
+
+constexpr uint32_t kMidA = 0x00010001;
+constexpr uint32_t kMidB = 0x00020001;
+
+// A host with simulated modules; the module is created, started and deleted as a host
+// does it.
+class ModuleHostTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_NE(nullptr, Lib().handle);
+    hostsim::Sink().Clear();
+  }
+  void TearDown() override {
+    if (module_ != nullptr) {
+      EXPECT_EQ(1u, Lib().destroy());
+      module_ = nullptr;
+    }
+  }
+
+  CIExtensionModule* Create() {
+    EXPECT_TRUE(Lib().create(&module_, nullptr));
+    return module_;
+  }
+
+  void StartWithCabinets(uint32_t server, const std::vector<uint32_t>& se, bool enumOk = true) {
+    host_.SetSeCabinets(se, enumOk);
+    Create();
+    module_->SetServerCabinet(server);
+    ASSERT_EQ(1u, module_->Start(&host_, host_.Attach(module_)));
+  }
+
+  hostsim::SimHost host_;
+  CIExtensionModule* module_ = nullptr;
+};
+
+}  // namespace e2e
+
+#endif  // EM_TESTS_E2E_E2EHOST_H
