@@ -8,6 +8,7 @@
 #include <rapidjson/error/en.h>
 
 #include "hostsim/SimHost.h"
+#include "hostsim/SimLog.h"
 
 namespace hostsim {
 namespace {
@@ -126,13 +127,93 @@ std::string Where(const char* list, rapidjson::SizeType i) {
   return std::string(list) + "[" + std::to_string(i) + "]";
 }
 
+// Reads a number that must fit `bits` bits.
+uint32_t NarrowNumber(ObjectReader& item, const char* key, uint32_t def, int bits) {
+  const uint32_t value = item.Number(key, def);
+  if (bits < 32 && value >> bits != 0) {
+    item.Fail(std::string("member \"") + key + "\" does not fit " + std::to_string(bits) +
+              " bits");
+  }
+  return value;
+}
+
+bool ReadOldStyleRecord(ObjectReader& item, SimOldStyleRecord& record) {
+  item.AllowOnly({"code", "codeBits", "cabinet", "oid", "order", "args", "argCount"});
+  record.code = NarrowNumber(item, "code", 0, 14);
+  if (item.ok() && item.Find("code") == nullptr) item.Fail("lacks member \"code\"");
+  record.codeBits = static_cast<uint8_t>(NarrowNumber(item, "codeBits", 0, 2));
+  record.cabinet = static_cast<uint16_t>(NarrowNumber(item, "cabinet", 0, 16));
+  record.objectId = static_cast<uint16_t>(NarrowNumber(item, "oid", 0, 16));
+  record.order = item.Number("order", 0);
+  if (const Value* args = item.Array("args")) {
+    for (const Value& arg : args->GetArray()) {
+      uint32_t value = 0;
+      if (!ObjectReader::ToNumber(arg, value)) {
+        item.Fail("member \"args\" holds something other than numbers");
+        break;
+      }
+      record.args.push_back(value);
+    }
+  }
+  if (item.Find("argCount") != nullptr) {
+    record.argCount = static_cast<uint8_t>(NarrowNumber(item, "argCount", 0, 8));
+  }
+  return item.ok();
+}
+
+bool ReadUnifiedRecord(ObjectReader& item, SimUnifiedRecord& record) {
+  item.AllowOnly({"code", "css", "flags", "order", "recordId", "aux", "codeBits", "strings"});
+  if (item.ok() && item.Find("code") == nullptr) item.Fail("lacks member \"code\"");
+  record.code = item.Number("code", 0);
+  record.flags = item.Number("flags", 0);
+  if (const Value* css = item.Find("css")) {
+    if (css->IsBool()) {
+      record.flags = css->GetBool() ? (record.flags | 1u) : (record.flags & ~1u);
+    } else {
+      item.Fail("member \"css\" is not a boolean");
+    }
+  }
+  record.order = item.Number("order", 0);
+  record.recordId = static_cast<int32_t>(item.Number("recordId", 0xFFFFFFFF));
+  record.aux = static_cast<uint8_t>(NarrowNumber(item, "aux", 0, 8));
+  record.codeBits = static_cast<uint8_t>(NarrowNumber(item, "codeBits", 0, 8));
+  if (const Value* strings = item.Array("strings")) {
+    for (const Value& text : strings->GetArray()) {
+      if (!text.IsString()) {
+        item.Fail("member \"strings\" holds something other than strings");
+        break;
+      }
+      record.strings.emplace_back(text.GetString(), text.GetStringLength());
+    }
+  }
+  return item.ok();
+}
+
+// A module's log member: an array of records, encoded and answered as log `oi` of `oc`.
+template <class Record, class ReadFn>
+bool ReadLog(ObjectReader& module, const std::string& where, const char* key, uint32_t oc,
+             std::optional<uint32_t> oi, ReadFn read, SimModule& scratch, std::string& error) {
+  const Value* list = module.Array(key);
+  if (list == nullptr) return module.ok();
+  std::vector<Record> records;
+  for (rapidjson::SizeType r = 0; r < list->Size(); ++r) {
+    ObjectReader item((*list)[r], where + "." + Where(key, r), error);
+    Record record;
+    if (!item.ok() || !read(item, record)) return false;
+    records.push_back(record);
+  }
+  scratch.SetLog(oc, oi, EncodeLog(records));
+  return true;
+}
+
 // Reads one module entry; the rules are expanded by a scratch SimModule so that they
 // end up in exactly the order and with the replacements its setters produce.
 bool ReadModule(const Value& entry, rapidjson::SizeType i, ScenarioModule& out,
                 std::string& error) {
   const std::string where = Where("modules", i);
   ObjectReader module(entry, where, error);
-  module.AllowOnly({"mid", "rules", "counts", "config", "statusOverrides"});
+  module.AllowOnly({"mid", "rules", "counts", "config", "statusOverrides", "errorLog",
+                    "eventLog", "messageLog"});
   const uint32_t mid = module.RequiredNumber("mid");
   if (!module.ok()) return false;
   SimModule scratch(mid);
@@ -185,6 +266,14 @@ bool ReadModule(const Value& entry, rapidjson::SizeType i, ScenarioModule& out,
       if (!item.ok()) return false;
       scratch.SetStatusOverride(oc, st);
     }
+  }
+  if (!ReadLog<SimOldStyleRecord>(module, where, "errorLog", kOcLogEntry, kLogCritical,
+                                  ReadOldStyleRecord, scratch, error) ||
+      !ReadLog<SimOldStyleRecord>(module, where, "eventLog", kOcLogEntry, kLogNonCritical,
+                                  ReadOldStyleRecord, scratch, error) ||
+      !ReadLog<SimUnifiedRecord>(module, where, "messageLog", kOcLogMessageArguments,
+                                 std::nullopt, ReadUnifiedRecord, scratch, error)) {
+    return false;
   }
   if (!module.ok()) return false;
   out.mid = mid;

@@ -3,6 +3,7 @@
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
+#include "hostsim/SimLog.h"
 #include "sip/SipJson.h"
 
 namespace hostsim {
@@ -80,6 +81,15 @@ void SimModule::SetConfigValue(uint32_t oe, uint32_t value) {
 
 void SimModule::SetConfigText(uint32_t oe, const std::string& text) {
   SetConfigJson(oe, QuoteJson(text));
+}
+
+void SimModule::SetLog(uint32_t oc, std::optional<uint32_t> oi,
+                       const std::vector<uint8_t>& records) {
+  ReplyRule rule;
+  rule.oc = oc;
+  rule.oi = oi;
+  if (!records.empty()) rule.dataJson = RawDataJson(records);
+  Upsert(rule, false);
 }
 
 void SimModule::SetStatusOverride(uint32_t oc, uint32_t status) {

@@ -70,6 +70,10 @@ class SimModule {
   void SetConfigText(uint32_t oe, const std::string& text);
   // DA given as JSON text (a multi-string, a struct, ...).
   void SetConfigJson(uint32_t oe, const std::string& json);
+  // Log reads of opcode `oc` (and object id `oi`, when set), in any cabinet, answer ST 0
+  // with these record bytes as raw data (no data for an empty log). Replaces an earlier
+  // log of the same key. See SimLog.h for the record encoders.
+  void SetLog(uint32_t oc, std::optional<uint32_t> oi, const std::vector<uint8_t>& records);
   // Every command with opcode `oc` answers `status` without data, before any other rule.
   void SetStatusOverride(uint32_t oc, uint32_t status);
   void ClearRules();

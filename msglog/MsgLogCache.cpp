@@ -92,30 +92,35 @@ bool CMsgLogCache::WaitForCacheReady(uint32_t cabinet, uint32_t timeoutMs) {
 }
 
 uint32_t CMsgLogCache::StoreEntries(MsgLogCabinetCache& cache,
-                                    const std::vector<MsgLogEntry>& merged) {
+                                    std::vector<MsgLogEntry>&& merged) {
+  std::lock_guard<std::mutex> guard(cache.entries_mutex_);
+  MsgLogEntryList& entries = cache.entries_;
+  const size_t total = entries.size() + merged.size();
+  const size_t surplus = total > kMaxMsgLogEntries ? total - kMaxMsgLogEntries : 0;
+  const size_t evictHeld = surplus < entries.size() ? surplus : entries.size();
+  const size_t skipNew = surplus - evictHeld;  // new entries evicted by this same store
   uint32_t first = 0;
   if (!merged.empty()) {
-    first = cache.LastSequenceNumber + 1;
-    cache.Entries.reserve(cache.Entries.size() + merged.size());
-    for (const MsgLogEntry& entry : merged) {
-      cache.Entries.push_back(entry);
-      cache.Entries.back().SequenceNumber = ++cache.LastSequenceNumber;
-    }
+    first = cache.last_sequence_number_ + 1;
     EM_TRACE(4, "\nEM_OIDMAP           :     %u entries stored to messag log cache",
-             static_cast<unsigned>(cache.Entries.size()));
+             static_cast<unsigned>(total));
   }
-  if (cache.Entries.size() > kMaxMsgLogEntries) {
-    const size_t surplus = cache.Entries.size() - kMaxMsgLogEntries;
-    if (TraceClient().IsTraceActive()) {
-      for (size_t i = 0; i < surplus; ++i) {
-        EM_TRACE(3, "\nEM_OIDMAP           : Remove entry %u from beginning of message log list",
-                 cache.Entries[i].SequenceNumber);
-      }
+  if (surplus != 0 && TraceClient().IsTraceActive()) {
+    for (size_t i = 0; i < evictHeld; ++i) {
+      EM_TRACE(3, "\nEM_OIDMAP           : Remove entry %u from beginning of message log list",
+               entries[i].SequenceNumber);
     }
-    // One move of the rest instead of one per removed entry; the result is the same.
-    cache.Entries.erase(cache.Entries.begin(),
-                        cache.Entries.begin() + static_cast<std::ptrdiff_t>(surplus));
+    for (size_t i = 0; i < skipNew; ++i) {
+      EM_TRACE(3, "\nEM_OIDMAP           : Remove entry %u from beginning of message log list",
+               static_cast<uint32_t>(first + i));
+    }
   }
+  entries.PopFront(evictHeld);
+  for (size_t i = skipNew; i < merged.size(); ++i) {
+    merged[i].SequenceNumber = first + static_cast<uint32_t>(i);
+    entries.push_back(std::move(merged[i]));
+  }
+  cache.last_sequence_number_ += static_cast<uint32_t>(merged.size());
   return first;
 }
 
@@ -124,6 +129,24 @@ bool CMsgLogCache::ClearCabinet(uint32_t cabinet) {
   if (cache == nullptr) {
     return false;
   }
-  cache->Entries.clear();
+  std::lock_guard<std::mutex> guard(cache->entries_mutex_);
+  cache->entries_.clear();
   return true;
+}
+
+void MsgLogEntryList::PopFront(size_t n) {
+  for (size_t i = 0; i < n; ++i) {
+    storage_[head_ + i] = MsgLogEntry();  // frees its record and texts now
+  }
+  head_ += n;
+  if (head_ != 0 && head_ >= size()) {
+    // Moves the live entries once per at least as many evictions; capacity stays.
+    storage_.erase(storage_.begin(), storage_.begin() + static_cast<std::ptrdiff_t>(head_));
+    head_ = 0;
+  }
+}
+
+void MsgLogEntryList::clear() {
+  storage_.clear();
+  head_ = 0;
 }

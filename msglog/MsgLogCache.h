@@ -3,19 +3,29 @@
 //
 // Readiness protocol: a collection resets the cabinet's ready event before it changes the
 // entries and sets it when it is done; a reader waits on the event and reads the entries
-// only afterwards. The event is the only ordering between the writer and the readers.
+// only afterwards. The event orders a scan's result before the queries that wait for it.
 //
 // Thread safety: the table of cabinets is guarded by its own recursive lock, held only
 // while the table is walked; a cabinet cache found under it is used after it is released
-// (caches are never removed before the owner ends). Callers that change a cabinet's
-// entries hold the module's cache lock, which is always taken before the table's lock.
+// (caches are never removed before the owner ends). A cabinet's entries and its last
+// sequence number are read and written only under that cabinet's own lock (StoreEntries,
+// ClearCabinet, ReadEntries): log events store from host threads while a scan stores from
+// the worker, and a reader woken early must not walk an array that is being appended to
+// or evicted. A reader sees a store either not at all or whole.
+//
+// Lock order: the module's cache lock, then the table lock, then a cabinet's entry lock.
+// The entry lock is innermost: nothing takes another cache lock while holding it (the
+// function given to ReadEntries must not call back into this class).
 #ifndef EM_MSGLOG_MSGLOGCACHE_H
 #define EM_MSGLOG_MSGLOGCACHE_H
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "runtime/Event.h"
@@ -41,17 +51,49 @@ struct MsgLogEntry {
   uint8_t CodeBits = 0;
 };
 
-// The cache of one cabinet.
-struct MsgLogCabinetCache {
+// A cabinet's entries, oldest first, in one contiguous array. Eviction from the front
+// only moves a start offset; the dead prefix is dropped by one move of the live entries
+// once it is as long as they are, so a store of k entries costs O(k) amortised however
+// full the cache is, and a full cache that takes one entry at a time stops reallocating.
+class MsgLogEntryList {
+ public:
+  size_t size() const { return storage_.size() - head_; }
+  bool empty() const { return size() == 0; }
+  const MsgLogEntry& operator[](size_t i) const { return storage_[head_ + i]; }
+  const MsgLogEntry* begin() const { return storage_.data() + head_; }
+  const MsgLogEntry* end() const { return storage_.data() + storage_.size(); }
+  const MsgLogEntry& front() const { return storage_[head_]; }
+  const MsgLogEntry& back() const { return storage_.back(); }
+  // Entries the array has room for; grows geometrically (tests check the cost of a store).
+  size_t capacity() const { return storage_.capacity(); }
+
+  void push_back(MsgLogEntry&& entry) { storage_.push_back(std::move(entry)); }
+  // Removes the `n` oldest entries. REQUIRES: n <= size().
+  void PopFront(size_t n);
+  void clear();
+
+ private:
+  std::vector<MsgLogEntry> storage_;
+  size_t head_ = 0;  // storage_[0, head_) are evicted entries
+};
+
+// The cache of one cabinet. Its entries are reached through CMsgLogCache only, under
+// the cabinet's lock.
+class MsgLogCabinetCache {
+ public:
   MsgLogCabinetCache();
   ~MsgLogCabinetCache();
   MsgLogCabinetCache(const MsgLogCabinetCache&) = delete;
   MsgLogCabinetCache& operator=(const MsgLogCabinetCache&) = delete;
 
-  uint32_t LastSequenceNumber = 0;   // only ever grows
-  std::vector<MsgLogEntry> Entries;  // oldest first
   CEvent ReadyEvent;                 // manual-reset, created not signalled
   uint32_t CabinetId = 0;
+
+ private:
+  friend class CMsgLogCache;
+  std::mutex entries_mutex_;         // guards the two members below
+  uint32_t last_sequence_number_ = 0;  // only ever grows
+  MsgLogEntryList entries_;          // oldest first
 };
 
 class CMsgLogCache {
@@ -73,12 +115,24 @@ class CMsgLogCache {
   // false at once for an unknown cabinet.
   bool WaitForCacheReady(uint32_t cabinet, uint32_t timeoutMs);
   // Appends `merged` with new sequence numbers and evicts the oldest entries beyond
-  // kMaxMsgLogEntries. Returns the first new sequence number, 0 when `merged` is empty.
-  // REQUIRES: the caller holds the module's cache lock.
-  static uint32_t StoreEntries(MsgLogCabinetCache& cache, const std::vector<MsgLogEntry>& merged);
-  // Empties the cabinet's entries (its log was cleared). False for an unknown cabinet.
-  // REQUIRES: the caller holds the module's cache lock.
+  // kMaxMsgLogEntries, all under the cabinet's lock. Entries that the same store would
+  // evict again are numbered and traced but never copied in. Returns the first new
+  // sequence number, 0 when `merged` is empty.
+  static uint32_t StoreEntries(MsgLogCabinetCache& cache, std::vector<MsgLogEntry>&& merged);
+  // Empties the cabinet's entries (its log was cleared), under the cabinet's lock. The
+  // numbering goes on. False for an unknown cabinet.
   bool ClearCabinet(uint32_t cabinet);
+  // Calls fn(const MsgLogEntryList& entries, uint32_t lastSequenceNumber) under the
+  // cabinet's lock and returns true; false (fn not called) for an unknown cabinet.
+  // REQUIRES: fn does not call into this cache (the cabinet's lock is innermost).
+  template <class F>
+  bool ReadEntries(uint32_t cabinet, F&& fn) {
+    MsgLogCabinetCache* cache = FindCabinetCache(cabinet);
+    if (cache == nullptr) return false;
+    std::lock_guard<std::mutex> guard(cache->entries_mutex_);
+    fn(static_cast<const MsgLogEntryList&>(cache->entries_), cache->last_sequence_number_);
+    return true;
+  }
   // Number of cabinet caches.
   size_t CabinetCount();
 

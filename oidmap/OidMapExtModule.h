@@ -11,7 +11,8 @@
 //
 // Threads: start and re-scan run on a host thread before requests; requests and replies
 // on host threads; tasks on the serializer's worker ("_TaskHandler").
-// Lock order: cache_lock_ before the cache table's own lock.
+// Lock order: cache_lock_, then the cache table's own lock, then a cabinet's entry lock
+// (innermost; see msglog/MsgLogCache.h).
 #ifndef EM_OIDMAP_OIDMAPEXTMODULE_H
 #define EM_OIDMAP_OIDMAPEXTMODULE_H
 
@@ -25,6 +26,8 @@
 #include <vector>
 
 #include "module/ExtensionModule.h"
+#include "msglog/CollectionTables.h"
+#include "msglog/LogRecords.h"
 #include "msglog/MsgLogCache.h"
 #include "oidmap/OidMapTable.h"
 #include "runtime/RecursiveLock.h"
@@ -103,6 +106,28 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   void ReadSelLanguages();
   void QueueMessageLogScans();
 
+  // ---- Log collection (LogCollection.cpp) ----
+  // The two scan tasks: reset the cabinet's ready event, collect, set it again.
+  void RunLogScan(uint32_t cabinet);
+  void RunMessageLogScan(uint32_t cabinet);
+  void BeginScan(uint32_t cabinet);
+  void EndScan(uint32_t cabinet);
+  // One CM_LogEntry broadcast of the log scan (OI 0 critical, 1 non-critical).
+  void ScanOldStyleLog(uint32_t cabinet, uint32_t logOi);
+  // CM_LogEntry to each module that does not answer CM_LogMessageArgumentsRead.
+  void CollectFallbackLogs(uint32_t cabinet, const std::vector<uint32_t>& mids, uint32_t logOi);
+  void PatchLogReplyOids(SipJson& msg, int32_t index);
+  // The source table of one reply of `msg`; traces one error line for malformed data.
+  std::vector<MsgLogEntry> ParseLogReply(const SipJson& msg, int32_t index);
+  // Old-style records with their CSS flags and designations asked of module `mid`.
+  LogBlockWalk ParseOldStyleRecords(const std::vector<uint8_t>& data, uint32_t mid,
+                                    std::vector<MsgLogEntry>& source);
+  bool LookUpCss(const OldStyleRecord& record, uint32_t mid, const std::string& key);
+  std::string LookUpDesignation(const OldStyleRecord& record, uint32_t mid,
+                                const std::string& key);
+  // A CSS or designation request about the record's object, ready to send to `mid`.
+  SipJson LookupRequest(uint32_t oc, const OldStyleRecord& record, uint32_t mid);
+
   // Start-up and OID mapping.
   std::atomic<bool> mapping_needed_{false};
   std::atomic<bool> ktas_fallback_{false};
@@ -120,6 +145,7 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
 
   // ---- Message log collection (LogCollection.cpp) ----
   std::atomic<bool> log_data_supported_{false};
+  CLogLookupCache log_lookups_;  // CssSupportCache and DesignationCache
 
   CRecursiveLock cache_lock_;  // the module's message log cache lock
   CMsgLogCache msg_log_cache_;

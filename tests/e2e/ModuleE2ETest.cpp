@@ -135,10 +135,13 @@ TEST_F(ModuleE2ETest, VtableSlots_InfoTagAndTaskHandler) {
   EXPECT_EQ(0u, (CallSlot<uint32_t, uint32_t, uint32_t, uintptr_t>(obj, 14, 0x40002, 0, 0)));
   EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : *** SCN_POWERSTATE_RESUME *** \n"));
 
+  // A message log scan without a host: nothing answers, the cabinet's cache is made
+  // ready all the same.
   SipJson task(0x0B16, 0, 0, 3);
   CallSlot<void, SipJson*, int32_t>(obj, 25, &task, 0);
   EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : Task OC 0x0B16 for CABID 0003 at level 0 executed"));
+      "\nEM_OIDMAP           : Ready event SET for message log cache cabinet 3"));
+  EXPECT_FALSE(hostsim::Sink().Contains("Request message log using CM_LogEntry"));
 
   std::array<unsigned char, 245> short_info{};
   const uint32_t short_size = 245;
@@ -258,14 +261,16 @@ TEST_F(ModuleE2ETest, Rescan_ProbesIdentLanguagesAndQueuesOneScanPerCabinet) {
   EXPECT_EQ(2u, hostsim::Sink().Count("Task with priority 0 inserted into task queue!"));
 
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (hostsim::Sink().Count("Task OC 0x0B16 for CABID") < 2 &&
+  while (hostsim::Sink().Count("Ready event SET for message log cache cabinet") < 2 &&
          std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   }
+  EXPECT_EQ(2u, hostsim::Sink().Count(
+                    "Request message log using CM_LogMessageArgumentsRead broadcast..."));
   EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : Task OC 0x0B16 for CABID 0000 at level 0 executed"));
+      "\nEM_OIDMAP           : Ready event SET for message log cache cabinet 0"));
   EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : Task OC 0x0B16 for CABID 0005 at level 0 executed"));
+      "\nEM_OIDMAP           : Ready event SET for message log cache cabinet 5"));
 }
 
 TEST_F(ModuleE2ETest, CreateStartRescanDeleteCycles_AreClean) {

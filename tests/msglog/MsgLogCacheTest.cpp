@@ -19,6 +19,16 @@ std::vector<MsgLogEntry> MakeEntries(size_t n, uint32_t firstOrder = 1) {
   return entries;
 }
 
+// The cabinet's sequence numbers in cache order, and its last sequence number.
+std::pair<std::vector<uint32_t>, uint32_t> Snapshot(CMsgLogCache& cache, uint32_t cabinet) {
+  std::pair<std::vector<uint32_t>, uint32_t> snapshot;
+  cache.ReadEntries(cabinet, [&](const MsgLogEntryList& entries, uint32_t last) {
+    for (const MsgLogEntry& entry : entries) snapshot.first.push_back(entry.SequenceNumber);
+    snapshot.second = last;
+  });
+  return snapshot;
+}
+
 class MsgLogCacheTest : public ::testing::Test {
  protected:
   void SetUp() override {
@@ -35,10 +45,13 @@ TEST_F(MsgLogCacheTest, Store_NumbersEntriesAndEvictsOldestBeyondCap) {
   EXPECT_EQ(cab, cache.FindOrCreateCabinetCache(3)) << "one cache per cabinet";
 
   EXPECT_EQ(1u, CMsgLogCache::StoreEntries(*cab, MakeEntries(2001)));
-  ASSERT_EQ(2000u, cab->Entries.size());
-  EXPECT_EQ(2u, cab->Entries.front().SequenceNumber);
-  EXPECT_EQ(2001u, cab->Entries.back().SequenceNumber);
-  EXPECT_EQ(2u, cab->Entries.front().OrderValue) << "the entry itself moved up, not a copy of seq";
+  cache.ReadEntries(3, [](const MsgLogEntryList& entries, uint32_t last) {
+    ASSERT_EQ(2000u, entries.size());
+    EXPECT_EQ(2u, entries.front().SequenceNumber);
+    EXPECT_EQ(2001u, entries.back().SequenceNumber);
+    EXPECT_EQ(2001u, last);
+    EXPECT_EQ(2u, entries.front().OrderValue) << "the entry itself moved up, not a copy of seq";
+  });
   EXPECT_EQ(1u, hostsim::Sink().Count("Remove entry"));
   EXPECT_TRUE(hostsim::Sink().HasLine(
       "\nEM_OIDMAP           : Remove entry 1 from beginning of message log list"));
@@ -52,18 +65,54 @@ TEST_F(MsgLogCacheTest, Store_SecondRunAppendsAndKeepsNewest) {
   EXPECT_EQ(1u, CMsgLogCache::StoreEntries(*cab, MakeEntries(1500)));
   EXPECT_EQ(0u, hostsim::Sink().Count("Remove entry"));
   EXPECT_EQ(1501u, CMsgLogCache::StoreEntries(*cab, MakeEntries(1000)));
-  ASSERT_EQ(2000u, cab->Entries.size());
   EXPECT_EQ(500u, hostsim::Sink().Count("Remove entry"));
-  for (size_t i = 0; i < cab->Entries.size(); ++i) {
-    ASSERT_EQ(501u + i, cab->Entries[i].SequenceNumber);
+  auto snapshot = Snapshot(cache, 0);
+  ASSERT_EQ(2000u, snapshot.first.size());
+  for (size_t i = 0; i < snapshot.first.size(); ++i) {
+    ASSERT_EQ(501u + i, snapshot.first[i]);
   }
-  EXPECT_EQ(2500u, cab->LastSequenceNumber);
+  EXPECT_EQ(2500u, snapshot.second);
+
+  // A run larger than the cache: the held entries and the run's oldest are evicted, in
+  // order, without the numbering skipping any.
+  hostsim::Sink().Clear();
+  EXPECT_EQ(2501u, CMsgLogCache::StoreEntries(*cab, MakeEntries(2003)));
+  EXPECT_TRUE(hostsim::Sink().HasLine(
+      "\nEM_OIDMAP           :     4003 entries stored to messag log cache"));
+  const auto removed = hostsim::Sink().Lines();
+  EXPECT_EQ(2003u, hostsim::Sink().Count("Remove entry"));
+  EXPECT_EQ("\nEM_OIDMAP           : Remove entry 2503 from beginning of message log list",
+            removed.back());
+  snapshot = Snapshot(cache, 0);
+  EXPECT_EQ(2504u, snapshot.first.front());
+  EXPECT_EQ(4503u, snapshot.first.back());
 
   // An empty run stores nothing and returns 0; numbering goes on from where it was.
   hostsim::Sink().Clear();
   EXPECT_EQ(0u, CMsgLogCache::StoreEntries(*cab, {}));
   EXPECT_FALSE(hostsim::Sink().Contains("entries stored"));
-  EXPECT_EQ(2501u, CMsgLogCache::StoreEntries(*cab, MakeEntries(1)));
+  EXPECT_EQ(4504u, CMsgLogCache::StoreEntries(*cab, MakeEntries(1)));
+}
+
+TEST_F(MsgLogCacheTest, Store_OneAtATimeIntoFullCache_IsAmortisedConstant) {
+  TraceClient().SetTraceLevel(0);
+  CMsgLogCache cache;
+  MsgLogCabinetCache* cab = cache.FindOrCreateCabinetCache(1);
+  CMsgLogCache::StoreEntries(*cab, MakeEntries(kMaxMsgLogEntries));
+  size_t capacity = 0;
+  size_t growths = 0;
+  for (uint32_t i = 0; i < 4 * kMaxMsgLogEntries; ++i) {
+    CMsgLogCache::StoreEntries(*cab, MakeEntries(1));
+    cache.ReadEntries(1, [&](const MsgLogEntryList& entries, uint32_t) {
+      if (entries.capacity() != capacity) ++growths;
+      capacity = entries.capacity();
+    });
+  }
+  EXPECT_LE(growths, 2u) << "the array reaches a steady size";
+  const auto snapshot = Snapshot(cache, 1);
+  ASSERT_EQ(kMaxMsgLogEntries, snapshot.first.size());
+  EXPECT_EQ(4u * kMaxMsgLogEntries + 1, snapshot.first.front());
+  EXPECT_EQ(5u * kMaxMsgLogEntries, snapshot.second);
 }
 
 TEST_F(MsgLogCacheTest, ReadyEvent_UnknownCabinetFailsAtOnce_KnownTimesOut) {
@@ -100,8 +149,10 @@ TEST_F(MsgLogCacheTest, WaitingReader_SeesCompleteResultOfRun) {
   std::thread reader([&] {
     waiting = true;
     if (cache.WaitForCacheReady(5, 60000)) {
-      seen = cab->Entries.size();
-      last_seq = cab->Entries.back().SequenceNumber;
+      cache.ReadEntries(5, [&](const MsgLogEntryList& entries, uint32_t) {
+        seen = entries.size();
+        last_seq = entries.back().SequenceNumber;
+      });
     }
   });
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
@@ -121,7 +172,7 @@ TEST_F(MsgLogCacheTest, ClearCabinet_EmptiesEntriesButKeepsNumbering) {
   MsgLogCabinetCache* cab = cache.FindOrCreateCabinetCache(2);
   CMsgLogCache::StoreEntries(*cab, MakeEntries(10));
   EXPECT_TRUE(cache.ClearCabinet(2));
-  EXPECT_TRUE(cab->Entries.empty());
+  EXPECT_TRUE(Snapshot(cache, 2).first.empty());
   EXPECT_FALSE(cache.ClearCabinet(9));
   EXPECT_EQ(11u, CMsgLogCache::StoreEntries(*cab, MakeEntries(1)));
 }

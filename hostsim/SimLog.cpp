@@ -1,0 +1,80 @@
+#include "hostsim/SimLog.h"
+
+namespace hostsim {
+namespace {
+
+void Put16(std::vector<uint8_t>& out, uint32_t v) {
+  out.push_back(static_cast<uint8_t>(v));
+  out.push_back(static_cast<uint8_t>(v >> 8));
+}
+
+void Put32(std::vector<uint8_t>& out, uint32_t v) {
+  Put16(out, v);
+  Put16(out, v >> 16);
+}
+
+template <class Record>
+std::vector<uint8_t> EncodeAll(const std::vector<Record>& records) {
+  std::vector<uint8_t> out;
+  for (const Record& record : records) {
+    const std::vector<uint8_t> bytes = record.Encode();
+    out.insert(out.end(), bytes.begin(), bytes.end());
+  }
+  return out;
+}
+
+}  // namespace
+
+std::vector<uint8_t> SimOldStyleRecord::Encode() const {
+  std::vector<uint8_t> out;
+  out.push_back(static_cast<uint8_t>(code));
+  out.push_back(static_cast<uint8_t>(((code >> 8) & 0x3F) | (codeBits << 6)));
+  out.push_back(0);
+  out.push_back(argCount ? *argCount : static_cast<uint8_t>(args.empty() ? 0 : args.size() + 1));
+  Put32(out, order);
+  Put16(out, cabinet);
+  Put16(out, objectId);
+  for (uint32_t arg : args) Put32(out, arg);
+  return out;
+}
+
+std::vector<uint8_t> SimUnifiedRecord::Encode() const {
+  std::vector<uint8_t> out;
+  Put16(out, 0);  // length, filled in below
+  out.push_back(0);
+  out.push_back(aux);
+  Put32(out, code);
+  Put32(out, flags);
+  Put32(out, order);
+  Put32(out, static_cast<uint32_t>(recordId));
+  Put32(out, 0);
+  out.push_back(codeBits);
+  out.push_back(static_cast<uint8_t>(strings.size()));
+  for (const std::string& text : strings) {
+    out.insert(out.end(), text.begin(), text.end());
+    out.push_back(0);
+  }
+  const uint32_t written = length ? *length : static_cast<uint32_t>(out.size());
+  out[0] = static_cast<uint8_t>(written);
+  out[1] = static_cast<uint8_t>(written >> 8);
+  return out;
+}
+
+std::vector<uint8_t> EncodeLog(const std::vector<SimOldStyleRecord>& records) {
+  return EncodeAll(records);
+}
+
+std::vector<uint8_t> EncodeLog(const std::vector<SimUnifiedRecord>& records) {
+  return EncodeAll(records);
+}
+
+std::string RawDataJson(const std::vector<uint8_t>& bytes) {
+  std::string json = "{\"RAW\":[";
+  for (size_t i = 0; i < bytes.size(); ++i) {
+    if (i != 0) json += ',';
+    json += std::to_string(bytes[i]);
+  }
+  return json + "]}";
+}
+
+}  // namespace hostsim

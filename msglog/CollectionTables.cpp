@@ -1,0 +1,90 @@
+#include "msglog/CollectionTables.h"
+
+#include <cstdio>
+
+namespace {
+
+struct CssRow {
+  uint8_t codeClass;
+  uint32_t oc;  // 0 ends the table
+};
+
+struct DesignationRow {
+  uint8_t codeClass;
+  uint8_t codeLow;
+  uint32_t oc;  // 0 ends the table
+};
+
+constexpr CssRow kCssOpcodeTable[] = {
+    {0x04, 0x0307}, {0x07, 0x0505}, {0x0C, 0x060C}, {0x15, 0x0529},
+    {0x19, 0x0708}, {0x1B, 0x2113}, {0x1C, 0x2114}, {0x00, 0},
+};
+
+// Class 0x36 codes 0x0A..0x0C are kept apart from the class's general row: they name no
+// object.
+constexpr DesignationRow kDesignationOpcodeTable[] = {
+    {0x04, 0x00, 0x0304}, {0x05, 0x00, 0x0404}, {0x10, 0x00, 0x0404},
+    {0x07, 0x00, 0x0504}, {0x0C, 0x00, 0x0602}, {0x15, 0x00, 0x0522},
+    {0x19, 0x00, 0x0702}, {0x19, 0x04, 0x0742}, {0x19, 0x05, 0x0742},
+    {0x19, 0x22, 0x0752}, {0x19, 0x23, 0x0752}, {0x19, 0x24, 0x0752},
+    {0x19, 0x28, 0x0752}, {0x19, 0x25, 0x0752}, {0x36, 0x00, 0xF042},
+    {0x36, 0x0A, kNoLookupOpcode}, {0x36, 0x0B, kNoLookupOpcode},
+    {0x36, 0x0C, kNoLookupOpcode}, {0x00, 0x00, 0},
+};
+
+}  // namespace
+
+std::optional<uint32_t> FindCssOpcode(uint8_t codeClass) {
+  for (const CssRow* row = kCssOpcodeTable; row->oc != 0; ++row) {
+    // A row that asks nothing is passed over; a later row of the class may ask.
+    if (row->codeClass == codeClass && row->oc != kNoLookupOpcode) return row->oc;
+  }
+  return std::nullopt;
+}
+
+std::optional<uint32_t> FindDesignationOpcode(uint8_t codeClass, uint8_t codeLow) {
+  const DesignationRow* found = nullptr;
+  for (const DesignationRow* row = kDesignationOpcodeTable; row->oc != 0; ++row) {
+    if (row->codeClass == codeClass && row->codeLow == codeLow) {
+      found = row;
+      break;
+    }
+  }
+  for (const DesignationRow* row = kDesignationOpcodeTable; found == nullptr && row->oc != 0;
+       ++row) {
+    if (row->codeClass == codeClass) found = row;
+  }
+  if (found == nullptr || found->oc == kNoLookupOpcode) return std::nullopt;
+  return found->oc;
+}
+
+std::string LogLookupKey(uint8_t codeClass, uint8_t codeLow, uint16_t objectId,
+                         uint16_t cabinet) {
+  char key[16];
+  std::snprintf(key, sizeof key, "%02X%02X%02X%04X", codeClass, codeLow, objectId, cabinet);
+  return key;
+}
+
+std::optional<bool> CLogLookupCache::FindCss(const std::string& key) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  const auto it = css_.find(key);
+  if (it == css_.end()) return std::nullopt;
+  return it->second;
+}
+
+void CLogLookupCache::StoreCss(const std::string& key, bool css) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  css_[key] = css;
+}
+
+std::optional<std::string> CLogLookupCache::FindDesignation(const std::string& key) const {
+  std::lock_guard<std::mutex> guard(mutex_);
+  const auto it = designations_.find(key);
+  if (it == designations_.end()) return std::nullopt;
+  return it->second;
+}
+
+void CLogLookupCache::StoreDesignation(const std::string& key, const std::string& designation) {
+  std::lock_guard<std::mutex> guard(mutex_);
+  designations_[key] = designation;
+}

@@ -1,0 +1,154 @@
+#include "msglog/LogRecords.h"
+
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <queue>
+#include <utility>
+
+#include "module/DebugClient.h"
+
+namespace {
+
+// Class and low byte of the records that may carry up to 255 arguments.
+constexpr uint8_t kLongRecordClass = 0x3F;
+// Order key of a 0 that no non-zero value follows: after every other entry.
+constexpr int64_t kOrderLast = std::numeric_limits<int64_t>::max();
+
+uint32_t Le32(const uint8_t* p) {
+  return static_cast<uint32_t>(p[0]) | static_cast<uint32_t>(p[1]) << 8 |
+         static_cast<uint32_t>(p[2]) << 16 | static_cast<uint32_t>(p[3]) << 24;
+}
+
+// Merge value of each entry of one reply's table.
+std::vector<int64_t> OrderKeys(const std::vector<MsgLogEntry>& entries) {
+  std::vector<int64_t> keys(entries.size());
+  int64_t next = kOrderLast;
+  for (size_t i = entries.size(); i-- > 0;) {
+    if (entries[i].OrderValue != 0) {
+      next = static_cast<int32_t>(entries[i].OrderValue);
+    }
+    keys[i] = next;
+  }
+  return keys;
+}
+
+}  // namespace
+
+uint32_t OldStyleRecord::OrderValue() const { return Le32(bytes + 4); }
+
+size_t OldStyleRecordLength(uint8_t codeLow, uint8_t codeClass, uint8_t argCount) {
+  const bool hasArguments = static_cast<uint8_t>(argCount - 1) < 16 ||
+                            (codeClass == kLongRecordClass && codeLow == 0 && argCount != 0);
+  return hasArguments ? kOldStyleRecordBytes + 4 * (static_cast<size_t>(argCount) - 1)
+                      : kOldStyleRecordBytes;
+}
+
+uint32_t CountOldStyleRecords(const uint8_t* data, size_t size) {
+  return static_cast<uint32_t>(WalkOldStyleRecords(data, size, [](const OldStyleRecord&) {}).records);
+}
+
+MsgLogEntry MakeOldStyleEntry(const OldStyleRecord& record, uint32_t moduleId, bool css,
+                              const std::string& designation) {
+  MsgLogEntry entry;
+  entry.ModuleId = moduleId;
+  entry.RawRecord.assign(record.bytes, record.bytes + record.length);
+  entry.OldStyle = 1;
+  entry.CodeBits = record.CodeBits();
+  entry.ErrorCode = record.ErrorCode();
+  entry.Flags = css ? 1 : 0;
+  entry.OrderValue = record.OrderValue();
+  if (!designation.empty()) {
+    entry.Arguments[0] = designation;
+  }
+  return entry;
+}
+
+LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t moduleId,
+                                 std::vector<MsgLogEntry>& out) {
+  LogBlockWalk walk;
+  while (walk.end < size) {
+    const uint8_t* at = data + walk.end;
+    const size_t left = size - walk.end;
+    const size_t length = left < 2 ? 0 : static_cast<size_t>(at[0] | at[1] << 8);
+    // A length below the fixed part would also never advance (0) or read outside it.
+    if (length < kUnifiedHeaderBytes || length > left) {
+      walk.whole = false;
+      break;
+    }
+    MsgLogEntry entry;
+    entry.ModuleId = moduleId;
+    entry.AuxByte = at[3];
+    entry.ErrorCode = Le32(at + 4);
+    entry.Flags = Le32(at + 8);
+    entry.OrderValue = Le32(at + 12);
+    entry.RecordId = static_cast<int32_t>(Le32(at + 16));
+    entry.CodeBits = at[24];
+    const uint8_t count = at[25];
+    const char* text = reinterpret_cast<const char*>(at + kUnifiedHeaderBytes);
+    const char* const recordEnd = reinterpret_cast<const char*>(at + length);
+    bool stringsWhole = true;
+    for (int32_t k = 1; k <= count; ++k) {
+      const void* nul = std::memchr(text, 0, static_cast<size_t>(recordEnd - text));
+      if (nul == nullptr) {
+        stringsWhole = false;
+        break;
+      }
+      const char* const stop = static_cast<const char*>(nul);
+      if (stop == text) {
+        break;  // an empty string ends the list
+      }
+      entry.Arguments[k].assign(text, stop);
+      text = stop + 1;
+    }
+    if (!stringsWhole) {
+      walk.whole = false;
+      break;
+    }
+    EM_TRACE(3, "\nEM_OIDMAP           :  Add message log entry 0x%06X (CSS: %s)",
+             entry.ErrorCode, (entry.Flags & 1) ? "yes" : "no");
+    out.push_back(std::move(entry));
+    ++walk.records;
+    walk.end += length;
+  }
+  return walk;
+}
+
+size_t CMsgLogMerge::Add(std::vector<MsgLogEntry>&& source) {
+  total_ += source.size();
+  if (!source.empty()) {
+    Source added;
+    added.keys = OrderKeys(source);
+    added.entries = std::move(source);
+    sources_.push_back(std::move(added));
+  }
+  return total_;
+}
+
+std::vector<MsgLogEntry> CMsgLogMerge::Take() {
+  std::vector<MsgLogEntry> merged;
+  if (sources_.size() == 1) {
+    merged = std::move(sources_.front().entries);
+  } else {
+    merged.reserve(total_);
+    // Heads of the sources by (merge value, reply order): the least one goes next.
+    using Head = std::pair<int64_t, size_t>;
+    std::priority_queue<Head, std::vector<Head>, std::greater<Head>> heads;
+    std::vector<size_t> next(sources_.size(), 0);
+    for (size_t s = 0; s < sources_.size(); ++s) {
+      heads.emplace(sources_[s].keys[0], s);
+    }
+    while (!heads.empty()) {
+      const size_t s = heads.top().second;
+      heads.pop();
+      Source& source = sources_[s];
+      merged.push_back(std::move(source.entries[next[s]]));
+      if (++next[s] < source.entries.size()) {
+        heads.emplace(source.keys[next[s]], s);
+      }
+    }
+  }
+  sources_.clear();
+  total_ = 0;
+  return merged;
+}
