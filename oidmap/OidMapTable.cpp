@@ -120,8 +120,8 @@ uint32_t COidMapTable::TranslateMessage(SipJson& msg, int32_t index) const {
   // Each member is read once: every read resolves the command path again.
   const uint32_t oc = msg.GetOpcode(index);
   if (oc == CM_MessageLogReply) return PatchMessageLogReply(msg, index);
-  const uint32_t oe = msg.GetKey(index, "OE");
-  const uint32_t ca = msg.GetKey(index, "CA");
+  const uint32_t oe = msg.GetKey(index, "OE", 0);
+  const uint32_t ca = msg.GetKey(index, "CA", 0);
 
   if (oc == CM_ExtObjectCount) return AnswerCountReply(msg, index, oc, oe, ca);
 
@@ -160,19 +160,19 @@ uint32_t COidMapTable::TranslateByStatus(SipJson& msg, int32_t index, uint32_t c
 
 uint32_t COidMapTable::TranslateToModule(SipJson& msg, int32_t index, uint32_t countOc,
                                          uint32_t countOe) const {
-  return ToModule(msg, index, msg.GetKey(index, "CA"), countOc, countOe);
+  return ToModule(msg, index, msg.GetKey(index, "CA", 0), countOc, countOe);
 }
 
 uint32_t COidMapTable::TranslateToGlobal(SipJson& msg, int32_t index, uint32_t countOc,
                                          uint32_t countOe) const {
-  return ToGlobal(msg, index, msg.GetKey(index, "CA"), countOc, countOe);
+  return ToGlobal(msg, index, msg.GetKey(index, "CA", 0), countOc, countOe);
 }
 
 uint32_t COidMapTable::ToModule(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
                                 uint32_t countOe) const {
   const TableEntry* entry = Find(countOc, countOe, ca);
   if (!entry) return 0;
-  const uint32_t oi = msg.GetKey(index, "OI");
+  const uint32_t oi = msg.GetKey(index, "OI", 0);
   if (oi >= entry->Count()) return 0;
   SipJson::Value* command = msg.Command(index);
   if (!command) return 0;
@@ -188,8 +188,8 @@ uint32_t COidMapTable::ToGlobal(SipJson& msg, int32_t index, uint32_t ca, uint32
   if (!entry || entry->Count() == 0) return 0;
   SipJson::Value* command = msg.Command(index);
   if (!command) return 0;
-  const uint32_t oi = msg.GetKey(index, "OI");
-  const uint32_t mi = msg.GetKey(index, "MI");
+  const uint32_t oi = msg.GetKey(index, "OI", 0);
+  const uint32_t mi = msg.GetKey(index, "MI", 0);
   for (uint32_t position = 0; position < entry->Count(); ++position) {
     const OidEntry& oid = entry->oids[position];
     if (oid.localId == oi && oid.mid == mi) {
@@ -216,8 +216,8 @@ uint32_t COidMapTable::PatchLogRecords(SipJson& msg, int32_t index, bool toModul
   if (!raw) return 0;
 
   const size_t size = raw->Size();
-  const uint32_t ca = msg.GetKey(index, "CA");
-  const uint32_t mid = msg.GetKey(index, "MI");
+  const uint32_t ca = msg.GetKey(index, "CA", 0);
+  const uint32_t mid = msg.GetKey(index, "MI", 0);
   uint32_t mi = mid;
   uint32_t patched = 0;
 
