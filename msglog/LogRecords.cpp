@@ -10,8 +10,6 @@
 
 namespace {
 
-// Class and low byte of the records that may carry up to 255 arguments.
-constexpr uint8_t kLongRecordClass = 0x3F;
 // Order key of a 0 that no non-zero value follows: after every other entry.
 constexpr int64_t kOrderLast = std::numeric_limits<int64_t>::max();
 
@@ -36,13 +34,6 @@ std::vector<int64_t> OrderKeys(const std::vector<MsgLogEntry>& entries) {
 }  // namespace
 
 uint32_t OldStyleRecord::OrderValue() const { return Le32(bytes + 4); }
-
-size_t OldStyleRecordLength(uint8_t codeLow, uint8_t codeClass, uint8_t argCount) {
-  const bool hasArguments = static_cast<uint8_t>(argCount - 1) < 16 ||
-                            (codeClass == kLongRecordClass && codeLow == 0 && argCount != 0);
-  return hasArguments ? kOldStyleRecordBytes + 4 * (static_cast<size_t>(argCount) - 1)
-                      : kOldStyleRecordBytes;
-}
 
 uint32_t CountOldStyleRecords(const uint8_t* data, size_t size) {
   return static_cast<uint32_t>(WalkOldStyleRecords(data, size, [](const OldStyleRecord&) {}).records);

@@ -1,12 +1,7 @@
 // The two record forms in which lower modules deliver their message logs, and the merge
 // of the tables built from several modules' replies.
 //
-// Old-style record (CM_LogEntry replies), little-endian:
-//   0 low code byte | 1 bits 0-5 code class, bits 6-7 CodeBits | 2 unused | 3 argument
-//   count n | 4-7 order value | 8-9 cabinet | 10-11 object id | from 12: one 32-bit
-//   value per argument beyond the first.
-//   Length: 12 + 4(n-1) when the record carries arguments (1 <= n <= 16, or any n != 0
-//   for class 0x3F with low byte 0, up to 255 arguments), else 12.
+// Old-style record (CM_LogEntry replies): see msglog/OldStyleRecord.h.
 // Unified record (CM_LogMessageArgumentsRead replies), little-endian:
 //   0-1 record length | 2 unused | 3 AuxByte | 4-7 error code | 8-11 flags (bit 0 CSS) |
 //   12-15 order value | 16-19 record id (signed) | 20-23 unused | 24 CodeBits |
@@ -28,9 +23,9 @@
 #include <vector>
 
 #include "msglog/MsgLogCache.h"
+#include "msglog/OldStyleRecord.h"
 
-constexpr size_t kOldStyleRecordBytes = 12;  // an old-style record without arguments
-constexpr size_t kUnifiedHeaderBytes = 26;   // a unified record before its strings
+constexpr size_t kUnifiedHeaderBytes = 26;  // a unified record before its strings
 
 // How a walk over one data block ended.
 struct LogBlockWalk {
@@ -54,9 +49,6 @@ struct OldStyleRecord {
   uint16_t ObjectId() const { return static_cast<uint16_t>(bytes[10] | bytes[11] << 8); }
 };
 
-// Length of the old-style record whose header bytes are given.
-size_t OldStyleRecordLength(uint8_t codeLow, uint8_t codeClass, uint8_t argCount);
-
 // Calls fn(const OldStyleRecord&) for each whole old-style record of the block, in order.
 template <class F>
 LogBlockWalk WalkOldStyleRecords(const uint8_t* data, size_t size, F&& fn) {
@@ -64,12 +56,11 @@ LogBlockWalk WalkOldStyleRecords(const uint8_t* data, size_t size, F&& fn) {
   while (walk.end < size) {
     const size_t left = size - walk.end;
     const uint8_t* at = data + walk.end;
-    if (left < kOldStyleRecordBytes ||
-        OldStyleRecordLength(at[0], at[1] & 0x3F, at[3]) > left) {
+    if (left < kOldStyleRecordMinBytes || OldStyleRecordLength(at[0], at[1], at[3]) > left) {
       walk.whole = false;
       break;
     }
-    const OldStyleRecord record{at, OldStyleRecordLength(at[0], at[1] & 0x3F, at[3])};
+    const OldStyleRecord record{at, OldStyleRecordLength(at[0], at[1], at[3])};
     fn(record);
     ++walk.records;
     walk.end += record.length;

@@ -238,8 +238,9 @@ void COidMapExtModule::CollectFallbackLogs(uint32_t cabinet, const std::vector<u
 }
 
 void COidMapExtModule::PatchLogReplyOids(SipJson& msg, int32_t index) {
-  if (IsMappingNeeded()) {
-    map_table_.PatchMessageLogReply(msg, index);
+  // Only a finished table of a start that found mapping needed is ever published.
+  if (const COidMapTable* table = active_table_.load(std::memory_order_acquire)) {
+    table->PatchMessageLogReply(msg, index);
   }
 }
 
