@@ -60,6 +60,25 @@ std::vector<uint8_t> SimUnifiedRecord::Encode() const {
   return out;
 }
 
+SimOldStyleRecord OldStyle(uint32_t code, uint32_t order, uint16_t objectId, uint16_t cabinet,
+                           std::vector<uint32_t> args) {
+  SimOldStyleRecord record;
+  record.code = code;
+  record.order = order;
+  record.objectId = objectId;
+  record.cabinet = cabinet;
+  record.args = std::move(args);
+  return record;
+}
+
+SimUnifiedRecord Unified(uint32_t code, uint32_t order, std::vector<std::string> strings) {
+  SimUnifiedRecord record;
+  record.code = code;
+  record.order = order;
+  record.strings = std::move(strings);
+  return record;
+}
+
 std::vector<uint8_t> EncodeLog(const std::vector<SimOldStyleRecord>& records) {
   return EncodeAll(records);
 }

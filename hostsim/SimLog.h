@@ -49,6 +49,12 @@ struct SimUnifiedRecord {
   std::vector<uint8_t> Encode() const;
 };
 
+// Records with the members most tests set; the others keep their defaults.
+SimOldStyleRecord OldStyle(uint32_t code, uint32_t order = 0, uint16_t objectId = 0,
+                           uint16_t cabinet = 0, std::vector<uint32_t> args = {});
+SimUnifiedRecord Unified(uint32_t code, uint32_t order = 0,
+                         std::vector<std::string> strings = {});
+
 // A log's records one after the other.
 std::vector<uint8_t> EncodeLog(const std::vector<SimOldStyleRecord>& records);
 std::vector<uint8_t> EncodeLog(const std::vector<SimUnifiedRecord>& records);
