@@ -1,0 +1,196 @@
+// Log collection as a host sees it through em_oidmap.so: the scans that re-scan queues on
+// the worker, the CSS and designation requests they send, time-outs and failures, and log
+// events that add an entry and announce it with CM_LogMessageEvent (0x0B11).
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "E2EHost.h"
+#include "hostsim/DebugSink.h"
+#include "hostsim/SimHost.h"
+#include "hostsim/SimLog.h"
+#include "sip/SipJson.h"
+
+namespace {
+
+using e2e::kMidA;
+using e2e::kMidB;
+using hostsim::EncodeLog;
+using hostsim::OldStyle;
+using hostsim::Sink;
+using hostsim::Unified;
+
+constexpr const char* kReadySet = "Ready event SET for message log cache cabinet";
+
+hostsim::ReplyRule Rule(uint32_t oc, uint32_t status, const std::string& data,
+                        uint32_t delayMs = 0) {
+  hostsim::ReplyRule rule;
+  rule.oc = oc;
+  rule.status = status;
+  rule.dataJson = data;
+  rule.delayMs = delayMs;
+  return rule;
+}
+
+class LogCollectionE2ETest : public e2e::ModuleHostTest {
+ protected:
+  // Re-scan queues one message log scan per cabinet; waits until each has set its
+  // cabinet's ready event.
+  void RescanAndWait(size_t cabinets = 1) {
+    const size_t before = Sink().Count(kReadySet);
+    module_->Rescan();
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+    while (Sink().Count(kReadySet) < before + cabinets &&
+           std::chrono::steady_clock::now() < deadline) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+    ASSERT_EQ(before + cabinets, Sink().Count(kReadySet));
+  }
+
+  // Requests with this opcode that the module sent.
+  size_t SentWithOpcode(uint32_t oc) const {
+    size_t n = 0;
+    for (const auto& sent : host_.SentRequests()) {
+      SipJson msg;
+      msg.Parse(sent.json);
+      if (msg.GetOpcode(sent.index) == oc) ++n;
+    }
+    return n;
+  }
+
+  // The CM_LogMessageEvent messages handed up, by their sequence numbers.
+  std::vector<uint32_t> FiredSequenceNumbers() const {
+    std::vector<uint32_t> numbers;
+    for (const auto& handed : host_.HandedBackMessages()) {
+      const SipJson& msg = handed.message;
+      uint32_t value = 0;
+      if (msg.GetOpcode(msg.CurrentIndex()) == 0x0B11 && msg.GetDataValue(msg.CurrentIndex(), value)) {
+        numbers.push_back(value);
+      }
+    }
+    return numbers;
+  }
+
+  static SipJson LogEvent(uint32_t oc, const std::vector<uint8_t>& records) {
+    SipJson event(oc, 0, 0, 0);
+    event.SetRawData(records, 0xFF);
+    return event;
+  }
+};
+
+TEST_F(LogCollectionE2ETest, OldStyleRecords_CssAndDesignationAskedOncePerKey) {
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  // Three records of one key (class 0x04, object 2, cabinet 0), one of another object.
+  a.SetLog(0x0B00, 0u,
+           EncodeLog({OldStyle(0x0401, 1, 2), OldStyle(0x0401, 2, 2), OldStyle(0x0401, 3, 2),
+                      OldStyle(0x0401, 4, 3)}));
+  a.AddRule(Rule(0x0307, 0, "1"));          // CSS relevant
+  a.AddRule(Rule(0x0304, 0, "\"FAN 2\""));  // designation
+  // The other module's CSS requests fail: asked again for every record.
+  hostsim::SimModule& b = host_.AddModule(kMidB);
+  b.SetLog(0x0B00, 1u, EncodeLog({OldStyle(0x0701, 5, 1), OldStyle(0x0701, 6, 1)}));
+  b.AddRule(Rule(0x0505, 0x13, ""));
+  StartWithCabinets(0, {});
+  RescanAndWait();
+
+  EXPECT_EQ(2u, SentWithOpcode(0x0307)) << "one per key: objects 2 and 3";
+  EXPECT_EQ(2u, SentWithOpcode(0x0304));
+  EXPECT_EQ(2u, SentWithOpcode(0x0505)) << "a failed answer is not kept";
+  EXPECT_EQ(4u, Sink().Count("\nEM_OIDMAP           :     CSS: yes"));
+  EXPECT_EQ(4u, Sink().Count("Designation string: \"FAN 2\""));
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP           :     Request CSS support CAB 0 OC 0x0307 OID 0x0002"));
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : Add message log entry 0x0401 OID 3"));
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           :     6 entries stored to messag log cache"));
+}
+
+TEST_F(LogCollectionE2ETest, DesignationRowsThatAskNothing_SendNoRequest) {
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  a.SetLog(0x0B00, 0u,
+           EncodeLog({OldStyle(0x360A, 1), OldStyle(0x360C, 2), OldStyle(0x3601, 3),
+                      OldStyle(0x0501, 4)}));
+  a.AddRule(Rule(0xF042, 0, "\"PSU 1\""));
+  StartWithCabinets(0, {});
+  RescanAndWait();
+  EXPECT_EQ(1u, SentWithOpcode(0xF042)) << "only 0x3601 falls back to the class row";
+  EXPECT_EQ(1u, SentWithOpcode(0x0404)) << "class 0x05";
+  EXPECT_EQ(1u, Sink().Count("Designation string: \"PSU 1\""));
+  EXPECT_EQ(0u, Sink().Count("Request CSS support")) << "no class here has a CSS request";
+}
+
+TEST_F(LogCollectionE2ETest, ModuleThatTimesOut_OthersEntriesKeptAndCacheReady) {
+  host_.AddModule(kMidA).SetLog(0x0B16, std::nullopt, EncodeLog({Unified(0x123456, 1, {"a"})}));
+  hostsim::ReplyRule slow = Rule(0x0B00, 0, "", 200000);
+  host_.AddModule(kMidB).AddRule(slow);  // answers CM_LogEntry only after the time-out
+  StartWithCabinets(0, {});
+  RescanAndWait();
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP           : MID 0x00020001: ## CM_LogEntry (CMOID_CriticalErrorLog) - TIMEOUT!! ##"));
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP           : MID 0x00020001: ## CM_LogEntry (CMOID_NonCriticalMessageLog) - "
+      "TIMEOUT!! ##"));
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           :  Add message log entry 0x123456 (CSS: no)"));
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           :     1 entries stored to messag log cache"));
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : Ready event SET for message log cache cabinet 0"));
+  EXPECT_FALSE(Sink().Contains("FAILED to set"));
+}
+
+TEST_F(LogCollectionE2ETest, ExceptionInsideAScan_ReadyEventStillSet) {
+  host_.AddModule(kMidA).SetLog(0x0B00, 1u, EncodeLog({OldStyle(0x0401, 1)}));
+  StartWithCabinets(0, {});
+  host_.SetRequestHook([](const SipJson& request) {
+    const int32_t i = request.CurrentIndex();
+    if (request.GetKey(i, "MI") == 0xFFFFFFFF &&
+        (request.GetOpcode(i) == 0x0B16 || (request.GetOpcode(i) == 0x0B00 && request.GetKey(i, "OI") == 0))) {
+      throw std::runtime_error("host failure");
+    }
+  });
+  RescanAndWait();
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : EXCEPTION during message log scan"));
+
+  // The log scan: the error log stage fails, the event log stage still runs.
+  SipJson task(0x0B10, 0, 0, 0);
+  e2e::CallSlot<void, SipJson*, int32_t>(module_, 25, &task, 0);
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : EXCEPTION during error log scan"));
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           :     1 entries stored to messag log cache"));
+  EXPECT_EQ(2u, Sink().Count(kReadySet));
+}
+
+TEST_F(LogCollectionE2ETest, LogEvents_StoreTheirRecordAndAnnounceItsSequenceNumber) {
+  StartWithCabinets(0, {});
+  host_.DeliverEvent(kMidA, LogEvent(0x0B00, EncodeLog({OldStyle(0x0401, 7)})));
+  host_.DeliverEvent(kMidA, LogEvent(0x0B16, EncodeLog({Unified(0x10, 8), Unified(0x11, 9)})));
+  EXPECT_EQ((std::vector<uint32_t>{1, 2}), FiredSequenceNumbers()) << "the first new one";
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP (REPLY)   : FireEvent CM_LogMessageEvent (Sequence Number: 2)"));
+
+  // Events that add nothing announce nothing: no record, no whole record, data that is
+  // no raw bytes; a reply (ST 0x00) is not an event and is not stored.
+  std::vector<uint8_t> zeroLength = Unified(0x12).Encode();
+  zeroLength[0] = zeroLength[1] = 0;
+  SipJson text(0x0B16, 0, 0, 0);
+  text.SetDataString("not records", 0xFF);
+  SipJson reply = LogEvent(0x0B00, EncodeLog({OldStyle(0x0402, 1)}));
+  reply.SetStatus(0x00);
+  reply.SetModuleId(kMidA);
+  host_.DeliverEvent(kMidA, LogEvent(0x0B00, std::vector<uint8_t>(11, 1)));
+  host_.DeliverEvent(kMidA, LogEvent(0x0B16, zeroLength));
+  host_.DeliverEvent(kMidA, text);
+  e2e::CallSlot<void, SipJson*>(module_, 8, &reply);
+  EXPECT_EQ(2u, FiredSequenceNumbers().size());
+  EXPECT_EQ(2u, Sink().Count("## ERROR! Message log data from MID 0x00010001 malformed"));
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP           : ## ERROR! Message log data from MID 0x00010001 is not raw bytes - "
+      "ignored"));
+
+  host_.DeliverEvent(kMidA, LogEvent(0x0B00, EncodeLog({OldStyle(0x0403, 2)})));
+  EXPECT_EQ((std::vector<uint32_t>{1, 2, 4}), FiredSequenceNumbers())
+      << "the reply took no sequence number";
+}
+
+}  // namespace
