@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "hostsim/SimHost.h"
+#include "hostsim/SimLog.h"
 
 namespace hostsim {
 namespace {
@@ -75,6 +76,12 @@ TEST(ScenarioTest, MalformedInput_FailsWithAReasonAndKeepsTheScenario) {
        "modules[0].rules[0] has unknown member \"delay\""},
       {"{\"requests\": [{\"oe\": 1}]}", "requests[0] lacks member \"oc\""},
       {"{\"seCabinets\": [1, null]}", "seCabinets"},
+      {"{\"modules\": [{\"mid\": 1, \"errorLog\": [{\"order\": 1}]}]}",
+       "modules[0].errorLog[0] lacks member \"code\""},
+      {"{\"modules\": [{\"mid\": 1, \"eventLog\": [{\"code\": \"0x4000\"}]}]}",
+       "does not fit 14 bits"},
+      {"{\"modules\": [{\"mid\": 1, \"messageLog\": [{\"code\": 1, \"strings\": [1]}]}]}",
+       "\"strings\" holds something other than strings"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
@@ -105,6 +112,42 @@ TEST(ScenarioTest, Demo_FansSpreadOverTwoModulesInCabinetZero) {
   EXPECT_EQ(fans.GetKey(1, "MI"), 0x00020001u);
   EXPECT_EQ(DataValue(fans, 0) + DataValue(fans, 1), 5u);
   EXPECT_EQ(Broadcast(host, 0x0300, 0, 1).GetStatus(1), 1u);  // nothing in SE cabinets
+
+  // Logs in both forms: the first module's unified, the second's old-style.
+  SipJson unified = Broadcast(host, 0x0B16, 0, 0);
+  EXPECT_EQ(unified.GetDataForm(0), SipDataForm::kRawBytes);
+  EXPECT_EQ(unified.GetStatus(1), 1u);
+  SipJson errors = Broadcast(host, 0x0B00, 0, 0);
+  EXPECT_EQ(errors.GetDataLength(1), 16u) << "one record with one argument beyond the first";
+}
+
+TEST(ScenarioTest, Logs_RecordsWrittenReadablyAreEncoded) {
+  Scenario scenario;
+  std::string error;
+  ASSERT_TRUE(scenario.Parse(R"({"modules": [{"mid": 1,
+      "errorLog": [{"code": "0x1904", "codeBits": 2, "cabinet": 3, "oid": 258, "order": 7,
+                    "args": [16909060]}],
+      "eventLog": [{"code": "0x3F00", "argCount": 20}],
+      "messageLog": [{"code": "0x123456", "css": true, "order": 9, "recordId": 4,
+                      "aux": 1, "codeBits": 2, "strings": ["ab", ""]}]}]})",
+                             error))
+      << error;
+  SimHost host;
+  scenario.ApplyTo(host);
+  auto bytes = [&](uint32_t oc, uint32_t oi) {
+    SipJson msg(oc, 0, oi, 0);
+    msg.SetKey("MI", 1, false);
+    host.SendRequest(0, msg, 5000);
+    std::vector<uint8_t> out;
+    msg.GetDataBytes(0, out);
+    return out;
+  };
+  EXPECT_EQ(bytes(0x0B00, 0),
+            (std::vector<uint8_t>{0x04, 0x99, 0, 2, 7, 0, 0, 0, 3, 0, 2, 1, 4, 3, 2, 1}));
+  EXPECT_EQ(bytes(0x0B00, 1), (std::vector<uint8_t>{0, 0x3F, 0, 20, 0, 0, 0, 0, 0, 0, 0, 0}));
+  EXPECT_EQ(bytes(0x0B16, 0),
+            (std::vector<uint8_t>{30, 0, 0, 1, 0x56, 0x34, 0x12, 0, 1, 0, 0, 0, 9, 0, 0, 0,
+                                  4, 0, 0, 0, 0, 0, 0, 0, 2, 2, 'a', 'b', 0, 0}));
 }
 
 }  // namespace
