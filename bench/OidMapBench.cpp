@@ -9,7 +9,8 @@
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <unistd.h>
+
+#include "bench/BenchRatio.h"
 
 #include "module/DebugClient.h"
 #include "oidmap/CountOpcodeTable.h"
@@ -81,43 +82,6 @@ void BM_BareRapidJson(benchmark::State& state) {
 }
 BENCHMARK(BM_BareRapidJson);
 
-// Console output plus the per-iteration CPU time of each run, for the ratios (CPU time,
-// since benchmarks often share the machine with builds).
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  // Colours only on a terminal, so that saved output stays plain text.
-  RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    // With repetitions the median stands for the run; without, the single iteration run.
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      if (run.run_type == Run::RT_Iteration)
-        nanoseconds_.emplace(run.run_name.str(), run.GetAdjustedCPUTime());
-      else if (run.aggregate_name == "median")
-        nanoseconds_[run.run_name.str()] = run.GetAdjustedCPUTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void PrintRatios() const {
-    const double floor = Get("BM_BareRapidJson");
-    const double one = Get("BM_TranslateRequest/1");
-    const double hundred = Get("BM_TranslateRequest/100");
-    if (floor <= 0 || one <= 0 || hundred <= 0) return;
-    std::printf("\nCPU time ratio translate(1 cabinet) / bare RapidJSON   : %.2f\n", one / floor);
-    std::printf("CPU time ratio translate(100 cabinets) / bare RapidJSON: %.2f\n", hundred / floor);
-    std::printf("CPU time ratio translate(100 cabinets) / (1 cabinet)   : %.2f\n", hundred / one);
-  }
-
- private:
-  double Get(const std::string& name) const {
-    const auto it = nanoseconds_.find(name);
-    return it == nanoseconds_.end() ? 0 : it->second;
-  }
-  std::map<std::string, double> nanoseconds_;
-};
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -127,7 +91,13 @@ int main(int argc, char** argv) {
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatios();
+  std::printf("\n");
+  reporter.PrintRatio("translate(1 cabinet) / bare RapidJSON   ", "BM_TranslateRequest/1",
+                      "BM_BareRapidJson");
+  reporter.PrintRatio("translate(100 cabinets) / bare RapidJSON", "BM_TranslateRequest/100",
+                      "BM_BareRapidJson");
+  reporter.PrintRatio("translate(100 cabinets) / (1 cabinet)   ", "BM_TranslateRequest/100",
+                      "BM_TranslateRequest/1");
   benchmark::Shutdown();
   return 0;
 }
