@@ -68,12 +68,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     total += source.size();
     Check(merge.Add(std::move(source)) == total);
   }
-  std::vector<MsgLogEntry> merged = merge.Take();
-  Check(merged.size() == total);
+  // As collect from message stores: only what the cache keeps is taken from the merge.
+  std::vector<MsgLogEntry> merged = merge.Take(kMaxMsgLogEntries);
+  Check(merged.size() == (total < kMaxMsgLogEntries ? total : kMaxMsgLogEntries));
 
   CMsgLogCache cache;
   MsgLogCabinetCache* cabinet = cache.FindOrCreateCabinetCache(0);
-  const uint32_t first = CMsgLogCache::StoreEntries(*cabinet, std::move(merged));
+  const size_t unseen = total - merged.size();
+  const uint32_t first = CMsgLogCache::StoreEntries(*cabinet, std::move(merged), unseen);
   Check(first == (total == 0 ? 0u : 1u));
   cache.ReadEntries(0, [&](const MsgLogEntryList& entries, uint32_t last) {
     Check(last == total);

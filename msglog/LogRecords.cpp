@@ -67,7 +67,7 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
       walk.whole = false;
       break;
     }
-    MsgLogEntry entry;
+    MsgLogEntry& entry = out.emplace_back();
     entry.ModuleId = moduleId;
     entry.AuxByte = at[3];
     entry.ErrorCode = Le32(at + 4);
@@ -93,12 +93,12 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
       text = stop + 1;
     }
     if (!stringsWhole) {
+      out.pop_back();
       walk.whole = false;
       break;
     }
     EM_TRACE(3, "\nEM_OIDMAP           :  Add message log entry 0x%06X (CSS: %s)",
              entry.ErrorCode, (entry.Flags & 1) ? "yes" : "no");
-    out.push_back(std::move(entry));
     ++walk.records;
     walk.end += length;
   }
@@ -116,12 +116,13 @@ size_t CMsgLogMerge::Add(std::vector<MsgLogEntry>&& source) {
   return total_;
 }
 
-std::vector<MsgLogEntry> CMsgLogMerge::Take() {
+std::vector<MsgLogEntry> CMsgLogMerge::Take(size_t keepAtMost) {
+  const size_t skip = total_ > keepAtMost ? total_ - keepAtMost : 0;
   std::vector<MsgLogEntry> merged;
-  if (sources_.size() == 1) {
+  if (sources_.size() == 1 && skip == 0) {
     merged = std::move(sources_.front().entries);
-  } else {
-    merged.reserve(total_);
+  } else if (!sources_.empty()) {
+    merged.reserve(total_ - skip);
     // Heads of the sources by (merge value, reply order): the least one goes next.
     using Head = std::pair<int64_t, size_t>;
     std::priority_queue<Head, std::vector<Head>, std::greater<Head>> heads;
@@ -129,11 +130,13 @@ std::vector<MsgLogEntry> CMsgLogMerge::Take() {
     for (size_t s = 0; s < sources_.size(); ++s) {
       heads.emplace(sources_[s].keys[0], s);
     }
-    while (!heads.empty()) {
+    for (size_t taken = 0; !heads.empty(); ++taken) {
       const size_t s = heads.top().second;
       heads.pop();
       Source& source = sources_[s];
-      merged.push_back(std::move(source.entries[next[s]]));
+      if (taken >= skip) {
+        merged.push_back(std::move(source.entries[next[s]]));
+      }
       if (++next[s] < source.entries.size()) {
         heads.emplace(source.keys[next[s]], s);
       }

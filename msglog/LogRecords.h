@@ -19,6 +19,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <limits>
 #include <string>
 #include <vector>
 
@@ -97,8 +98,13 @@ class CMsgLogMerge {
  public:
   // Adds the next reply's table. Returns the number of entries merged so far.
   size_t Add(std::vector<MsgLogEntry>&& source);
-  // The merged table; the merge is empty afterwards.
-  std::vector<MsgLogEntry> Take();
+  // Number of entries added so far.
+  size_t Size() const { return total_; }
+  // The last `keepAtMost` entries of the merged table (all by default); the merge is
+  // empty afterwards. A store that keeps only the newest entries asks for no more than
+  // it keeps, so that entries it would evict at once are never moved (they are freed
+  // reply by reply, in the order they were made).
+  std::vector<MsgLogEntry> Take(size_t keepAtMost = std::numeric_limits<size_t>::max());
 
  private:
   struct Source {

@@ -92,15 +92,16 @@ bool CMsgLogCache::WaitForCacheReady(uint32_t cabinet, uint32_t timeoutMs) {
 }
 
 uint32_t CMsgLogCache::StoreEntries(MsgLogCabinetCache& cache,
-                                    std::vector<MsgLogEntry>&& merged) {
+                                    std::vector<MsgLogEntry>&& newest, size_t unseen) {
   std::lock_guard<std::mutex> guard(cache.entries_mutex_);
   MsgLogEntryList& entries = cache.entries_;
-  const size_t total = entries.size() + merged.size();
+  const size_t run = unseen + newest.size();
+  const size_t total = entries.size() + run;
   const size_t surplus = total > kMaxMsgLogEntries ? total - kMaxMsgLogEntries : 0;
   const size_t evictHeld = surplus < entries.size() ? surplus : entries.size();
-  const size_t skipNew = surplus - evictHeld;  // new entries evicted by this same store
+  const size_t skipRun = surplus - evictHeld;  // entries of the run evicted at once
   uint32_t first = 0;
-  if (!merged.empty()) {
+  if (run != 0) {
     first = cache.last_sequence_number_ + 1;
     EM_TRACE(4, "\nEM_OIDMAP           :     %u entries stored to messag log cache",
              static_cast<unsigned>(total));
@@ -110,17 +111,18 @@ uint32_t CMsgLogCache::StoreEntries(MsgLogCabinetCache& cache,
       EM_TRACE(3, "\nEM_OIDMAP           : Remove entry %u from beginning of message log list",
                entries[i].SequenceNumber);
     }
-    for (size_t i = 0; i < skipNew; ++i) {
+    for (size_t i = 0; i < skipRun; ++i) {
       EM_TRACE(3, "\nEM_OIDMAP           : Remove entry %u from beginning of message log list",
                static_cast<uint32_t>(first + i));
     }
   }
   entries.PopFront(evictHeld);
-  for (size_t i = skipNew; i < merged.size(); ++i) {
-    merged[i].SequenceNumber = first + static_cast<uint32_t>(i);
-    entries.push_back(std::move(merged[i]));
+  for (size_t i = skipRun > unseen ? skipRun : unseen; i < run; ++i) {
+    MsgLogEntry& entry = newest[i - unseen];
+    entry.SequenceNumber = first + static_cast<uint32_t>(i);
+    entries.push_back(std::move(entry));
   }
-  cache.last_sequence_number_ += static_cast<uint32_t>(merged.size());
+  cache.last_sequence_number_ += static_cast<uint32_t>(run);
   return first;
 }
 

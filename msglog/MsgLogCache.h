@@ -114,11 +114,16 @@ class CMsgLogCache {
   // Waits up to timeoutMs for the cabinet's ready event. True only when it was signalled;
   // false at once for an unknown cabinet.
   bool WaitForCacheReady(uint32_t cabinet, uint32_t timeoutMs);
-  // Appends `merged` with new sequence numbers and evicts the oldest entries beyond
-  // kMaxMsgLogEntries, all under the cabinet's lock. Entries that the same store would
-  // evict again are numbered and traced but never copied in. Returns the first new
-  // sequence number, 0 when `merged` is empty.
-  static uint32_t StoreEntries(MsgLogCabinetCache& cache, std::vector<MsgLogEntry>&& merged);
+  // Stores one run of entries: numbers them from the cabinet's last sequence number on,
+  // appends them and evicts the oldest entries beyond kMaxMsgLogEntries, all under the
+  // cabinet's lock. The run is `unseen` entries that the caller left out, followed by
+  // `newest`; entries that the same store evicts again (the unseen ones among them) are
+  // numbered and traced but never copied in. Returns the first new sequence number, 0
+  // when the run is empty.
+  // REQUIRES: unseen == 0 or newest.size() >= kMaxMsgLogEntries (only entries that this
+  // store evicts may be left out).
+  static uint32_t StoreEntries(MsgLogCabinetCache& cache, std::vector<MsgLogEntry>&& newest,
+                               size_t unseen = 0);
   // Empties the cabinet's entries (its log was cleared), under the cabinet's lock. The
   // numbering goes on. False for an unknown cabinet.
   bool ClearCabinet(uint32_t cabinet);

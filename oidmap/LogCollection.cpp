@@ -265,7 +265,11 @@ uint32_t COidMapExtModule::CollectFromMessage(SipJson& msg) {
     EM_TRACE(4, "\nEM_OIDMAP           :     %d message log entries were left after table merge",
              static_cast<int>(merged));
   }
-  return CMsgLogCache::StoreEntries(*cache, merge.Take());
+  // Entries beyond what the cache keeps are numbered by the store but never moved.
+  const size_t total = merge.Size();
+  std::vector<MsgLogEntry> newest = merge.Take(kMaxMsgLogEntries);
+  const size_t unseen = total - newest.size();
+  return CMsgLogCache::StoreEntries(*cache, std::move(newest), unseen);
 }
 
 std::vector<MsgLogEntry> COidMapExtModule::ParseLogReply(const SipJson& msg, int32_t index) {
