@@ -13,6 +13,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include "module/DebugClient.h"
+
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
   // Colours only on a terminal, so that saved output stays plain text.
@@ -47,5 +49,21 @@ class RatioReporter : public benchmark::ConsoleReporter {
  private:
   std::map<std::string, double> nanoseconds_;
 };
+
+// The main of a benchmark program: runs the benchmarks selected on the command line with
+// tracing off (only the trace-active test stays on the path), then calls
+// report(const RatioReporter&) after a blank line to print what follows from the times.
+template <class Report>
+int RunBenchmarks(int argc, char** argv, Report&& report) {
+  TraceClient().SetTraceLevel(0);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  std::printf("\n");
+  report(static_cast<const RatioReporter&>(reporter));
+  benchmark::Shutdown();
+  return 0;
+}
 
 #endif  // EM_BENCH_BENCHRATIO_H

@@ -70,23 +70,17 @@ BENCHMARK(BM_CollectFromMessage)
 }  // namespace
 
 int main(int argc, char** argv) {
-  TraceClient().SetTraceLevel(0);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  // One iteration collects 20 times the entries: per entry the ratio is divided by 20.
-  const char* forms[] = {"unified", "old-style"};
-  for (int form = 0; form < 2; ++form) {
-    const std::string base = "BM_CollectFromMessage/form:" + std::to_string(form);
-    const double one = reporter.Get(base + "/modules:1");
-    const double twenty = reporter.Get(base + "/modules:20");
-    if (one > 0 && twenty > 0) {
-      std::printf("%s: %.1f ns per entry at 2,000 entries, %.1f ns at 40,000; ratio %.2f\n",
-                  forms[form], one / kEntriesPerModule, twenty / (20.0 * kEntriesPerModule),
-                  (twenty / 20.0) / one);
+  return RunBenchmarks(argc, argv, [](const RatioReporter& reporter) {
+    // One iteration of 20 modules collects 20 times the entries of one module.
+    const char* forms[] = {"unified", "old-style"};
+    for (int form = 0; form < 2; ++form) {
+      const std::string base = "BM_CollectFromMessage/form:" + std::to_string(form);
+      const double one = reporter.Get(base + "/modules:1") / kEntriesPerModule;
+      const double twenty = reporter.Get(base + "/modules:20") / (20.0 * kEntriesPerModule);
+      if (one > 0 && twenty > 0) {
+        std::printf("%s: %.1f ns per entry at 2,000 entries, %.1f ns at 40,000; ratio %.2f\n",
+                    forms[form], one, twenty, twenty / one);
+      }
     }
-  }
-  benchmark::Shutdown();
-  return 0;
+  });
 }

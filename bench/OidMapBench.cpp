@@ -85,19 +85,12 @@ BENCHMARK(BM_BareRapidJson);
 }  // namespace
 
 int main(int argc, char** argv) {
-  // Only the trace-active test remains on the path.
-  TraceClient().SetTraceLevel(0);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  std::printf("\n");
-  reporter.PrintRatio("translate(1 cabinet) / bare RapidJSON   ", "BM_TranslateRequest/1",
-                      "BM_BareRapidJson");
-  reporter.PrintRatio("translate(100 cabinets) / bare RapidJSON", "BM_TranslateRequest/100",
-                      "BM_BareRapidJson");
-  reporter.PrintRatio("translate(100 cabinets) / (1 cabinet)   ", "BM_TranslateRequest/100",
-                      "BM_TranslateRequest/1");
-  benchmark::Shutdown();
-  return 0;
+  return RunBenchmarks(argc, argv, [](const RatioReporter& reporter) {
+    reporter.PrintRatio("translate(1 cabinet) / bare RapidJSON   ", "BM_TranslateRequest/1",
+                        "BM_BareRapidJson");
+    reporter.PrintRatio("translate(100 cabinets) / bare RapidJSON", "BM_TranslateRequest/100",
+                        "BM_BareRapidJson");
+    reporter.PrintRatio("translate(100 cabinets) / (1 cabinet)   ", "BM_TranslateRequest/100",
+                        "BM_TranslateRequest/1");
+  });
 }

@@ -81,14 +81,8 @@ BENCHMARK(BM_BareRoundTripThroughHost);
 }  // namespace
 
 int main(int argc, char** argv) {
-  TraceClient().SetTraceLevel(0);
-  benchmark::Initialize(&argc, argv);
-  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
-  benchmark::RunSpecifiedBenchmarks(&reporter);
-  std::printf("\n");
-  reporter.PrintRatio("translated request through the module / bare round trip",
-                      "BM_TranslatedRequestThroughModule", "BM_BareRoundTripThroughHost");
-  benchmark::Shutdown();
-  return 0;
+  return RunBenchmarks(argc, argv, [](const RatioReporter& reporter) {
+    reporter.PrintRatio("translated request through the module / bare round trip",
+                        "BM_TranslatedRequestThroughModule", "BM_BareRoundTripThroughHost");
+  });
 }

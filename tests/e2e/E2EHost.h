@@ -67,6 +67,17 @@ R CallSlot(void* obj, int slot, Args... args) {
   return reinterpret_cast<Fn>(vtable[slot - 1])(obj, args...);
 }
 
+// Requests with this opcode that the module sent through the host.
+inline size_t SentWithOpcode(const hostsim::SimHost& host, uint32_t oc) {
+  size_t n = 0;
+  for (const auto& sent : host.SentRequests()) {
+    SipJson msg;
+    msg.Parse(sent.json);
+    if (msg.GetOpcode(sent.index) == oc) ++n;
+  }
+  return n;
+}
+
 constexpr uint32_t kMidA = 0x00010001;
 constexpr uint32_t kMidB = 0x00020001;
 

@@ -52,16 +52,7 @@ class LogCollectionE2ETest : public e2e::ModuleHostTest {
     ASSERT_EQ(before + cabinets, Sink().Count(kReadySet));
   }
 
-  // Requests with this opcode that the module sent.
-  size_t SentWithOpcode(uint32_t oc) const {
-    size_t n = 0;
-    for (const auto& sent : host_.SentRequests()) {
-      SipJson msg;
-      msg.Parse(sent.json);
-      if (msg.GetOpcode(sent.index) == oc) ++n;
-    }
-    return n;
-  }
+  size_t SentWithOpcode(uint32_t oc) const { return e2e::SentWithOpcode(host_, oc); }
 
   // The CM_LogMessageEvent messages handed up, by their sequence numbers.
   std::vector<uint32_t> FiredSequenceNumbers() const {

@@ -21,6 +21,7 @@ namespace {
 
 using e2e::kMidA;
 using e2e::kMidB;
+using e2e::SentWithOpcode;
 using hostsim::Sink;
 
 constexpr uint32_t kFanCount = 0x0300;
@@ -56,16 +57,6 @@ SipJson ReceivedCommand(const std::string& command) {
   SipJson msg;
   msg.Parse("{\"SIP\":{\"V\":1,\"CMD\":[" + command + "]}}");
   return msg;
-}
-
-size_t SentWithOpcode(const hostsim::SimHost& host, uint32_t oc) {
-  size_t n = 0;
-  for (const auto& sent : host.SentRequests()) {
-    SipJson msg;
-    msg.Parse(sent.json);
-    if (msg.GetOpcode(sent.index) == oc) ++n;
-  }
-  return n;
 }
 
 class RequestE2ETest : public e2e::ModuleHostTest {
