@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "module/DebugClient.h"
+#include "oidmap/CountOpcodeTable.h"
 #include "oidmap/OidMapExtModule.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
@@ -313,7 +314,16 @@ SipJson COidMapExtModule::LookupRequest(uint32_t oc, const OldStyleRecord& recor
   SipJson request(oc, 0, record.ObjectId(), record.Cabinet());
   request.SetModuleId(mid);
   request.SetStatus(ST_PENDING);
-  TranslateMessage(request, 0);  // a global object id becomes its owner's local one
+  // The record's object id is global once its reply was patched; the module must be
+  // asked about its own instance. The CSS opcodes have no row of their own, so the
+  // record's entity row, which patched the id, translates it back.
+  if (TranslateMessage(request, 0) == 0) {
+    const COidMapTable* table = active_table_.load(std::memory_order_acquire);
+    const CountOpcodeRow* row = FindFirstRowOfKind(kCountKindLogEntity, record.CodeClass());
+    if (table != nullptr && row != nullptr) {
+      table->TranslateToModule(request, 0, row->countOc, row->countOe);
+    }
+  }
   return request;
 }
 

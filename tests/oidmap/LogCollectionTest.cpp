@@ -130,6 +130,33 @@ TEST_F(LogCollectionTest, LogScan_CollectsBothLogsOfEveryModule) {
   EXPECT_TRUE(module_.IsLogDataSupported());
 }
 
+TEST_F(LogCollectionTest, MappingNeeded_RecordsGetGlobalIdsAndLookupsAskTheOwner) {
+  // Fans: A has 3 (global 0..2), B has 2 (global 3..4); B logs about its fan 1.
+  host_.AddModule(kMidA).SetInstanceCount(0x0300, 0, 0, 3);
+  hostsim::SimModule& b = host_.AddModule(kMidB);
+  b.SetInstanceCount(0x0300, 0, 0, 2);
+  b.SetLog(0x0B00, 0u, EncodeLog({OldStyle(0x0401, 1, 1)}));
+  Start();
+  ASSERT_TRUE(module_.IsMappingNeeded());
+  Scan(0x0B16);
+  const std::vector<MsgLogEntry> entries = Entries();
+  ASSERT_EQ(1u, entries.size());
+  EXPECT_EQ(4, entries[0].RawRecord.at(10) | entries[0].RawRecord.at(11) << 8);
+  size_t css = 0;
+  size_t designation = 0;
+  for (const std::string& received : b.Received()) {
+    SipJson msg;
+    ASSERT_TRUE(msg.Parse("{\"SIP\":{\"V\":1,\"CMD\":[" + received + "]}}"));
+    const uint32_t oc = msg.GetOpcode(0);
+    if (oc != 0x0307 && oc != 0x0304) continue;
+    EXPECT_EQ(1u, msg.GetKey(0, "OI")) << std::hex << oc;
+    EXPECT_EQ(kMidB, msg.GetKey(0, "MI")) << std::hex << oc;
+    ++(oc == 0x0307 ? css : designation);
+  }
+  EXPECT_EQ(1u, css);
+  EXPECT_EQ(1u, designation);
+}
+
 TEST_F(LogCollectionTest, ConcurrentEventsScanAndReader_NoEntryLostOrRepeated) {
   TraceClient().SetTraceLevel(0);
   constexpr uint32_t kScans = 3;
