@@ -110,6 +110,27 @@ std::vector<Token> ParseFormat(const std::string& format) {
   return tokens;
 }
 
+// Renders parsed tokens; `argument` gives the text of each argument placeholder.
+template <typename RenderArgument>
+std::string Render(const std::vector<Token>& tokens, const std::string& designation,
+                   RenderArgument argument) {
+  std::string text;
+  for (const Token& token : tokens) {
+    switch (token.kind) {
+      case Token::kLiteral:
+        text += token.text;
+        break;
+      case Token::kDesignation:
+        text += designation.empty() ? std::string("<?D>") : designation;
+        break;
+      case Token::kArgument:
+        text += argument(token);
+        break;
+    }
+  }
+  return text;
+}
+
 }  // namespace
 
 std::string CLogMsgDecoder::FillFormat(const std::string& format,
@@ -143,31 +164,34 @@ std::string CLogMsgDecoder::FillFormat(const std::string& format,
     }
   }
 
-  std::string text;
-  for (const Token& token : tokens) {
-    switch (token.kind) {
-      case Token::kLiteral:
-        text += token.text;
-        break;
-      case Token::kDesignation:
-        text += designation.empty() ? std::string("<?D>") : designation;
-        break;
-      case Token::kArgument:
-        if (argsNotSet) {
-          text += "<not set>";
-        } else if (token.number >= args.size() || !args[token.number].present) {
-          text += MissingArgument(token.number);
-        } else if (token.conversion == 'X') {
-          text += Hex(args[token.number].value);
-        } else if (token.conversion == 'S') {
-          text += "\"" + ValueAsText(args[token.number].value) + "\"";
-        } else {
-          text += std::to_string(args[token.number].value);
-        }
-        break;
-    }
+  return Render(tokens, designation, [&](const Token& token) -> std::string {
+    if (argsNotSet) return "<not set>";
+    if (token.number >= args.size() || !args[token.number].present)
+      return MissingArgument(token.number);
+    const uint32_t value = args[token.number].value;
+    if (token.conversion == 'X') return Hex(value);
+    if (token.conversion == 'S') return "\"" + ValueAsText(value) + "\"";
+    return std::to_string(value);
+  });
+}
+
+std::string CLogMsgDecoder::FillTextArguments(const std::string& format,
+                                              const std::map<int32_t, std::string>& args) {
+  EM_TRACE(5, "\nCLogMsgDecoder      : Format %s SEL message:", "Unified");
+  EM_TRACE(5, "\nCLogMsgDecoder      :   Message format string: \"%s\"", format.c_str());
+  EM_TRACE(5, "\nCLogMsgDecoder      :   Message arguments (%d):", static_cast<int>(args.size()));
+  if (TraceClient().IsTraceActive()) {
+    for (const auto& arg : args)
+      EM_TRACE(5, "\nCLogMsgDecoder      :     Arg[%d]: \"%s\"", arg.first, arg.second.c_str());
   }
-  return text;
+  const auto designation = args.find(0);
+  const std::string none;
+  return Render(ParseFormat(format), designation == args.end() ? none : designation->second,
+                [&args](const Token& token) -> std::string {
+                  const auto arg = args.find(static_cast<int32_t>(token.number));
+                  if (arg == args.end()) return MissingArgument(token.number);
+                  return token.conversion == 'S' ? "\"" + arg->second + "\"" : arg->second;
+                });
 }
 
 std::vector<CLogMsgDecoder::Argument> CLogMsgDecoder::CollectArguments(
