@@ -3,14 +3,13 @@
 // The cost must not grow with the number of cabinets.
 
 #include <cstdio>
-#include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
-#include <unistd.h>
 
+#include "bench/BenchRatioReporter.h"
 #include "module/DebugClient.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/OidMapTable.h"
@@ -81,42 +80,15 @@ void BM_BareRapidJson(benchmark::State& state) {
 }
 BENCHMARK(BM_BareRapidJson);
 
-// Console output plus the per-iteration CPU time of each run, for the ratios (CPU time,
-// since benchmarks often share the machine with builds).
-class RatioReporter : public benchmark::ConsoleReporter {
- public:
-  // Colours only on a terminal, so that saved output stays plain text.
-  RatioReporter() : ConsoleReporter(isatty(STDOUT_FILENO) ? OO_Defaults : OO_Tabular) {}
-
-  void ReportRuns(const std::vector<Run>& runs) override {
-    // With repetitions the median stands for the run; without, the single iteration run.
-    for (const Run& run : runs) {
-      if (run.error_occurred) continue;
-      if (run.run_type == Run::RT_Iteration)
-        nanoseconds_.emplace(run.run_name.str(), run.GetAdjustedCPUTime());
-      else if (run.aggregate_name == "median")
-        nanoseconds_[run.run_name.str()] = run.GetAdjustedCPUTime();
-    }
-    ConsoleReporter::ReportRuns(runs);
-  }
-
-  void PrintRatios() const {
-    const double floor = Get("BM_BareRapidJson");
-    const double one = Get("BM_TranslateRequest/1");
-    const double hundred = Get("BM_TranslateRequest/100");
-    if (floor <= 0 || one <= 0 || hundred <= 0) return;
-    std::printf("\nCPU time ratio translate(1 cabinet) / bare RapidJSON   : %.2f\n", one / floor);
-    std::printf("CPU time ratio translate(100 cabinets) / bare RapidJSON: %.2f\n", hundred / floor);
-    std::printf("CPU time ratio translate(100 cabinets) / (1 cabinet)   : %.2f\n", hundred / one);
-  }
-
- private:
-  double Get(const std::string& name) const {
-    const auto it = nanoseconds_.find(name);
-    return it == nanoseconds_.end() ? 0 : it->second;
-  }
-  std::map<std::string, double> nanoseconds_;
-};
+void PrintRatios(const BenchRatioReporter& reporter) {
+  const double floor = reporter.Get("BM_BareRapidJson");
+  const double one = reporter.Get("BM_TranslateRequest/1");
+  const double hundred = reporter.Get("BM_TranslateRequest/100");
+  if (floor <= 0 || one <= 0 || hundred <= 0) return;
+  std::printf("\nCPU time ratio translate(1 cabinet) / bare RapidJSON   : %.2f\n", one / floor);
+  std::printf("CPU time ratio translate(100 cabinets) / bare RapidJSON: %.2f\n", hundred / floor);
+  std::printf("CPU time ratio translate(100 cabinets) / (1 cabinet)   : %.2f\n", hundred / one);
+}
 
 }  // namespace
 
@@ -125,9 +97,9 @@ int main(int argc, char** argv) {
   TraceClient().SetTraceLevel(0);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  RatioReporter reporter;
+  BenchRatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  reporter.PrintRatios();
+  PrintRatios(reporter);
   benchmark::Shutdown();
   return 0;
 }

@@ -59,75 +59,67 @@ std::string ValueAsText(uint32_t value) {
   return text;
 }
 
-// One piece of a parsed format string.
+// A placeholder of a format string.
 struct Token {
-  enum Kind { kLiteral, kArgument, kDesignation } kind = kLiteral;
-  std::string text;     // kLiteral
-  size_t number = 0;    // kArgument
+  enum Kind { kArgument, kDesignation } kind = kArgument;
+  size_t number = 0;      // kArgument
   char conversion = 'u';  // kArgument: 'u' decimal, 'X' hexadecimal, 'S' quoted text
 };
 
-std::vector<Token> ParseFormat(const std::string& format) {
-  std::vector<Token> tokens;
-  auto literal = [&tokens](const std::string& text) {
-    if (tokens.empty() || tokens.back().kind != Token::kLiteral) tokens.push_back(Token());
-    tokens.back().text += text;
-  };
+// Walks `format` once, handing each run of literal text to `literal(data, length)` and
+// each placeholder to `placeholder(token)`; allocates nothing.
+template <typename Literal, typename Placeholder>
+void ScanFormat(const std::string& format, Literal literal, Placeholder placeholder) {
+  const size_t size = format.size();
   size_t i = 0;
-  while (i < format.size()) {
+  while (i < size) {
     const size_t percent = format.find('%', i);
     if (percent == std::string::npos) {
-      literal(format.substr(i));
+      literal(format.data() + i, size - i);
       break;
     }
-    literal(format.substr(i, percent - i));
+    literal(format.data() + i, percent - i);
     i = percent + 1;
-    if (i < format.size() && format[i] == '%') {
-      literal("%");
+    if (i < size && format[i] == '%') {
+      literal("%", 1);
       ++i;
-    } else if (i < format.size() && format[i] == 'D') {
+    } else if (i < size && format[i] == 'D') {
       Token token;
       token.kind = Token::kDesignation;
-      tokens.push_back(token);
+      placeholder(token);
       ++i;
-    } else if (i < format.size() && format[i] >= '0' && format[i] <= '9') {
+    } else if (i < size && format[i] >= '0' && format[i] <= '9') {
       Token token;
-      token.kind = Token::kArgument;
-      for (size_t digits = 0; digits < kMaxPlaceholderDigits && i < format.size() &&
-                              format[i] >= '0' && format[i] <= '9';
+      for (size_t digits = 0;
+           digits < kMaxPlaceholderDigits && i < size && format[i] >= '0' && format[i] <= '9';
            ++digits, ++i) {
         token.number = token.number * 10 + static_cast<size_t>(format[i] - '0');
       }
-      if (i < format.size() && (format[i] == 'u' || format[i] == 'X' || format[i] == 'S')) {
+      if (i < size && (format[i] == 'u' || format[i] == 'X' || format[i] == 'S')) {
         token.conversion = format[i++];
       }
-      tokens.push_back(token);
+      placeholder(token);
     } else {
       // Not ours (e.g. "%HD%", "50 %"): keep it as written.
-      literal("%");
+      literal("%", 1);
     }
   }
-  return tokens;
 }
 
-// Renders parsed tokens; `argument` gives the text of each argument placeholder.
+// Fills `format`; `argument(token, text)` appends the text of an argument placeholder.
 template <typename RenderArgument>
-std::string Render(const std::vector<Token>& tokens, const std::string& designation,
+std::string Render(const std::string& format, const std::string& designation,
                    RenderArgument argument) {
   std::string text;
-  for (const Token& token : tokens) {
-    switch (token.kind) {
-      case Token::kLiteral:
-        text += token.text;
-        break;
-      case Token::kDesignation:
-        text += designation.empty() ? std::string("<?D>") : designation;
-        break;
-      case Token::kArgument:
-        text += argument(token);
-        break;
-    }
-  }
+  text.reserve(format.size() + 32);
+  ScanFormat(
+      format, [&text](const char* data, size_t length) { text.append(data, length); },
+      [&](const Token& token) {
+        if (token.kind == Token::kArgument)
+          argument(token, text);
+        else
+          text += designation.empty() ? std::string("<?D>") : designation;
+      });
   return text;
 }
 
@@ -137,16 +129,16 @@ std::string CLogMsgDecoder::FillFormat(const std::string& format,
                                        const std::vector<Argument>& args,
                                        const std::string& designation, LogMsgFormat logFormat,
                                        bool argsNotSet) {
-  const std::vector<Token> tokens = ParseFormat(format);
-
   if (TraceClient().IsTraceActive()) {
     std::vector<bool> asText(args.size(), false);
     int present = 0;
-    for (const Token& token : tokens) {
-      if (token.kind == Token::kArgument && token.conversion == 'S' &&
-          token.number < args.size())
-        asText[token.number] = true;
-    }
+    ScanFormat(
+        format, [](const char*, size_t) {},
+        [&asText](const Token& token) {
+          if (token.kind == Token::kArgument && token.conversion == 'S' &&
+              token.number < asText.size())
+            asText[token.number] = true;
+        });
     for (const Argument& arg : args) present += arg.present ? 1 : 0;
     EM_TRACE(5, "\nCLogMsgDecoder      : Format %s SEL message:",
              logFormat == LogMsgFormat::kUnified ? "Unified" : "old style");
@@ -164,14 +156,20 @@ std::string CLogMsgDecoder::FillFormat(const std::string& format,
     }
   }
 
-  return Render(tokens, designation, [&](const Token& token) -> std::string {
-    if (argsNotSet) return "<not set>";
-    if (token.number >= args.size() || !args[token.number].present)
-      return MissingArgument(token.number);
-    const uint32_t value = args[token.number].value;
-    if (token.conversion == 'X') return Hex(value);
-    if (token.conversion == 'S') return "\"" + ValueAsText(value) + "\"";
-    return std::to_string(value);
+  return Render(format, designation, [&](const Token& token, std::string& text) {
+    if (argsNotSet) {
+      text += "<not set>";
+    } else if (token.number >= args.size() || !args[token.number].present) {
+      text += MissingArgument(token.number);
+    } else if (token.conversion == 'X') {
+      text += Hex(args[token.number].value);
+    } else if (token.conversion == 'S') {
+      text += '"';
+      text += ValueAsText(args[token.number].value);
+      text += '"';
+    } else {
+      text += std::to_string(args[token.number].value);
+    }
   });
 }
 
@@ -186,11 +184,18 @@ std::string CLogMsgDecoder::FillTextArguments(const std::string& format,
   }
   const auto designation = args.find(0);
   const std::string none;
-  return Render(ParseFormat(format), designation == args.end() ? none : designation->second,
-                [&args](const Token& token) -> std::string {
+  return Render(format, designation == args.end() ? none : designation->second,
+                [&args](const Token& token, std::string& text) {
                   const auto arg = args.find(static_cast<int32_t>(token.number));
-                  if (arg == args.end()) return MissingArgument(token.number);
-                  return token.conversion == 'S' ? "\"" + arg->second + "\"" : arg->second;
+                  if (arg == args.end()) {
+                    text += MissingArgument(token.number);
+                  } else if (token.conversion == 'S') {
+                    text += '"';
+                    text += arg->second;
+                    text += '"';
+                  } else {
+                    text += arg->second;
+                  }
                 });
 }
 
@@ -278,8 +283,7 @@ int32_t CLogMsgDecoder::Decode(const uint8_t* record, size_t length, std::string
       const std::vector<Argument> args =
           CollectArguments(record, length, errorCode, languageName ? languageName : "");
 
-      char codeText[16];
-      snprintf(codeText, sizeof(codeText), unified ? "0x%06X" : "0x%04X", errorCode);
+      const std::string codeText = ErrorCodeText(errorCode, format_);
       const std::string format =
           file_ ? file_->SearchMessage(codeText, shortText ? kKeyShortMsg : kKeyLongMsg,
                                        languageName, 0)

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
+#include <unordered_set>
 #include <utility>
 
 #include "module/DebugClient.h"
@@ -33,32 +34,46 @@ std::string JoinPath(const std::string& dir, const char* name) {
   return dir + "/" + name;
 }
 
-// Walks the current level's elements named `name` and stops on the first whose attribute
-// `attr` equals `value` ignoring case.
-bool FindElemWithAttrib(CXmlDocument& doc, const char* name, const char* attr,
-                        const char* value) {
-  while (doc.FindElem(name)) {
-    if (EqualsIgnoringCase(doc.GetAttrib(attr), value)) return true;
-  }
-  return false;
-}
-
 }  // namespace
 
 const char* MessageFileName(LogMsgFormat format) {
   return format == LogMsgFormat::kUnified ? kUnifiedMessageFile : kOldStyleMessageFile;
 }
 
-CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(CXmlDocument doc, std::string path)
-    : doc_(std::move(doc)), path_(std::move(path)) {
-  CXmlDocument walk(doc_);
-  walk.Reset();
-  if (!walk.FindElem("EventMsg") || !walk.IntoElem()) return;
-  if (!walk.FindElem("Events") || !walk.IntoElem()) return;
-  while (walk.FindElem("Event")) {
-    // emplace keeps an earlier Event of the same code: the first one in the file wins.
-    events_.emplace(LowerCase(walk.GetAttrib("ErrorCode")), walk.GetPosition());
+CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path)
+    : path_(std::move(path)) {
+  CXmlDocument root(doc);
+  root.Reset();
+  if (!root.FindElem("EventMsg") || !root.IntoElem()) return;
+  CXmlDocument table(root);
+  if (table.FindElem("LanguageTable") && table.IntoElem()) {
+    while (table.FindElem("Language"))
+      languages_.push_back({table.GetAttrib("locale"), table.GetAttrib("lang")});
   }
+  CXmlDocument walk(root);
+  if (!walk.FindElem("Events") || !walk.IntoElem()) return;
+  std::vector<std::string> codes;
+  std::unordered_set<std::string> seen;
+  while (walk.FindElem("Event")) {
+    // The first Event of a code is the one searches find; later ones are never reached.
+    std::string code = LowerCase(walk.GetAttrib("ErrorCode"));
+    if (!seen.insert(code).second || !walk.IntoElem()) continue;
+    std::vector<Messages> event;
+    while (walk.FindElem("Messages")) {
+      Messages messages;
+      messages.lang = walk.GetAttrib("lang");
+      if (walk.IntoElem()) {
+        while (walk.FindElem()) messages.texts.emplace_back(walk.GetTagName(), walk.GetData());
+        walk.OutOfElem();
+      }
+      event.push_back(std::move(messages));
+    }
+    walk.OutOfElem();
+    codes.push_back(std::move(code));
+    events_.push_back(std::move(event));
+  }
+  event_index_.reserve(codes.size());
+  for (uint32_t i = 0; i < codes.size(); ++i) event_index_.emplace(std::move(codes[i]), i);
 }
 
 std::string CLogMsgXmlFileImpl::SearchMessage(const std::string& errorCode, const char* key,
@@ -71,28 +86,37 @@ std::string CLogMsgXmlFileImpl::SearchMessage(const std::string& errorCode, cons
            errorCode.c_str(), key, lang, index);
   if (index < 0 || *key == '\0') return std::string();
 
-  const auto event = events_.find(LowerCase(errorCode));
-  if (event == events_.end()) return std::string();
-  CXmlDocument doc(doc_);  // own cursor: the shared document stays untouched
-  doc.SetPosition(event->second);
-  if (!doc.IntoElem()) return std::string();
-  if (!FindElemWithAttrib(doc, "Messages", "lang", lang) || !doc.IntoElem())
-    return std::string();
-  for (int count = 0; doc.FindElem(key); ++count) {
-    if (count == index) return doc.GetData();
+  const auto event = event_index_.find(LowerCase(errorCode));
+  if (event == event_index_.end()) return std::string();
+  for (const Messages& messages : events_[event->second]) {
+    if (!EqualsIgnoringCase(messages.lang, lang)) continue;
+    int count = 0;
+    for (const auto& text : messages.texts) {
+      if (text.first == key && count++ == index) return text.second;
+    }
+    break;  // only the first Messages element of the language counts
   }
   return std::string();
+}
+
+std::string ErrorCodeText(uint32_t errorCode, LogMsgFormat format) {
+  // Called once per log entry of a page: written by hand rather than through snprintf.
+  static const char kDigits[] = "0123456789ABCDEF";
+  int digits = format == LogMsgFormat::kUnified ? 6 : 4;
+  while (digits < 8 && (errorCode >> (4 * digits)) != 0) ++digits;
+  std::string text(2 + digits, '0');
+  text[1] = 'x';
+  for (int i = 0; i < digits; ++i) text[1 + digits - i] = kDigits[(errorCode >> (4 * i)) & 0xF];
+  return text;
 }
 
 std::string CLogMsgXmlFileImpl::LanguageName(uint32_t langId) const {
   char locale[16];
   snprintf(locale, sizeof(locale), "0x%X", langId);
-  CXmlDocument doc(doc_);
-  doc.Reset();
-  if (doc.FindElem("EventMsg") && doc.IntoElem() && doc.FindElem("LanguageTable") &&
-      doc.IntoElem() && FindElemWithAttrib(doc, "Language", "locale", locale)) {
-    std::string lang = doc.GetAttrib("lang");
-    if (!lang.empty()) return lang;
+  for (const Language& language : languages_) {
+    if (!EqualsIgnoringCase(language.locale, locale)) continue;
+    if (!language.name.empty()) return language.name;
+    break;
   }
   return "en";
 }
@@ -123,9 +147,8 @@ CLogMsgFile::Document CLogMsgFile::TryLoad(LoadedFile& slot, const std::string& 
   if (!(slot.stamp == stamp)) {
     CXmlDocument xml;
     parse_count_.fetch_add(1, std::memory_order_relaxed);
-    slot.doc = xml.Load(stamp.path)
-                   ? std::make_shared<const CLogMsgXmlFileImpl>(std::move(xml), stamp.path)
-                   : nullptr;
+    slot.doc = xml.Load(stamp.path) ? std::make_shared<const CLogMsgXmlFileImpl>(xml, stamp.path)
+                                    : nullptr;
     slot.stamp = std::move(stamp);
   }
   EM_TRACE(4, "\nCLogMsgFile         : Event messages %s opened in \"%s\"!",
@@ -158,8 +181,7 @@ bool CLogMsgFile::OpenFromText(const std::string& xml) {
   CXmlDocument doc;
   parse_count_.fetch_add(1, std::memory_order_relaxed);
   const bool loaded = doc.LoadFromText(xml);
-  SetCurrent(loaded ? std::make_shared<const CLogMsgXmlFileImpl>(std::move(doc), std::string())
-                    : nullptr);
+  SetCurrent(loaded ? std::make_shared<const CLogMsgXmlFileImpl>(doc, std::string()) : nullptr);
   return loaded;
 }
 

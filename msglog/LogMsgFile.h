@@ -34,6 +34,8 @@
 #include <mutex>
 #include <string>
 #include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "msglog/XmlDocument.h"
 
@@ -46,6 +48,10 @@ constexpr const char* kOldStyleMessageFile = "ERRMSG.XML";
 // "EVENTMSG.XML" for the unified format, "ERRMSG.XML" for the old style.
 const char* MessageFileName(LogMsgFormat format);
 
+// The ErrorCode text of `errorCode` as the file of `format` writes it: "0x" and six
+// (unified) or four (old style) upper-case hexadecimal digits, more when the code needs them.
+std::string ErrorCodeText(uint32_t errorCode, LogMsgFormat format);
+
 // The text kinds (keys) of a Messages element.
 constexpr const char* kKeyLongMsg = "LongMsg";
 constexpr const char* kKeyShortMsg = "ShortMsg";
@@ -53,18 +59,21 @@ constexpr const char* kKeySummary = "Summary";
 constexpr const char* kKeyCause = "Cause";
 constexpr const char* kKeyResolution = "Resolution";
 
-// One loaded message document with its index of Events by error code. Immutable once
-// built; every const member may be called from several threads at the same time.
+// One loaded message file, kept as an index of its texts: the first Event of each error
+// code (lower-cased) with its Messages elements and their text elements in document order,
+// and the LanguageTable. The parsed document itself is dropped once the index is built, so
+// a lookup touches a few small objects instead of walking the tree. Immutable once built;
+// every const member may be called from several threads at the same time.
 class CLogMsgXmlFileImpl {
  public:
-  // Indexes `doc` (which must be loaded) by the ErrorCode of its Events; `path` is the file
-  // it came from (empty for a document from memory).
-  CLogMsgXmlFileImpl(CXmlDocument doc, std::string path);
+  // Indexes `doc` (which must be loaded); `path` is the file it came from (empty for a
+  // document from memory).
+  CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path);
 
-  // The text of paragraph `index` (from 0) of kind `key` in the Messages element of
+  // The text of paragraph `index` (from 0) of kind `key` in the first Messages element of
   // language `lang` (null: "en") of the first Event whose ErrorCode equals `errorCode`.
   // ErrorCode and lang are compared ignoring case. Empty when any step finds nothing;
-  // there is no fall-back to another language.
+  // there is no fall-back to another language or to a later Event or Messages element.
   std::string SearchMessage(const std::string& errorCode, const char* key, const char* lang,
                             int index) const;
 
@@ -72,14 +81,24 @@ class CLogMsgXmlFileImpl {
   // `langId`, ignoring case; "en" without a table or a match.
   std::string LanguageName(uint32_t langId) const;
 
-  const CXmlDocument& Document() const { return doc_; }
   const std::string& Path() const { return path_; }
 
  private:
-  CXmlDocument doc_;
+  struct Messages {
+    std::string lang;
+    std::vector<std::pair<std::string, std::string>> texts;  // (element name, text)
+  };
+  struct Language {
+    std::string locale;
+    std::string name;
+  };
+
   std::string path_;
-  // Lower-cased ErrorCode text -> position of the first Event that carries it.
-  std::unordered_map<std::string, CXmlDocument::Position> events_;
+  std::vector<std::vector<Messages>> events_;  // in document order, one per code
+  // Lower-cased code -> index into events_. Built after events_ so that its nodes lie
+  // together in memory and a lookup stays in cache.
+  std::unordered_map<std::string, uint32_t> event_index_;
+  std::vector<Language> languages_;
 };
 
 class CLogMsgFile {

@@ -36,14 +36,14 @@ uint16_t ShortCodeOfUnified(uint32_t errorCode) {
   return static_cast<uint16_t>((errorCode & 0xFF) | (((errorCode >> 16) & 0xFF) << 8));
 }
 
-void Put16(std::vector<uint8_t>& data, uint32_t value) {
-  data.push_back(static_cast<uint8_t>(value));
-  data.push_back(static_cast<uint8_t>(value >> 8));
+void Put16(uint8_t* at, uint32_t value) {
+  at[0] = static_cast<uint8_t>(value);
+  at[1] = static_cast<uint8_t>(value >> 8);
 }
 
-void Put32(std::vector<uint8_t>& data, uint32_t value) {
-  Put16(data, value);
-  Put16(data, value >> 16);
+void Put32(uint8_t* at, uint32_t value) {
+  Put16(at, value);
+  Put16(at + 2, value >> 16);
 }
 
 // The text up to its first NUL (which would end it early for the reader) and within the
@@ -59,16 +59,19 @@ size_t RecordTextLength(const std::string& text) {
 void AppendRecord(std::vector<uint8_t>& data, const MsgLogEntry& entry, uint16_t shortCode,
                   const std::string& text) {
   const size_t textLength = RecordTextLength(text);
-  Put16(data, static_cast<uint32_t>(kMsgLogRecordOverhead + textLength));
-  data.push_back(kMsgLogRecordType);
-  data.push_back(entry.CodeBits);
-  Put16(data, shortCode);
-  data.push_back(static_cast<uint8_t>(entry.Flags));
-  data.push_back(0);
-  Put32(data, entry.OrderValue);
-  Put32(data, entry.SequenceNumber);
-  data.insert(data.end(), text.begin(), text.begin() + static_cast<std::ptrdiff_t>(textLength));
-  data.push_back(0);
+  const size_t at = data.size();
+  data.resize(at + kMsgLogRecordOverhead + textLength);
+  uint8_t* record = &data[at];
+  Put16(record, static_cast<uint32_t>(kMsgLogRecordOverhead + textLength));
+  record[2] = kMsgLogRecordType;
+  record[3] = entry.CodeBits;
+  Put16(record + 4, shortCode);
+  record[6] = static_cast<uint8_t>(entry.Flags);
+  record[7] = 0;
+  Put32(record + 8, entry.OrderValue);
+  Put32(record + 12, entry.SequenceNumber);
+  std::memcpy(record + 16, text.data(), textLength);
+  record[16 + textLength] = 0;
 }
 
 // Translates the entries of one page; holds what stays the same for all of them.
@@ -101,10 +104,9 @@ class PageTranslator {
     }
     *shortCode = ShortCodeOfUnified(entry.ErrorCode);
     if (unified_.doc) {
-      char code[16];
-      snprintf(code, sizeof(code), "0x%06X", entry.ErrorCode);
       const std::string format =
-          unified_.doc->SearchMessage(code, kKeyLongMsg, unified_.language.c_str(), 0);
+          unified_.doc->SearchMessage(ErrorCodeText(entry.ErrorCode, LogMsgFormat::kUnified),
+                                      kKeyLongMsg, unified_.language.c_str(), 0);
       if (!format.empty()) return CLogMsgDecoder::FillTextArguments(format, entry.Arguments);
     }
     return LongTextFromModules(entry.ErrorCode);

@@ -98,15 +98,3 @@ std::string CXmlDocument::GetData() const {
 std::string CXmlDocument::GetTagName() const {
   return current_ ? std::string(current_.name()) : std::string();
 }
-
-CXmlDocument::Position CXmlDocument::GetPosition() const {
-  Position position;
-  position.level_ = level_;
-  position.current_ = current_;
-  return position;
-}
-
-void CXmlDocument::SetPosition(const Position& position) {
-  level_ = position.level_;
-  current_ = position.current_;
-}

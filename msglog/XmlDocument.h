@@ -51,18 +51,6 @@ class CXmlDocument {
   // The current element's name; empty without one.
   std::string GetTagName() const;
 
-  // A saved cursor: lets an index remember where an element was found and come back to
-  // it without walking again. Valid only for documents that share the tree it came from.
-  class Position {
-   private:
-    friend class CXmlDocument;
-    pugi::xml_node level_;
-    pugi::xml_node current_;
-  };
-  Position GetPosition() const;
-  // REQUIRES: `position` came from this document or a copy of it.
-  void SetPosition(const Position& position);
-
  private:
   bool Finish(const pugi::xml_parse_result& result, std::shared_ptr<pugi::xml_document> doc,
               const char* source);
