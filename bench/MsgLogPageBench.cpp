@@ -13,7 +13,7 @@
 
 #include <benchmark/benchmark.h>
 
-#include "bench/BenchRatioReporter.h"
+#include "bench/BenchRatio.h"
 #include "module/DebugClient.h"
 #include "msglog/MsgLogPage.h"
 
@@ -165,14 +165,12 @@ int main(int argc, char** argv) {
     std::fprintf(stderr, "cannot create the message file directory\n");
     return 1;
   }
-  BenchRatioReporter reporter;
+  RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
   const double warm = reporter.Get("BM_PageWarm");
-  const double parsed = reporter.Get("BM_PageParsedEachQuery");
-  if (warm > 0 && parsed > 0) {
-    std::printf("\nCPU time per page, warm                     : %.3f ms\n", warm);
-    std::printf("CPU time ratio parsed each query / warm page: %.1f\n", parsed / warm);
-  }
+  if (warm > 0) std::printf("\nCPU time per page, warm: %.3f ms\n", warm);
+  reporter.PrintRatio("parsed each query / warm page", "BM_PageParsedEachQuery",
+                      "BM_PageWarm");
   benchmark::Shutdown();
   return 0;
 }

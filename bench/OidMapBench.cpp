@@ -3,13 +3,15 @@
 // The cost must not grow with the number of cabinets.
 
 #include <cstdio>
+#include <map>
 #include <set>
 #include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
-#include "bench/BenchRatioReporter.h"
+#include "bench/BenchRatio.h"
+
 #include "module/DebugClient.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/OidMapTable.h"
@@ -80,16 +82,6 @@ void BM_BareRapidJson(benchmark::State& state) {
 }
 BENCHMARK(BM_BareRapidJson);
 
-void PrintRatios(const BenchRatioReporter& reporter) {
-  const double floor = reporter.Get("BM_BareRapidJson");
-  const double one = reporter.Get("BM_TranslateRequest/1");
-  const double hundred = reporter.Get("BM_TranslateRequest/100");
-  if (floor <= 0 || one <= 0 || hundred <= 0) return;
-  std::printf("\nCPU time ratio translate(1 cabinet) / bare RapidJSON   : %.2f\n", one / floor);
-  std::printf("CPU time ratio translate(100 cabinets) / bare RapidJSON: %.2f\n", hundred / floor);
-  std::printf("CPU time ratio translate(100 cabinets) / (1 cabinet)   : %.2f\n", hundred / one);
-}
-
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -97,9 +89,15 @@ int main(int argc, char** argv) {
   TraceClient().SetTraceLevel(0);
   benchmark::Initialize(&argc, argv);
   if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-  BenchRatioReporter reporter;
+  RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  PrintRatios(reporter);
+  std::printf("\n");
+  reporter.PrintRatio("translate(1 cabinet) / bare RapidJSON   ", "BM_TranslateRequest/1",
+                      "BM_BareRapidJson");
+  reporter.PrintRatio("translate(100 cabinets) / bare RapidJSON", "BM_TranslateRequest/100",
+                      "BM_BareRapidJson");
+  reporter.PrintRatio("translate(100 cabinets) / (1 cabinet)   ", "BM_TranslateRequest/100",
+                      "BM_TranslateRequest/1");
   benchmark::Shutdown();
   return 0;
 }

@@ -31,13 +31,9 @@ EM_EXPORT bool EM_Create(CIExtensionModule** module, void* /*unused*/) {
     return module != nullptr;
   }
   EM_TRACE(2, "\nEM DLL (%-10s) : Create module", kModuleName);
-  // No exception may cross into the host, whose runtime may not share ours: a constructor
-  // that throws (its memory is released by new) is reported as a failed creation.
-  try {
-    g_module = new COidMapExtModule();
-  } catch (...) {
-    g_module = nullptr;
-  }
+  // A constructor that throws is the host's to see: new releases the memory and the
+  // exception leaves EM_Create with the process-wide pointer still empty.
+  g_module = new COidMapExtModule();
   if (g_module != nullptr) {
     if (module != nullptr) *module = g_module;
     return module != nullptr;

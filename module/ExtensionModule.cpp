@@ -163,10 +163,11 @@ void CExtensionModule::TraceMessage(const SipJson& msg, uint32_t level, const ch
   }
   const int32_t i = msg.CurrentIndex();
   const std::string tag = std::string(GetModuleTag()) + suffix;
-  const uint32_t oc = msg.GetKey(i, "OC");
-  const uint32_t oe = msg.GetKey(i, "OE");
-  const uint32_t oi = msg.GetKey(i, "OI");
-  const uint32_t mi = msg.GetKey(i, "MI");
+  // Peers may send these as text numbers ("0x0310"): read them leniently.
+  const uint32_t oc = msg.GetKey(i, "OC", 0);
+  const uint32_t oe = msg.GetKey(i, "OE", 0);
+  const uint32_t oi = msg.GetKey(i, "OI", 0);
+  const uint32_t mi = msg.GetKey(i, "MI", 0);
   const uint32_t st = msg.GetStatus(i);
   const uint32_t mi_hi = mi >> 16;
   const uint32_t mi_lo = mi & 0xFFFF;
@@ -196,7 +197,7 @@ void CExtensionModule::TraceMessage(const SipJson& msg, uint32_t level, const ch
     }
     return;
   }
-  const int ca = static_cast<int>(msg.GetKey(i, "CA"));
+  const int ca = static_cast<int>(msg.GetKey(i, "CA", 0));
   if (form == SipDataForm::kNone) {
     EM_TRACE(level,
              "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X",

@@ -28,10 +28,16 @@ uint32_t COidMapExtModule::Stop() {
 }
 
 uint32_t COidMapExtModule::TranslateMessage(SipJson& msg, int32_t index) {
-  if (!IsMappingNeeded()) {
-    return 0;
+  const COidMapTable* table = active_table_.load(std::memory_order_acquire);
+  if (table == nullptr) {
+    return 0;  // mapping not needed, or start has not finished the table yet
   }
-  return map_table_.TranslateMessage(msg, index);
+  return table->TranslateMessage(msg, index);
+}
+
+const COidMapTable& COidMapExtModule::MapTable() const {
+  static const COidMapTable kEmpty;
+  return tables_.empty() ? kEmpty : *tables_.back();
 }
 
 std::vector<uint32_t> COidMapExtModule::CabinetList() const {

@@ -17,11 +17,14 @@
 
 #include <array>
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <mutex>
 #include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "module/ExtensionModule.h"
@@ -35,6 +38,8 @@ constexpr const char* kModuleName = "EM_OIDMAP";
 constexpr const char* kModuleDescription = "OID mapper extension module";
 constexpr int32_t kMaxCabinets = 100;
 constexpr uint32_t kSingleRequestTimeoutMs = 5000;
+// How long a request that arrives while start is still running waits for it to finish.
+constexpr uint32_t kStartWaitMs = 120000;
 constexpr uint32_t kTaskQueueBytes = 160;
 
 class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson> {
@@ -90,13 +95,23 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   bool IsKnownCabinet(uint32_t cabinet) const;
   std::set<uint16_t> SupportedSelLanguages() const;
   std::string HelpDeskMessage() const;
-  const COidMapTable& MapTable() const { return map_table_; }
+  // The table the last start built (empty before the first start).
+  const COidMapTable& MapTable() const;
   CMsgLogCache& MsgLogCache() { return msg_log_cache_; }
   CRecursiveLock& CacheLock() { return cache_lock_; }
 
  private:
   void BuildCabinetList();
-  void CheckOidMapping(uint32_t cabinet);
+  void CheckOidMapping(COidMapTable& table, uint32_t cabinet);
+  // Waits until a start that runs on another thread has finished. False on time-out.
+  bool WaitForStartCompleted();
+  uint32_t HandleRequest(SipJson& msg);
+  uint32_t AnswerLogAvailable(SipJson& msg);
+  // Configuration-space read of value `oe`: broadcast and merged when the value has a
+  // merge rule (returns 1), else 0.
+  uint32_t MergeConfigurationRead(SipJson& msg, uint32_t oe);
+  // Empties the cache of `cabinet` under the module's cache lock.
+  void ClearCabinetCache(uint32_t cabinet);
   void InitMessageLogCache(uint32_t cabinet);
   void ReadHelpDeskMessage();
   void ProbeIdentModule();
@@ -106,7 +121,17 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   // Start-up and OID mapping.
   std::atomic<bool> mapping_needed_{false};
   std::atomic<bool> ktas_fallback_{false};
-  COidMapTable map_table_;                     // written only during start
+  // Start builds a new table and publishes it when it has finished writing it; until
+  // then nothing is translated. Tables are kept until the module ends, so a translation
+  // still reading an earlier one is never left with a freed table.
+  std::vector<std::unique_ptr<COidMapTable>> tables_;  // written only by start
+  std::atomic<const COidMapTable*> active_table_{nullptr};
+  // Set while start runs, so that requests of other threads wait for the table.
+  std::mutex start_mutex_;
+  std::condition_variable start_done_;
+  bool start_running_ = false;
+  std::thread::id start_thread_;
+  std::atomic<bool> start_running_flag_{false};
   std::set<uint32_t> already_requested_;       // count opcode keys of one cabinet's check
   std::map<uint16_t, uint16_t> sel_languages_;  // used as a set
   std::string help_desk_message_;

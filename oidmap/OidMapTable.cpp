@@ -1,6 +1,7 @@
 #include "oidmap/OidMapTable.h"
 
 #include "module/DebugClient.h"
+#include "msglog/OldStyleRecord.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
@@ -10,27 +11,11 @@ namespace {
 // Table entries start with room for this many OID entries.
 constexpr size_t kInitialOidCapacity = 16;
 
-// Old-style log record layout: 4-byte header, object id at offset 10 of a record of at
-// least 12 bytes.
-constexpr size_t kLogHeaderBytes = 4;
-constexpr size_t kLogShortRecordBytes = 12;
-constexpr size_t kLogOidOffset = 10;
-// Entity code whose records carry inline text, never an object id.
-constexpr uint32_t kLogInlineTextEntity = 63;
 
 uint64_t OcCaKey(uint32_t oc, uint32_t ca) { return (static_cast<uint64_t>(oc) << 32) | ca; }
 
 uint32_t MidHigh(uint32_t mid) { return mid >> 16; }
 uint32_t MidLow(uint32_t mid) { return mid & 0xFFFF; }
-
-// Record length from its header. Byte 3 is the argument count n; records with 1..16
-// arguments are 4n + 8 bytes long, as is an inline-text record (entity 63, byte 0 zero)
-// with any n other than 0.
-size_t LogRecordLength(uint8_t byte0, uint32_t entity, uint8_t byte3) {
-  const bool hasArguments = static_cast<uint8_t>(byte3 - 1) < 16 ||
-                            (entity == kLogInlineTextEntity && byte0 == 0 && byte3 != 0);
-  return hasArguments ? static_cast<size_t>(byte3) * 4 + 8 : kLogShortRecordBytes;
-}
 
 // The "RAW" byte array of a command's data, or nullptr when the data is not raw bytes.
 // Log records only ever travel as raw bytes; other data forms hold no records.
@@ -50,13 +35,13 @@ uint8_t ByteAt(const SipJson::Value& raw, size_t i) {
 }
 
 uint32_t ReadOid(const SipJson::Value& raw, size_t record) {
-  return ByteAt(raw, record + kLogOidOffset) |
-         (static_cast<uint32_t>(ByteAt(raw, record + kLogOidOffset + 1)) << 8);
+  return ByteAt(raw, record + kOldStyleRecordOidOffset) |
+         (static_cast<uint32_t>(ByteAt(raw, record + kOldStyleRecordOidOffset + 1)) << 8);
 }
 
 void WriteOid(SipJson::Value& raw, size_t record, uint32_t oid) {
-  raw[static_cast<rapidjson::SizeType>(record + kLogOidOffset)].SetUint(oid & 0xFF);
-  raw[static_cast<rapidjson::SizeType>(record + kLogOidOffset + 1)].SetUint((oid >> 8) & 0xFF);
+  raw[static_cast<rapidjson::SizeType>(record + kOldStyleRecordOidOffset)].SetUint(oid & 0xFF);
+  raw[static_cast<rapidjson::SizeType>(record + kOldStyleRecordOidOffset + 1)].SetUint((oid >> 8) & 0xFF);
 }
 
 }  // namespace
@@ -135,8 +120,8 @@ uint32_t COidMapTable::TranslateMessage(SipJson& msg, int32_t index) const {
   // Each member is read once: every read resolves the command path again.
   const uint32_t oc = msg.GetOpcode(index);
   if (oc == CM_MessageLogReply) return PatchMessageLogReply(msg, index);
-  const uint32_t oe = msg.GetKey(index, "OE");
-  const uint32_t ca = msg.GetKey(index, "CA");
+  const uint32_t oe = msg.GetKey(index, "OE", 0);
+  const uint32_t ca = msg.GetKey(index, "CA", 0);
 
   if (oc == CM_ExtObjectCount) return AnswerCountReply(msg, index, oc, oe, ca);
 
@@ -175,19 +160,19 @@ uint32_t COidMapTable::TranslateByStatus(SipJson& msg, int32_t index, uint32_t c
 
 uint32_t COidMapTable::TranslateToModule(SipJson& msg, int32_t index, uint32_t countOc,
                                          uint32_t countOe) const {
-  return ToModule(msg, index, msg.GetKey(index, "CA"), countOc, countOe);
+  return ToModule(msg, index, msg.GetKey(index, "CA", 0), countOc, countOe);
 }
 
 uint32_t COidMapTable::TranslateToGlobal(SipJson& msg, int32_t index, uint32_t countOc,
                                          uint32_t countOe) const {
-  return ToGlobal(msg, index, msg.GetKey(index, "CA"), countOc, countOe);
+  return ToGlobal(msg, index, msg.GetKey(index, "CA", 0), countOc, countOe);
 }
 
 uint32_t COidMapTable::ToModule(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
                                 uint32_t countOe) const {
   const TableEntry* entry = Find(countOc, countOe, ca);
   if (!entry) return 0;
-  const uint32_t oi = msg.GetKey(index, "OI");
+  const uint32_t oi = msg.GetKey(index, "OI", 0);
   if (oi >= entry->Count()) return 0;
   SipJson::Value* command = msg.Command(index);
   if (!command) return 0;
@@ -203,8 +188,8 @@ uint32_t COidMapTable::ToGlobal(SipJson& msg, int32_t index, uint32_t ca, uint32
   if (!entry || entry->Count() == 0) return 0;
   SipJson::Value* command = msg.Command(index);
   if (!command) return 0;
-  const uint32_t oi = msg.GetKey(index, "OI");
-  const uint32_t mi = msg.GetKey(index, "MI");
+  const uint32_t oi = msg.GetKey(index, "OI", 0);
+  const uint32_t mi = msg.GetKey(index, "MI", 0);
   for (uint32_t position = 0; position < entry->Count(); ++position) {
     const OidEntry& oid = entry->oids[position];
     if (oid.localId == oi && oid.mid == mi) {
@@ -231,16 +216,16 @@ uint32_t COidMapTable::PatchLogRecords(SipJson& msg, int32_t index, bool toModul
   if (!raw) return 0;
 
   const size_t size = raw->Size();
-  const uint32_t ca = msg.GetKey(index, "CA");
-  const uint32_t mid = msg.GetKey(index, "MI");
+  const uint32_t ca = msg.GetKey(index, "CA", 0);
+  const uint32_t mid = msg.GetKey(index, "MI", 0);
   uint32_t mi = mid;
   uint32_t patched = 0;
 
-  for (size_t record = 0; record + kLogHeaderBytes <= size;) {
-    const uint8_t byte0 = ByteAt(*raw, record);
-    const uint32_t entity = ByteAt(*raw, record + 1) & 0x3F;
-    const size_t length = LogRecordLength(byte0, entity, ByteAt(*raw, record + 3));
-    if (entity != kLogInlineTextEntity && record + kLogShortRecordBytes <= size) {
+  for (size_t record = 0; record + kOldStyleRecordHeaderBytes <= size;) {
+    const uint8_t byte1 = ByteAt(*raw, record + 1);
+    const uint32_t entity = byte1 & 0x3F;
+    const size_t length = OldStyleRecordLength(ByteAt(*raw, record), byte1, ByteAt(*raw, record + 3));
+    if (entity != kOldStyleInlineTextClass && record + kOldStyleRecordMinBytes <= size) {
       for (const CountOpcodeRow* row : FindRowsOfKind(kCountKindLogEntity, entity)) {
         patched += toModule ? PatchRecordToModule(*raw, record, ca, row->countOc, mi)
                             : PatchRecordToGlobal(*raw, record, ca, row->countOc, mi);

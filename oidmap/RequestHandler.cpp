@@ -1,6 +1,163 @@
-// The request handler (slot 9).
-#include "oidmap/OidMapExtModule.h"
+// The request handler (slot 9): threshold writes declined, translated requests forwarded
+// to the module that owns the instance, the multiple-module requests, then the message
+// log opcodes. Every way out is traced with " (RET)".
+#include <exception>
 
-uint32_t COidMapExtModule::OnRequest(SipJson& request) {
-  return CExtensionModule::OnRequest(request);
+#include "module/DebugClient.h"
+#include "oidmap/OidMapExtModule.h"
+#include "oidmap/Opcodes.h"
+#include "sip/SipStatus.h"
+
+namespace {
+
+// What the client sent in the members that a forward changes: the reply the client gets
+// back speaks of the client's view again (see FinaliseReply).
+struct ClientView {
+  bool hasOi = false;
+  uint32_t oi = 0;
+  bool hasMi = false;
+  uint32_t mi = 0;
+  uint32_t ci = 0;
+};
+
+ClientView SaveClientView(const SipJson& msg, int32_t i) {
+  ClientView view;
+  view.hasOi = msg.HasKey(i, "OI");
+  view.oi = msg.GetKey(i, "OI", 0);
+  view.hasMi = msg.HasKey(i, "MI");
+  view.mi = msg.GetKey(i, "MI", 0);
+  view.ci = msg.GetKey(i, "CI", 0);
+  return view;
+}
+
+// Finalises the reply to a request this module handled by sending it down: the command
+// keeps the answering module's ST and DA, and gets back the client's OI (the global
+// index), MI and CI. The reply handler has already turned the OI back; restoring it here
+// also covers a send that never reached a module (no host, a reply without MI).
+void FinaliseReply(SipJson& msg, const ClientView& view) {
+  SipJson::Value* command = msg.Command(msg.CurrentIndex());
+  if (command == nullptr) {
+    return;
+  }
+  if (view.hasOi) {
+    msg.SetKey(*command, "OI", view.oi, false);
+  } else {
+    msg.SetKey(*command, "OI", 0, true);
+  }
+  if (view.hasMi) {
+    msg.SetKey(*command, "MI", view.mi, false);
+  } else {
+    msg.SetKey(*command, "MI", 0, true);
+  }
+  msg.SetKey(*command, "CI", view.ci, true);
+}
+
+bool IsThresholdWrite(uint32_t oc, uint32_t oe) {
+  const uint32_t group = oe & ~0xFu;
+  return oc == CM_WriteConfigurationSpace &&
+         (group == CKT_ConfThresholdGroupA || group == CKT_ConfThresholdGroupB);
+}
+
+}  // namespace
+
+uint32_t COidMapExtModule::OnRequest(SipJson& msg) {
+  uint32_t result = 0;
+  try {
+    result = HandleRequest(msg);
+  } catch (const std::exception& e) {
+    // Nothing may reach the host; the client learns that its request failed.
+    EM_TRACE(1, "\nEM_OIDMAP           : ## ERROR! Exception in request handler at OpCode 0x%04X: %s",
+             msg.GetOpcode(msg.CurrentIndex()), e.what());
+    msg.SetStatus(ST_NOT_AVAILABLE);
+    result = 1;
+  } catch (...) {
+    EM_TRACE(1, "\nEM_OIDMAP           : ## ERROR! Exception in request handler at OpCode 0x%04X",
+             msg.GetOpcode(msg.CurrentIndex()));
+    msg.SetStatus(ST_NOT_AVAILABLE);
+    result = 1;
+  }
+  TraceReturn(msg, 2);
+  return result;
+}
+
+uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
+  TraceRequest(msg, 2);
+  msg.CurrentCommand();  // a message without commands gets the one it is answered in
+  const int32_t i = msg.CurrentIndex();
+  const uint32_t oc = msg.GetOpcode(i);
+
+  if (IsThresholdWrite(oc, msg.GetKey(i, "OE", 0))) {
+    EM_TRACE(3, "\nEM_OIDMAP (MMR)     : no broadcast - always handled by EM_THRESH");
+    msg.SetStatus(ST_NOT_HANDLED);
+    return 0;
+  }
+
+  // A request that overtakes start would otherwise pass untranslated, and a lower module
+  // would take its global index for a local one.
+  if (!WaitForStartCompleted()) {
+    EM_TRACE(1, "\nEM_OIDMAP           : ERROR! Timeout (%u sec) waiting for start to complete",
+             kStartWaitMs / 1000);
+    msg.SetStatus(ST_TIMEOUT);
+    return 1;
+  }
+
+  const ClientView view = SaveClientView(msg, i);
+  if (TranslateMessage(msg, i) != 0) {
+    if (IsValidReplyStatus(msg.GetStatus(i))) {
+      return 1;  // the client sent an answer, not a question
+    }
+    if (TraceClient().IsTraceActive()) {
+      const uint32_t mi = msg.GetKey(i, "MI", 0);
+      EM_TRACE(3, "\nEM_OIDMAP (TRANSLAT): CABID %04d: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X",
+               static_cast<int>(msg.GetKey(i, "CA", 0)), oc, msg.GetKey(i, "OE", 0),
+               msg.GetKey(i, "OI", 0), mi >> 16, mi & 0xFFFF);
+    }
+    SendRequest(msg, kSingleRequestTimeoutMs);
+    FinaliseReply(msg, view);
+    return 1;
+  }
+
+  if (MultipleModuleRequest(msg) != 0) {
+    EM_TRACE(3, "\nEM_OIDMAP           : MultipleModuleRequest handled");
+    FinaliseReply(msg, view);
+    return 1;
+  }
+
+  if (oc < CM_MessageLogFirst || oc > CM_MessageLogLast) {
+    msg.SetStatus(ST_NOT_HANDLED);
+    return 0;
+  }
+  switch (oc) {
+    case CM_MessageLogAvailable:
+      return AnswerLogAvailable(msg);
+    case CM_GetMsgLogCacheEntries:
+    case CM_MsgLogLastSequenceNumber:
+    case CM_MsgLogNumberOfEntries:
+    case CM_LogMessageAllResolutions:
+    case CM_LogMessageAllCauses:
+    case CM_LogMessageLongText:
+    case CM_LogMessageSummary:
+    case CM_LogMessageCause:
+    case CM_LogMessageResolution:
+    case CM_LogMessageRaw:
+    case CM_SupportedSelLanguages:
+      return HandleMessageLogRequest(msg, oc);
+    default:
+      msg.SetStatus(ST_NOT_HANDLED);
+      return 0;
+  }
+}
+
+uint32_t COidMapExtModule::AnswerLogAvailable(SipJson& msg) {
+  const uint32_t ca = msg.GetKey(msg.CurrentIndex(), "CA", 0);
+  if (!IsKnownCabinet(ca)) {
+    msg.SetStatus(ST_LOG_INVALID);
+    EM_TRACE(1, "\nEM_OIDMAP           : ERROR! Message log is invalid for CABID %04d",
+             static_cast<int>(ca));
+    return 1;
+  }
+  const bool available = IsLogDataSupported();
+  msg.SetDataValue(available ? 1 : 0, ST_SUCCESS);
+  EM_TRACE(2, "\nEM_OIDMAP           : Message Log %savailable!", available ? "" : "not ");
+  return 1;
 }

@@ -1,6 +1,7 @@
 // Start and re-scan: the cabinet list, the count opcode checks that fill the OID map
 // table and decide whether mapping is needed, the message log caches, the help-desk
 // text, the EM_IDENT probe, the SEL languages and the message-log scan tasks.
+#include <chrono>
 #include <string>
 #include <vector>
 
@@ -20,23 +21,47 @@ constexpr const char* kSeparator =
 uint32_t COidMapExtModule::Start(CIModuleHost* host, uint64_t context) {
   EM_TRACE(2, "%s", kSeparator);
   EM_TRACE(2, "\nEM_OIDMAP           : ## Start");
+  {
+    std::lock_guard<std::mutex> guard(start_mutex_);
+    start_running_ = true;
+    start_thread_ = std::this_thread::get_id();
+    start_running_flag_.store(true, std::memory_order_release);
+  }
+  // Whatever way start ends, waiting requests go on.
+  struct StartDone {
+    COidMapExtModule* self;
+    ~StartDone() {
+      std::lock_guard<std::mutex> guard(self->start_mutex_);
+      self->start_running_ = false;
+      self->start_running_flag_.store(false, std::memory_order_release);
+      self->start_done_.notify_all();
+    }
+  } start_done{this};
+
   CExtensionModule::Start(host, context);
   StartSerialization();
 
   mapping_needed_.store(false, std::memory_order_release);
+  active_table_.store(nullptr, std::memory_order_release);
   EM_TRACE(2, "\nEM_OIDMAP           : ## Server's cabinet number = %d",
            static_cast<int>(ServerCabinet()));
   BuildCabinetList();
 
+  tables_.push_back(std::make_unique<COidMapTable>());
+  COidMapTable& table = *tables_.back();
   const std::vector<uint32_t> cabinets = CabinetList();
   for (uint32_t cabinet : cabinets) {
     if (IsSwitchShutdown()) {
       break;
     }
-    CheckOidMapping(cabinet);
+    CheckOidMapping(table, cabinet);
     InitMessageLogCache(cabinet);
   }
   EM_TRACE(2, "\nEM_OIDMAP           : OID mapping %sneeded!", IsMappingNeeded() ? "" : "NOT ");
+  // Only a finished table is ever read by a translation.
+  if (IsMappingNeeded()) {
+    active_table_.store(&table, std::memory_order_release);
+  }
 
   ReadHelpDeskMessage();
   EM_TRACE(2, "\nEM_OIDMAP           : ## Start completed! ##");
@@ -75,7 +100,19 @@ void COidMapExtModule::BuildCabinetList() {
   cabinet_count_ = count;
 }
 
-void COidMapExtModule::CheckOidMapping(uint32_t cabinet) {
+bool COidMapExtModule::WaitForStartCompleted() {
+  if (!start_running_flag_.load(std::memory_order_acquire)) {
+    return true;
+  }
+  std::unique_lock<std::mutex> lock(start_mutex_);
+  if (start_thread_ == std::this_thread::get_id()) {
+    return true;  // a host that offers requests on the starting thread itself
+  }
+  return start_done_.wait_for(lock, std::chrono::milliseconds(kStartWaitMs),
+                              [this] { return !start_running_; });
+}
+
+void COidMapExtModule::CheckOidMapping(COidMapTable& table, uint32_t cabinet) {
   EM_TRACE(2, "\n                    :      Check OID mapping for cabinet %d",
            static_cast<int>(cabinet));
   already_requested_.clear();
@@ -105,7 +142,7 @@ void COidMapExtModule::CheckOidMapping(uint32_t cabinet) {
       ++valid;
       uint32_t n = 0;
       if (request.GetDataValue(i, n) && n != 0) {
-        map_table_.AddInstances(row->countOc, row->countOe, cabinet, request.GetKey(i, "MI"), n);
+        table.AddInstances(row->countOc, row->countOe, cabinet, request.GetKey(i, "MI"), n);
       }
     }
     EM_TRACE(3, "\nEM_OIDMAP           : %d valid replies received for count opcode 0x%04X-0x%04X",
@@ -170,12 +207,13 @@ void COidMapExtModule::ReadSelLanguages() {
   request.RemoveKey("OI");
   SendRequest(request, kSingleRequestTimeoutMs);
   const int32_t i = request.CurrentIndex();
-  if (!IsValidReplyStatus(request.GetStatus(i)) || !request.HasKey(i, "DA")) {
-    return;
-  }
   std::vector<uint8_t> bytes;
-  request.GetDataBytes(i, bytes);
+  if (IsValidReplyStatus(request.GetStatus(i)) && request.HasKey(i, "DA")) {
+    request.GetDataBytes(i, bytes);
+  }
+  // The set is what this answer reports: a language no longer reported is gone.
   std::lock_guard<std::mutex> guard(language_mutex_);
+  sel_languages_.clear();
   for (size_t b = 0; b + 1 < bytes.size(); b += 2) {  // an odd last byte is ignored
     const uint16_t id = static_cast<uint16_t>(bytes[b] | (bytes[b + 1] << 8));
     EM_TRACE(3, "\nEM_OIDMAP           : Supported SEL language: LangId 0x%X", id);

@@ -107,24 +107,37 @@ TEST_F(OidMapExtModuleTest, StatusesGivenAsText_CountAsValid) {
   EXPECT_EQ(5u, module.MapTable().Find(0x0300, 0, 0)->Count());
 }
 
-TEST_F(OidMapExtModuleTest, Rescan_IdentPresentSetsFallbackFromItsAnswer) {
+TEST_F(OidMapExtModuleTest, Rescan_FallbackAndLanguagesFollowTheLatestAnswers) {
   hostsim::SimHost host;
   hostsim::SimModule& ident = host.AddModule(kMidA);
   hostsim::ReplyRule probe;
   probe.oc = 0x0B18;
   probe.dataJson = "1";
+  hostsim::ReplyRule languages;
+  languages.oc = 0x0B20;
+  languages.dataJson = R"({"RAW":[9,4,7,4]})";
   ident.AddRule(probe);
+  ident.AddRule(languages);
   COidMapExtModule module;
   Start(host, module);
   module.Rescan();
   EXPECT_TRUE(module.IsKtasFallback());
   EXPECT_FALSE(hostsim::Sink().Contains("EM_IDENT not present"));
+  EXPECT_EQ((std::set<uint16_t>{0x407, 0x409}), module.SupportedSelLanguages());
 
   ident.ClearRules();
   probe.dataJson = "0";
+  languages.dataJson = R"({"RAW":[12,4]})";
   ident.AddRule(probe);
+  ident.AddRule(languages);
   module.Rescan();
   EXPECT_FALSE(module.IsKtasFallback());
+  EXPECT_EQ((std::set<uint16_t>{0x40C}), module.SupportedSelLanguages())
+      << "a language no longer reported is gone";
+
+  ident.ClearRules();
+  module.Rescan();
+  EXPECT_TRUE(module.SupportedSelLanguages().empty());
   module.Stop();
 }
 

@@ -1,0 +1,502 @@
+// Requests and replies through em_oidmap.so as a host sees them: forwarding to the module
+// that owns an instance, events turned back to the global index, merged broadcasts, bad
+// input, and requests on several host threads while start is still running.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <future>
+#include <mutex>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "E2EHost.h"
+#include "hostsim/Scenario.h"
+
+namespace {
+
+using e2e::kMidA;
+using e2e::kMidB;
+using hostsim::Sink;
+
+constexpr uint32_t kFanCount = 0x0300;
+constexpr uint32_t kFanGet = 0x0301;
+
+hostsim::ReplyRule Rule(uint32_t oc, std::optional<uint32_t> oi, uint32_t st,
+                        const std::string& da, uint32_t delayMs = 0) {
+  hostsim::ReplyRule rule;
+  rule.oc = oc;
+  rule.oi = oi;
+  rule.status = st;
+  rule.dataJson = da;
+  rule.delayMs = delayMs;
+  return rule;
+}
+
+// Every fan answers with its owner and local id, so a misrouted request shows.
+void AddFans(hostsim::SimModule& module, const char* owner, uint32_t count) {
+  module.SetInstanceCount(kFanCount, 0, 0, count);
+  for (uint32_t oi = 0; oi < count; ++oi) {
+    module.AddRule(Rule(kFanGet, oi, 0, "\"" + std::string(owner) + std::to_string(oi) + "\""));
+  }
+}
+
+std::string DataText(const SipJson& msg, int32_t i = 0) {
+  std::string text;
+  msg.GetDataString(i, text);
+  return text;
+}
+
+// A command a simulated module received, as a message.
+SipJson ReceivedCommand(const std::string& command) {
+  SipJson msg;
+  msg.Parse("{\"SIP\":{\"V\":1,\"CMD\":[" + command + "]}}");
+  return msg;
+}
+
+size_t SentWithOpcode(const hostsim::SimHost& host, uint32_t oc) {
+  size_t n = 0;
+  for (const auto& sent : host.SentRequests()) {
+    SipJson msg;
+    msg.Parse(sent.json);
+    if (msg.GetOpcode(sent.index) == oc) ++n;
+  }
+  return n;
+}
+
+class RequestE2ETest : public e2e::ModuleHostTest {
+ protected:
+  // Fans: A has 3 (global 0..2), B has 2 (global 3..4).
+  void StartWithFans() {
+    AddFans(host_.AddModule(kMidA), "A", 3);
+    AddFans(host_.AddModule(kMidB), "B", 2);
+    StartWithCabinets(0, {});
+  }
+
+  uint32_t Send(SipJson& msg) { return module_->OnRequest(msg); }
+};
+
+TEST_F(RequestE2ETest, TranslatedRequest_ForwardedOnceToOwnerAndAnsweredGlobally) {
+  StartWithFans();
+  ASSERT_TRUE(Sink().HasLine("\nEM_OIDMAP           : OID mapping needed!"));
+  host_.FindModule(kMidB)->ClearReceived();
+  host_.ClearRecords();
+
+  SipJson request(kFanGet, 0, 3, 0);
+  request.SetKey("CI", 77, true);
+  EXPECT_EQ(1u, Send(request));
+  EXPECT_EQ(0x00u, request.GetStatus(0));
+  EXPECT_EQ("B0", DataText(request));
+  EXPECT_EQ(3u, request.GetKey(0, "OI"));
+  EXPECT_FALSE(request.HasKey(0, "MI")) << "the client's view: no lower module id";
+  EXPECT_EQ(77u, request.GetKey(0, "CI"));
+
+  const auto received = host_.FindModule(kMidB)->Received();
+  ASSERT_EQ(1u, received.size());
+  const SipJson forwarded = ReceivedCommand(received[0]);
+  EXPECT_EQ(kMidB, forwarded.GetKey(0, "MI"));
+  EXPECT_EQ(0u, forwarded.GetKey(0, "OI"));
+  ASSERT_EQ(1u, host_.SentRequests().size());
+  EXPECT_EQ(5000u, host_.SentRequests()[0].timeoutMs);
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP (TRANSLAT): CABID 0000: OC 0x0301-0x0000 OID 0x0000 MID 0x00020001"));
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP (REPLY)   : CABID 0000: OC 0x0301-0x0000 OID 0x0003 MID 0x00020001 Stat 0x00"));
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP (RET)     : OC 0x0301-0x0000 OID 0x0003 CABID 0000 MID 0x00000000 Stat 0x00 "
+      "Len 3"));
+  EXPECT_TRUE(host_.HandedBackMessages().empty()) << "a reply is not an event";
+
+  // A request that already carries an answer is returned at once.
+  SipJson answered(kFanGet, 0, 1, 0);
+  answered.SetStatus(0x00);
+  answered.SetModuleId(kMidB);
+  EXPECT_EQ(1u, Send(answered));
+  EXPECT_EQ(1u, host_.SentRequests().size());
+}
+
+TEST_F(RequestE2ETest, ObjectIdsOfEveryKind_ReachTheirOwner) {
+  // Configuration value 0x71 counts through 0x0300; extended objects 0x0C00 with OE 0x1C06
+  // count through 0x0C21 with the OE's high byte.
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  hostsim::SimModule& b = host_.AddModule(kMidB);
+  a.SetInstanceCount(kFanCount, 0, 0, 3);
+  b.SetInstanceCount(kFanCount, 0, 0, 2);
+  a.SetInstanceCount(0x0C21, 0x1C, 0, 4);
+  b.SetInstanceCount(0x0C21, 0x1C, 0, 4);
+  for (hostsim::SimModule* m : {&a, &b}) {
+    const std::string owner = m == &a ? "A" : "B";
+    m->AddRule(Rule(0xE001, std::nullopt, 0, "\"" + owner + "-config\""));
+    m->AddRule(Rule(0x0C00, std::nullopt, 0, "\"" + owner + "-sensor\""));
+  }
+  StartWithCabinets(0, {});
+
+  struct Case {
+    uint32_t oc, oe, globalOi;
+    uint32_t owner, localOi;
+    const char* answer;
+  };
+  const Case cases[] = {
+      {0xE001, 0x71, 4, kMidB, 1, "B-config"},
+      {0xE001, 0x71, 2, kMidA, 2, "A-config"},
+      {0x0C00, 0x1C06, 5, kMidB, 1, "B-sensor"},
+      {0x0C00, 0x1C06, 0, kMidA, 0, "A-sensor"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << std::hex << "OC 0x" << c.oc << " OI " << c.globalOi);
+    (c.owner == kMidA ? a : b).ClearReceived();
+    SipJson request(c.oc, c.oe, c.globalOi, 0);
+    EXPECT_EQ(1u, Send(request));
+    EXPECT_EQ(c.answer, DataText(request));
+    EXPECT_EQ(c.globalOi, request.GetKey(0, "OI"));
+    const auto received = (c.owner == kMidA ? a : b).Received();
+    ASSERT_EQ(1u, received.size());
+    EXPECT_EQ(c.localOi, ReceivedCommand(received[0]).GetKey(0, "OI")) << received[0];
+  }
+}
+
+TEST_F(RequestE2ETest, CountRequest_AnsweredWithTheTotalInEightBits) {
+  struct Case {
+    uint32_t a, b, answer;
+  };
+  for (const Case& c : {Case{3, 2, 5}, Case{200, 56, 0}}) {
+    SCOPED_TRACE(c.a + c.b);
+    hostsim::SimHost host;
+    host.AddModule(kMidA).SetInstanceCount(kFanCount, 0, 0, c.a);
+    host.AddModule(kMidB).SetInstanceCount(kFanCount, 0, 0, c.b);
+    Create();
+    module_->SetServerCabinet(0);
+    module_->Start(&host, host.Attach(module_));
+    SipJson request(kFanCount, 0, 0, 0);
+    EXPECT_EQ(1u, Send(request));
+    uint32_t total = 99;
+    EXPECT_TRUE(request.GetDataValue(0, total));
+    EXPECT_EQ(c.answer, total);
+    EXPECT_EQ(0x00u, request.GetStatus(0));
+    EXPECT_EQ(1u, e2e::Lib().destroy());
+    module_ = nullptr;
+  }
+}
+
+TEST_F(RequestE2ETest, Event_ForwardedWithItsGlobalIndex) {
+  StartWithFans();
+  SipJson event(kFanGet, 0, 1, 0);  // B's second fan
+  host_.DeliverEventOnThread(kMidB, event);
+  const auto handed = host_.HandedBackMessages();
+  ASSERT_EQ(1u, handed.size());
+  EXPECT_EQ(4u, handed[0].message.GetKey(0, "OI"));
+  EXPECT_EQ(0xFFu, handed[0].statusDuringCall);
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP (REPLY)   : Forward translated event from MID 0x00020001"));
+}
+
+TEST_F(RequestE2ETest, ConfigurationReads_MergedByTheValuesRule) {
+  struct Case {
+    uint32_t oe;
+    std::vector<std::string> replies;  // DA of each module; "" answers ST 0x01
+    uint32_t st, value, length;
+  };
+  const Case cases[] = {
+      {0x31, {"0", "3"}, 0x00, 3, 8},      // RetryZeroAction: 3 outranks 0
+      {0x31, {"2", "2"}, 0x00, 2, 8},      // none of the list: 2
+      {0x31, {"0", "2"}, 0x00, 0, 8},      // 0 is on the list, 2 is not
+      {0x31, {"4", ""}, 0x00, 4, 8},       // one reply: its value
+      {0x32, {"300", "120"}, 0x00, 120, 2},  // ErrorOffRestartTime: minimum, 16 bits
+      {0x30, {"3", "5"}, 0x00, 3, 1},      // RebootRetryCounter: minimum, one byte
+      {0x77, {"0", "1"}, 0x00, 1, 8},      // TempCriticalBiosOff: any 1
+      {0x77, {"0", ""}, 0x00, 0, 8},
+      {0x11, {"\"3\"", "0"}, 0x00, 0, 8},  // a text is no value: only the 0 counts
+      {0x11, {"", ""}, 0x13, 0, 0},        // no valid reply
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "OE 0x" << std::hex << c.oe << " case " << &c - cases);
+    hostsim::SimHost host;
+    for (size_t m = 0; m < c.replies.size(); ++m) {
+      hostsim::SimModule& module = host.AddModule(m == 0 ? kMidA : kMidB);
+      if (!c.replies[m].empty()) module.SetConfigJson(c.oe, c.replies[m]);
+    }
+    Create();
+    module_->SetServerCabinet(0);
+    module_->Start(&host, host.Attach(module_));
+    SipJson request(0xE001, c.oe, 0, 0);
+    request.SetKey("CI", 9, true);
+    EXPECT_EQ(1u, Send(request));
+    EXPECT_EQ(c.st, request.GetStatus(0));
+    EXPECT_EQ(c.length, request.GetDataLength(0));
+    uint32_t value = 0;
+    if (c.st == 0) {
+      EXPECT_TRUE(request.GetDataValue(0, value));
+      EXPECT_EQ(c.value, value);
+    }
+    EXPECT_EQ(1u, request.CommandCount()) << "only the merged result reaches the client";
+    EXPECT_EQ(9u, request.GetKey(0, "CI"));
+    EXPECT_EQ(1u, e2e::Lib().destroy());
+    module_ = nullptr;
+  }
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP (MMR)     :   2 replies, use priority list; return value = 3"));
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP (MMR)     :   min reply data value found; return value = 120"));
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP (MMR)     :   no replies, CmdStatus=0x13"));
+}
+
+TEST_F(RequestE2ETest, WritesAndDeclines_ResultAndStatus) {
+  struct Case {
+    uint32_t oc, oe;
+    std::vector<std::pair<uint32_t, std::string>> replies;  // ST and DA of each module
+    uint32_t result, st;
+    bool broadcast;
+    const char* trace;
+  };
+  const Case cases[] = {
+      {0xE002, 0x315, {}, 0, 0x01, false,
+       "\nEM_OIDMAP (MMR)     : no broadcast - always handled by EM_THRESH"},
+      {0xE002, 0x1C05, {}, 0, 0x01, false,
+       "\nEM_OIDMAP (MMR)     : handled by EM_GABI - do not broadcast"},
+      {0xE002, 0x70, {}, 0, 0x01, false,
+       "\nEM_OIDMAP (MMR)     : handled by EM_GABI - do not broadcast"},
+      {0xE002, 0x00, {}, 1, 0x01, false, "\nEM_OIDMAP (MMR)     : handled by EM_IDENT"},
+      {0xE002, 0x40, {{0x18, ""}, {0x00, "1"}}, 1, 0x00, true, "\nEM_OIDMAP (MMR)     : Write 0x40"},
+      {0xE002, 0x40, {{0x18, ""}, {0x04, ""}}, 1, 0x04, true, nullptr},
+      {0xE002, 0x40, {{0x06, ""}, {0x18, ""}}, 1, 0x18, true, nullptr},
+      {0xE002, 0x40, {{0x06, ""}, {0x01, ""}}, 1, 0x06, true, nullptr},
+      {0xE002, 0x40, {{0x0F, ""}, {0x01, ""}}, 1, 0x13, true, nullptr},
+      {0x0310, 0, {{0x01, ""}, {0x00, "1"}}, 1, 0x00, true,
+       "\nEM_OIDMAP (MMR)     : write to ALL modules"},
+      {0x0310, 0, {{0x0F, ""}, {0x01, ""}}, 1, 0x0F, true, nullptr},
+      {0x0310, 0, {{0x01, ""}, {0x01, ""}}, 1, 0x01, true, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+    hostsim::SimHost host;
+    for (size_t m = 0; m < c.replies.size(); ++m) {
+      const auto& [st, da] = c.replies[m];
+      // A time-out: the module answers later than the request waits.
+      host.AddModule(m == 0 ? kMidA : kMidB)
+          .AddRule(Rule(c.oc, std::nullopt, st == 0x0F ? 0 : st, da, st == 0x0F ? 60000 : 0));
+    }
+    Sink().Clear();
+    Create();
+    module_->SetServerCabinet(0);
+    module_->Start(&host, host.Attach(module_));
+    host.ClearRecords();
+    SipJson request(c.oc, c.oe, 0, 0);
+    request.SetDataValue(7, 0x16);
+    EXPECT_EQ(c.result, Send(request));
+    EXPECT_EQ(c.st, request.GetStatus(0));
+    EXPECT_EQ(c.broadcast ? 1u : 0u, SentWithOpcode(host, c.oc));
+    if (c.oc == 0x0310) {
+      EXPECT_FALSE(request.HasKey(0, "DA"));
+    }
+    if (c.trace != nullptr) {
+      EXPECT_TRUE(Sink().HasLine(c.trace));
+    }
+    EXPECT_EQ(1u, Sink().Count("(RET)")) << "every way out is traced";
+    EXPECT_EQ(1u, e2e::Lib().destroy());
+    module_ = nullptr;
+  }
+}
+
+TEST_F(RequestE2ETest, LogEntryBroadcast_EveryModulesRecordsReachTheClient) {
+  // Two whole 12-byte records from A, one from B followed by a cut one, nothing from a
+  // module that does not keep a log.
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  a.AddRule(Rule(0x0B00, std::nullopt, 0,
+                 R"({"RAW":[1,4,0,0, 5,0,0,0, 0,0, 0,0, 2,4,0,0, 6,0,0,0, 0,0, 0,0]})"));
+  host_.AddModule(kMidB).AddRule(
+      Rule(0x0B00, std::nullopt, 0, R"({"RAW":[3,4,0,0, 7,0,0,0, 0,0, 0,0, 9,9,0,2, 1]})"));
+  host_.AddModule(0x00030001);
+  StartWithCabinets(0, {});
+  SipJson request(0x0B00, 0, 0, 0);
+  EXPECT_EQ(1u, Send(request));
+  EXPECT_EQ(0x00u, request.GetStatus(0));
+  std::vector<uint8_t> bytes;
+  ASSERT_TRUE(request.GetDataBytes(0, bytes));
+  ASSERT_EQ(36u, bytes.size());
+  EXPECT_EQ((std::vector<uint8_t>{1, 2, 3}),
+            (std::vector<uint8_t>{bytes[0], bytes[12], bytes[24]}));
+  EXPECT_EQ(150000u, host_.SentRequests().back().timeoutMs);
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP (MMR)     :   3 replies received, analysing..."));
+  EXPECT_EQ(2u, Sink().Count("got CM_LogEntry reply from MID"));
+}
+
+TEST_F(RequestE2ETest, BadInput_DefinedAnswersNoCrash) {
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  AddFans(a, "A", 3);
+  // A peer that claims 2^32-1 fans: start must neither hang nor map them all.
+  a.SetInstanceCount(0x0400, 0, 0, 0xFFFFFFFF);
+  AddFans(host_.AddModule(kMidB), "B", 2);
+  host_.FindModule(kMidB)->AddRule(Rule(0x0310, std::nullopt, 0, "1"));
+  StartWithCabinets(0, {});
+
+  struct Case {
+    std::string json;
+    int32_t index;
+    uint32_t result, st;
+    const char* answer;  // DA text, or nullptr
+  };
+  const Case cases[] = {
+      {R"({"SIP":{"V":1}})", 0, 0, 0x01, nullptr},                              // no CMD
+      {R"({"SIP":{"V":1,"CMD":{"OC":769}}})", 0, 0, 0x16, nullptr},             // CMD not an array
+      {R"({"SIP":{"V":1,"CMD":[{"OC":769,"OI":3}]}})", 4, 0, 0x01, nullptr},    // index past the end
+      {R"({"SIP":{"V":1,"CMD":[{"OC":769,"OI":3}]}})", -1, 0, 0x16, nullptr},   // negative index
+      {R"({"SIP":{"V":1,"CMD":[{"OC":"0x0301","OI":"4","CA":0}]}})", 0, 1, 0x00, "B1"},
+      {R"({"SIP":{"V":1,"CMD":[{"OC":769,"OI":[3],"CA":{}}]}})", 0, 1, 0x00, "A0"},
+      {R"({"SIP":{"V":1,"CMD":[{"OC":"0x0310","CA":0,"DA":"x"}]}})", 0, 1, 0x00, nullptr},
+      {R"({"SIP":{"V":1,"CMD":[{"OC":57345,"OE":49,"DA":"3"}]}})", 0, 1, 0x13, nullptr},
+      {R"({"SIP":{"V":1,"CMD":[7]}})", 0, 0, 0x16, nullptr},                    // command not an object
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.json);
+    SipJson msg;
+    ASSERT_TRUE(msg.Parse(c.json));
+    msg.SetCurrentIndex(c.index);
+    EXPECT_EQ(c.result, Send(msg));
+    EXPECT_EQ(c.st, msg.GetStatus(c.index));
+    if (c.answer != nullptr) {
+      EXPECT_EQ(c.answer, DataText(msg, c.index));
+    }
+  }
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP (REQ)     : OC 0x0310-0x0000 OID 0x0000 CABID 0000 MID 0x00000000 Stat 0x16 Len 2"))
+      << "an opcode sent as text is traced by its value";
+}
+
+TEST_F(RequestE2ETest, DemoScenario_EveryRequestAnswered) {
+  hostsim::Scenario demo;
+  std::string error;
+  ASSERT_TRUE(demo.Load(EM_DEMO_SCENARIO, error)) << error;
+  demo.ApplyTo(host_);
+  StartWithCabinets(demo.serverCabinet, demo.seCabinets);
+  module_->Rescan();
+  for (const hostsim::ScenarioRequest& request : demo.requests) {
+    SipJson msg = request.ToMessage();
+    SCOPED_TRACE(msg.Serialize());
+    EXPECT_EQ(1u, Send(msg));
+    EXPECT_EQ(0x00u, msg.GetStatus(0));
+  }
+}
+
+// A host whose hand-back fails: the reply handler must report it and stay usable.
+class ThrowingHandBackHost : public hostsim::SimHost {
+ public:
+  uint32_t HandBack(CIExtensionModule* module, SipJson& msg) override {
+    if (msg.GetOpcode(msg.CurrentIndex()) == 0x0B03) throw std::runtime_error("host failure");
+    return SimHost::HandBack(module, msg);
+  }
+};
+
+TEST_F(RequestE2ETest, ExceptionInReplyHandler_BannerAndNoLockLeftHeld) {
+  ThrowingHandBackHost host;
+  host.AddModule(kMidA).AddRule(Rule(0x0B03, std::nullopt, 0, "1"));
+  Create();
+  module_->SetServerCabinet(3);
+  module_->Start(&host, host.Attach(module_));
+
+  SipJson cleared(0x0B03, 0, 0, 3);
+  host.DeliverEventOnThread(kMidA, cleared);
+  const std::string stars(96, '*');
+  EXPECT_TRUE(Sink().HasLine("\n\n" + stars));
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP           : CAB 0003: FATAL ERROR! EXCEPTION in Reply Handler at OpCode 0x0B03!"));
+  EXPECT_TRUE(Sink().HasLine("\n" + stars + "\n"));
+
+  // Another thread clears the same cabinet's cache: it needs the cache lock.
+  auto clear = std::async(std::launch::async, [&] {
+    SipJson request(0x0B03, 0, 0, 3);
+    module_->OnRequest(request);
+    return request.GetStatus(0);
+  });
+  ASSERT_EQ(std::future_status::ready, clear.wait_for(std::chrono::seconds(20)));
+  EXPECT_EQ(0x00u, clear.get());
+  EXPECT_EQ(1u, e2e::Lib().destroy());  // before the local host goes
+  module_ = nullptr;
+}
+
+TEST_F(RequestE2ETest, ConcurrentRequestsAndEvents_WhileStartIsRunning) {
+  AddFans(host_.AddModule(kMidA), "A", 3);
+  AddFans(host_.AddModule(kMidB), "B", 2);
+  host_.FindModule(kMidA)->SetConfigValue(0x31, 3);
+  host_.FindModule(kMidB)->SetConfigValue(0x31, 0);
+
+  // Start's first count broadcast is held until every request thread is on its way.
+  std::mutex gate_mutex;
+  std::condition_variable gate;
+  bool start_entered = false;
+  int ready_threads = 0;
+  constexpr int kRequestThreads = 4;
+  std::atomic<bool> hold_start{true};
+  host_.SetRequestHook([&](const SipJson&) {
+    if (!hold_start.exchange(false)) return;
+    std::unique_lock<std::mutex> lock(gate_mutex);
+    start_entered = true;
+    gate.notify_all();
+    gate.wait_for(lock, std::chrono::seconds(10), [&] { return ready_threads == kRequestThreads; });
+    // Let the request threads reach the module before start goes on.
+    gate.wait_for(lock, std::chrono::milliseconds(100), [] { return false; });
+  });
+
+  Create();
+  module_->SetServerCabinet(0);
+  std::atomic<bool> started{false};
+  std::thread starter([&] {
+    module_->Start(&host_, host_.Attach(module_));
+    started = true;
+  });
+  {
+    std::unique_lock<std::mutex> lock(gate_mutex);
+    ASSERT_TRUE(gate.wait_for(lock, std::chrono::seconds(10), [&] { return start_entered; }));
+  }
+
+  constexpr int kRounds = 40;
+  const char* const kOwners[] = {"A0", "A1", "A2", "B0", "B1"};
+  std::atomic<int> wrong{0};
+  std::atomic<int> before_start_done{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < kRequestThreads; ++t) {
+    threads.emplace_back([&, t] {
+      {
+        std::lock_guard<std::mutex> lock(gate_mutex);
+        ++ready_threads;
+        gate.notify_all();
+      }
+      for (int round = 0; round < kRounds; ++round) {
+        if (!started) ++before_start_done;
+        const uint32_t oi = static_cast<uint32_t>((t + round) % 5);
+        SipJson request(kFanGet, 0, oi, 0);
+        if (module_->OnRequest(request) != 1 || DataText(request) != kOwners[oi] ||
+            request.GetKey(0, "OI") != oi) {
+          ++wrong;
+        }
+        SipJson read(0xE001, 0x31, 0, 0);
+        uint32_t value = 0;
+        if (module_->OnRequest(read) != 1 || !read.GetDataValue(0, value) || value != 3) ++wrong;
+      }
+    });
+  }
+  std::atomic<int> late_events_wrong{0};
+  int late_events = 0;
+  std::thread events([&] {
+    for (int round = 0; round < kRounds * 2; ++round) {
+      const bool after_start = started;
+      SipJson event = host_.DeliverEvent(kMidB, SipJson(kFanGet, 0, 1, 0));
+      if (after_start) {
+        ++late_events;
+        if (event.GetKey(0, "OI") != 4) ++late_events_wrong;
+      }
+    }
+  });
+  for (auto& thread : threads) thread.join();
+  events.join();
+  starter.join();
+
+  EXPECT_EQ(0, wrong.load());
+  EXPECT_GT(before_start_done.load(), 0) << "some requests were sent while start ran";
+  EXPECT_EQ(0, late_events_wrong.load()) << "of " << late_events << " events after start";
+}
+
+}  // namespace
