@@ -69,12 +69,12 @@ struct Token {
 // Walks `format` once, handing each run of literal text to `literal(data, length)` and
 // each placeholder to `placeholder(token)`; allocates nothing.
 template <typename Literal, typename Placeholder>
-void ScanFormat(const std::string& format, Literal literal, Placeholder placeholder) {
+void ScanFormat(std::string_view format, Literal literal, Placeholder placeholder) {
   const size_t size = format.size();
   size_t i = 0;
   while (i < size) {
     const size_t percent = format.find('%', i);
-    if (percent == std::string::npos) {
+    if (percent == std::string_view::npos) {
       literal(format.data() + i, size - i);
       break;
     }
@@ -108,7 +108,7 @@ void ScanFormat(const std::string& format, Literal literal, Placeholder placehol
 
 // Fills `format`; `argument(token, text)` appends the text of an argument placeholder.
 template <typename RenderArgument>
-std::string Render(const std::string& format, const std::string& designation,
+std::string Render(std::string_view format, const std::string& designation,
                    RenderArgument argument) {
   std::string text;
   text.reserve(format.size() + 32);
@@ -125,7 +125,7 @@ std::string Render(const std::string& format, const std::string& designation,
 
 }  // namespace
 
-std::string CLogMsgDecoder::FillFormat(const std::string& format,
+std::string CLogMsgDecoder::FillFormat(std::string_view format,
                                        const std::vector<Argument>& args,
                                        const std::string& designation, LogMsgFormat logFormat,
                                        bool argsNotSet) {
@@ -142,7 +142,8 @@ std::string CLogMsgDecoder::FillFormat(const std::string& format,
     for (const Argument& arg : args) present += arg.present ? 1 : 0;
     EM_TRACE(5, "\nCLogMsgDecoder      : Format %s SEL message:",
              logFormat == LogMsgFormat::kUnified ? "Unified" : "old style");
-    EM_TRACE(5, "\nCLogMsgDecoder      :   Message format string: \"%s\"", format.c_str());
+    EM_TRACE(5, "\nCLogMsgDecoder      :   Message format string: \"%s\"",
+             std::string(format).c_str());
     EM_TRACE(5, "\nCLogMsgDecoder      :   Message arguments (%d):", present);
     for (size_t k = 0; k < args.size(); ++k) {
       if (!args[k].present) continue;
@@ -173,10 +174,11 @@ std::string CLogMsgDecoder::FillFormat(const std::string& format,
   });
 }
 
-std::string CLogMsgDecoder::FillTextArguments(const std::string& format,
+std::string CLogMsgDecoder::FillTextArguments(std::string_view format,
                                               const std::map<int32_t, std::string>& args) {
   EM_TRACE(5, "\nCLogMsgDecoder      : Format %s SEL message:", "Unified");
-  EM_TRACE(5, "\nCLogMsgDecoder      :   Message format string: \"%s\"", format.c_str());
+  EM_TRACE(5, "\nCLogMsgDecoder      :   Message format string: \"%s\"",
+           std::string(format).c_str());
   EM_TRACE(5, "\nCLogMsgDecoder      :   Message arguments (%d):", static_cast<int>(args.size()));
   if (TraceClient().IsTraceActive()) {
     for (const auto& arg : args)
@@ -284,12 +286,12 @@ int32_t CLogMsgDecoder::Decode(const uint8_t* record, size_t length, std::string
           CollectArguments(record, length, errorCode, languageName ? languageName : "");
 
       const std::string codeText = ErrorCodeText(errorCode, format_);
-      const std::string format =
-          file_ ? file_->SearchMessage(codeText, shortText ? kKeyShortMsg : kKeyLongMsg,
-                                       languageName, 0)
-                : std::string();
+      const std::string_view format =
+          file_ ? file_->FindMessage(codeText, shortText ? kKeyShortMsg : kKeyLongMsg,
+                                     languageName, 0)
+                : std::string_view();
       EM_TRACE(4, "\nCLogMsgDecoder      :  %s Message: \"%s\"", shortText ? "Short" : "Long",
-               format.c_str());
+               std::string(format).c_str());
 
       if (format.empty()) {
         text = FallbackText(errorCode, args, shortText);

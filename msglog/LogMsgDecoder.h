@@ -19,6 +19,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -57,7 +58,7 @@ class CLogMsgDecoder {
 
   // Fills `format` with `args`. `argsNotSet` renders every argument placeholder as
   // "<not set>". Never interprets `format` through printf.
-  static std::string FillFormat(const std::string& format, const std::vector<Argument>& args,
+  static std::string FillFormat(std::string_view format, const std::vector<Argument>& args,
                                 const std::string& designation, LogMsgFormat logFormat,
                                 bool argsNotSet);
 
@@ -65,7 +66,7 @@ class CLogMsgDecoder {
   // conversion letter) renders string N as it stands, "%NS" in double quotes, "%D"
   // string 0 (the designation, when the entry has one); a string the entry lacks shows as
   // "<?N>" / "<?D>". Never interprets `format` through printf.
-  static std::string FillTextArguments(const std::string& format,
+  static std::string FillTextArguments(std::string_view format,
                                        const std::map<int32_t, std::string>& args);
 
  private:

@@ -13,8 +13,11 @@
 
 namespace {
 
-bool EqualsIgnoringCase(const std::string& a, const char* b) {
-  return b != nullptr && strcasecmp(a.c_str(), b) == 0;
+// Text offsets in the index are 32 bits wide; a message file is a few megabytes.
+constexpr size_t kMaxIndexedChars = size_t{1} << 30;
+
+bool EqualsIgnoringCase(std::string_view a, const char* b) {
+  return b != nullptr && strncasecmp(a.data(), b, a.size()) == 0 && b[a.size()] == '\0';
 }
 
 bool IsRegularFile(const std::string& path) {
@@ -52,51 +55,84 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
   }
   CXmlDocument walk(root);
   if (!walk.FindElem("Events") || !walk.IntoElem()) return;
-  std::vector<std::string> codes;
+  std::vector<std::pair<std::string, Event>> events;
   std::unordered_set<std::string> seen;
   while (walk.FindElem("Event")) {
+    if (chars_.size() > kMaxIndexedChars) {
+      EM_TRACE(1, "\nCLogMsgXmlFileImpl  : ## ERROR \"%s\" holds more text than is indexed; "
+                  "later events are not found", path_.c_str());
+      break;
+    }
     // The first Event of a code is the one searches find; later ones are never reached.
     std::string code = LowerCase(walk.GetAttrib("ErrorCode"));
     if (!seen.insert(code).second || !walk.IntoElem()) continue;
-    std::vector<Messages> event;
+    Event event;
+    event.firstMessages = static_cast<uint32_t>(messages_.size());
     while (walk.FindElem("Messages")) {
       Messages messages;
-      messages.lang = walk.GetAttrib("lang");
+      messages.lang = Intern(langs_, LowerCase(walk.GetAttrib("lang")));
+      messages.firstElement = static_cast<uint32_t>(elements_.size());
       if (walk.IntoElem()) {
-        while (walk.FindElem()) messages.texts.emplace_back(walk.GetTagName(), walk.GetData());
+        while (walk.FindElem())
+          elements_.push_back({Intern(names_, walk.GetTagName()), Add(walk.GetData())});
         walk.OutOfElem();
       }
-      event.push_back(std::move(messages));
+      messages.elementCount = static_cast<uint32_t>(elements_.size()) - messages.firstElement;
+      messages_.push_back(messages);
+      ++event.messagesCount;
     }
     walk.OutOfElem();
-    codes.push_back(std::move(code));
-    events_.push_back(std::move(event));
+    events.emplace_back(std::move(code), event);
   }
-  event_index_.reserve(codes.size());
-  for (uint32_t i = 0; i < codes.size(); ++i) event_index_.emplace(std::move(codes[i]), i);
+  // Inserted after the walk so that the index's nodes lie together in memory.
+  events_.reserve(events.size());
+  for (auto& event : events) events_.emplace(std::move(event.first), event.second);
+}
+
+uint32_t CLogMsgXmlFileImpl::Intern(Ids& ids, std::string text) {
+  const uint32_t next = static_cast<uint32_t>(ids.size());
+  return ids.emplace(std::move(text), next).first->second;
+}
+
+CLogMsgXmlFileImpl::Text CLogMsgXmlFileImpl::Add(const std::string& text) {
+  Text piece;
+  piece.offset = static_cast<uint32_t>(chars_.size());
+  piece.length = static_cast<uint32_t>(text.size());
+  chars_ += text;
+  return piece;
 }
 
 std::string CLogMsgXmlFileImpl::SearchMessage(const std::string& errorCode, const char* key,
                                               const char* lang, int index) const {
+  return std::string(FindMessage(errorCode, key, lang, index));
+}
+
+std::string_view CLogMsgXmlFileImpl::FindMessage(const std::string& errorCode, const char* key,
+                                                 const char* lang, int index) const {
   if (lang == nullptr) lang = "en";
   if (key == nullptr) key = "";
   EM_TRACE(4,
            "\nCLogMsgXmlFileImpl  : Search message for error code %s (Key: \"%s\" Lang: "
            "\"%s\" Index %d)",
            errorCode.c_str(), key, lang, index);
-  if (index < 0 || *key == '\0') return std::string();
+  if (index < 0 || *key == '\0') return std::string_view();
 
-  const auto event = event_index_.find(LowerCase(errorCode));
-  if (event == event_index_.end()) return std::string();
-  for (const Messages& messages : events_[event->second]) {
-    if (!EqualsIgnoringCase(messages.lang, lang)) continue;
+  const auto event = events_.find(LowerCase(errorCode));
+  if (event == events_.end()) return std::string_view();
+  const auto langId = langs_.find(LowerCase(lang));
+  const auto nameId = names_.find(key);
+  if (langId == langs_.end() || nameId == names_.end()) return std::string_view();
+  const Messages* messages = &messages_[event->second.firstMessages];
+  for (uint32_t m = 0; m < event->second.messagesCount; ++m, ++messages) {
+    if (messages->lang != langId->second) continue;
+    const Element* element = &elements_[messages->firstElement];
     int count = 0;
-    for (const auto& text : messages.texts) {
-      if (text.first == key && count++ == index) return text.second;
+    for (uint32_t e = 0; e < messages->elementCount; ++e, ++element) {
+      if (element->name == nameId->second && count++ == index) return View(element->text);
     }
     break;  // only the first Messages element of the language counts
   }
-  return std::string();
+  return std::string_view();
 }
 
 std::string ErrorCodeText(uint32_t errorCode, LogMsgFormat format) {

@@ -33,6 +33,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
@@ -61,9 +62,10 @@ constexpr const char* kKeyResolution = "Resolution";
 
 // One loaded message file, kept as an index of its texts: the first Event of each error
 // code (lower-cased) with its Messages elements and their text elements in document order,
-// and the LanguageTable. The parsed document itself is dropped once the index is built, so
-// a lookup touches a few small objects instead of walking the tree. Immutable once built;
-// every const member may be called from several threads at the same time.
+// and the LanguageTable. The parsed document itself is dropped once the index is built.
+// An event's names and texts lie together in one buffer, so a lookup touches a few
+// neighbouring cache lines instead of walking the tree. Immutable once built; every const
+// member may be called from several threads at the same time.
 class CLogMsgXmlFileImpl {
  public:
   // Indexes `doc` (which must be loaded); `path` is the file it came from (empty for a
@@ -76,6 +78,9 @@ class CLogMsgXmlFileImpl {
   // there is no fall-back to another language or to a later Event or Messages element.
   std::string SearchMessage(const std::string& errorCode, const char* key, const char* lang,
                             int index) const;
+  // The same text without a copy; it stays valid while this object lives.
+  std::string_view FindMessage(const std::string& errorCode, const char* key, const char* lang,
+                               int index) const;
 
   // The language name of the LanguageTable entry whose locale equals "0x%X" of
   // `langId`, ignoring case; "en" without a table or a match.
@@ -84,20 +89,42 @@ class CLogMsgXmlFileImpl {
   const std::string& Path() const { return path_; }
 
  private:
+  struct Text {  // a piece of chars_
+    uint32_t offset = 0;
+    uint32_t length = 0;
+  };
+  struct Element {  // a text element of a Messages element
+    uint32_t name = 0;  // in names_
+    Text text;
+  };
   struct Messages {
-    std::string lang;
-    std::vector<std::pair<std::string, std::string>> texts;  // (element name, text)
+    uint32_t lang = 0;  // in langs_
+    uint32_t firstElement = 0;
+    uint32_t elementCount = 0;
+  };
+  struct Event {
+    uint32_t firstMessages = 0;
+    uint32_t messagesCount = 0;
   };
   struct Language {
     std::string locale;
     std::string name;
   };
+  // Gives each distinct string a number; an event's records then hold numbers, and a
+  // search compares numbers instead of reading names from memory far away.
+  using Ids = std::unordered_map<std::string, uint32_t>;
+
+  static uint32_t Intern(Ids& ids, std::string text);
+  Text Add(const std::string& text);
+  std::string_view View(Text text) const { return {chars_.data() + text.offset, text.length}; }
 
   std::string path_;
-  std::vector<std::vector<Messages>> events_;  // in document order, one per code
-  // Lower-cased code -> index into events_. Built after events_ so that its nodes lie
-  // together in memory and a lookup stays in cache.
-  std::unordered_map<std::string, uint32_t> event_index_;
+  std::string chars_;  // every text of the events, in document order
+  std::vector<Element> elements_;
+  std::vector<Messages> messages_;
+  std::unordered_map<std::string, Event> events_;  // by lower-cased code
+  Ids names_;  // element names, as written
+  Ids langs_;  // Messages languages, lower-cased
   std::vector<Language> languages_;
 };
 

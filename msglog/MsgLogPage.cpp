@@ -104,8 +104,8 @@ class PageTranslator {
     }
     *shortCode = ShortCodeOfUnified(entry.ErrorCode);
     if (unified_.doc) {
-      const std::string format =
-          unified_.doc->SearchMessage(ErrorCodeText(entry.ErrorCode, LogMsgFormat::kUnified),
+      const std::string_view format =
+          unified_.doc->FindMessage(ErrorCodeText(entry.ErrorCode, LogMsgFormat::kUnified),
                                       kKeyLongMsg, unified_.language.c_str(), 0);
       if (!format.empty()) return CLogMsgDecoder::FillTextArguments(format, entry.Arguments);
     }
