@@ -59,77 +59,91 @@ std::string ValueAsText(uint32_t value) {
   return text;
 }
 
-// One piece of a parsed format string.
+// A placeholder of a format string.
 struct Token {
-  enum Kind { kLiteral, kArgument, kDesignation } kind = kLiteral;
-  std::string text;     // kLiteral
-  size_t number = 0;    // kArgument
+  enum Kind { kArgument, kDesignation } kind = kArgument;
+  size_t number = 0;      // kArgument
   char conversion = 'u';  // kArgument: 'u' decimal, 'X' hexadecimal, 'S' quoted text
 };
 
-std::vector<Token> ParseFormat(const std::string& format) {
-  std::vector<Token> tokens;
-  auto literal = [&tokens](const std::string& text) {
-    if (tokens.empty() || tokens.back().kind != Token::kLiteral) tokens.push_back(Token());
-    tokens.back().text += text;
-  };
+// Walks `format` once, handing each run of literal text to `literal(data, length)` and
+// each placeholder to `placeholder(token)`; allocates nothing.
+template <typename Literal, typename Placeholder>
+void ScanFormat(std::string_view format, Literal literal, Placeholder placeholder) {
+  const size_t size = format.size();
   size_t i = 0;
-  while (i < format.size()) {
+  while (i < size) {
     const size_t percent = format.find('%', i);
-    if (percent == std::string::npos) {
-      literal(format.substr(i));
+    if (percent == std::string_view::npos) {
+      literal(format.data() + i, size - i);
       break;
     }
-    literal(format.substr(i, percent - i));
+    literal(format.data() + i, percent - i);
     i = percent + 1;
-    if (i < format.size() && format[i] == '%') {
-      literal("%");
+    if (i < size && format[i] == '%') {
+      literal("%", 1);
       ++i;
-    } else if (i < format.size() && format[i] == 'D') {
+    } else if (i < size && format[i] == 'D') {
       Token token;
       token.kind = Token::kDesignation;
-      tokens.push_back(token);
+      placeholder(token);
       ++i;
-    } else if (i < format.size() && format[i] >= '0' && format[i] <= '9') {
+    } else if (i < size && format[i] >= '0' && format[i] <= '9') {
       Token token;
-      token.kind = Token::kArgument;
-      for (size_t digits = 0; digits < kMaxPlaceholderDigits && i < format.size() &&
-                              format[i] >= '0' && format[i] <= '9';
+      for (size_t digits = 0;
+           digits < kMaxPlaceholderDigits && i < size && format[i] >= '0' && format[i] <= '9';
            ++digits, ++i) {
         token.number = token.number * 10 + static_cast<size_t>(format[i] - '0');
       }
-      if (i < format.size() && (format[i] == 'u' || format[i] == 'X' || format[i] == 'S')) {
+      if (i < size && (format[i] == 'u' || format[i] == 'X' || format[i] == 'S')) {
         token.conversion = format[i++];
       }
-      tokens.push_back(token);
+      placeholder(token);
     } else {
       // Not ours (e.g. "%HD%", "50 %"): keep it as written.
-      literal("%");
+      literal("%", 1);
     }
   }
-  return tokens;
+}
+
+// Fills `format`; `argument(token, text)` appends the text of an argument placeholder.
+template <typename RenderArgument>
+std::string Render(std::string_view format, const std::string& designation,
+                   RenderArgument argument) {
+  std::string text;
+  text.reserve(format.size() + 32);
+  ScanFormat(
+      format, [&text](const char* data, size_t length) { text.append(data, length); },
+      [&](const Token& token) {
+        if (token.kind == Token::kArgument)
+          argument(token, text);
+        else
+          text += designation.empty() ? std::string("<?D>") : designation;
+      });
+  return text;
 }
 
 }  // namespace
 
-std::string CLogMsgDecoder::FillFormat(const std::string& format,
+std::string CLogMsgDecoder::FillFormat(std::string_view format,
                                        const std::vector<Argument>& args,
                                        const std::string& designation, LogMsgFormat logFormat,
                                        bool argsNotSet) {
-  const std::vector<Token> tokens = ParseFormat(format);
-
   if (TraceClient().IsTraceActive()) {
     std::vector<bool> asText(args.size(), false);
     int present = 0;
-    for (const Token& token : tokens) {
-      if (token.kind == Token::kArgument && token.conversion == 'S' &&
-          token.number < args.size())
-        asText[token.number] = true;
-    }
+    ScanFormat(
+        format, [](const char*, size_t) {},
+        [&asText](const Token& token) {
+          if (token.kind == Token::kArgument && token.conversion == 'S' &&
+              token.number < asText.size())
+            asText[token.number] = true;
+        });
     for (const Argument& arg : args) present += arg.present ? 1 : 0;
     EM_TRACE(5, "\nCLogMsgDecoder      : Format %s SEL message:",
              logFormat == LogMsgFormat::kUnified ? "Unified" : "old style");
-    EM_TRACE(5, "\nCLogMsgDecoder      :   Message format string: \"%s\"", format.c_str());
+    EM_TRACE(5, "\nCLogMsgDecoder      :   Message format string: \"%s\"",
+             std::string(format).c_str());
     EM_TRACE(5, "\nCLogMsgDecoder      :   Message arguments (%d):", present);
     for (size_t k = 0; k < args.size(); ++k) {
       if (!args[k].present) continue;
@@ -143,31 +157,48 @@ std::string CLogMsgDecoder::FillFormat(const std::string& format,
     }
   }
 
-  std::string text;
-  for (const Token& token : tokens) {
-    switch (token.kind) {
-      case Token::kLiteral:
-        text += token.text;
-        break;
-      case Token::kDesignation:
-        text += designation.empty() ? std::string("<?D>") : designation;
-        break;
-      case Token::kArgument:
-        if (argsNotSet) {
-          text += "<not set>";
-        } else if (token.number >= args.size() || !args[token.number].present) {
-          text += MissingArgument(token.number);
-        } else if (token.conversion == 'X') {
-          text += Hex(args[token.number].value);
-        } else if (token.conversion == 'S') {
-          text += "\"" + ValueAsText(args[token.number].value) + "\"";
-        } else {
-          text += std::to_string(args[token.number].value);
-        }
-        break;
+  return Render(format, designation, [&](const Token& token, std::string& text) {
+    if (argsNotSet) {
+      text += "<not set>";
+    } else if (token.number >= args.size() || !args[token.number].present) {
+      text += MissingArgument(token.number);
+    } else if (token.conversion == 'X') {
+      text += Hex(args[token.number].value);
+    } else if (token.conversion == 'S') {
+      text += '"';
+      text += ValueAsText(args[token.number].value);
+      text += '"';
+    } else {
+      text += std::to_string(args[token.number].value);
     }
+  });
+}
+
+std::string CLogMsgDecoder::FillTextArguments(std::string_view format,
+                                              const std::map<int32_t, std::string>& args) {
+  EM_TRACE(5, "\nCLogMsgDecoder      : Format %s SEL message:", "Unified");
+  EM_TRACE(5, "\nCLogMsgDecoder      :   Message format string: \"%s\"",
+           std::string(format).c_str());
+  EM_TRACE(5, "\nCLogMsgDecoder      :   Message arguments (%d):", static_cast<int>(args.size()));
+  if (TraceClient().IsTraceActive()) {
+    for (const auto& arg : args)
+      EM_TRACE(5, "\nCLogMsgDecoder      :     Arg[%d]: \"%s\"", arg.first, arg.second.c_str());
   }
-  return text;
+  const auto designation = args.find(0);
+  const std::string none;
+  return Render(format, designation == args.end() ? none : designation->second,
+                [&args](const Token& token, std::string& text) {
+                  const auto arg = args.find(static_cast<int32_t>(token.number));
+                  if (arg == args.end()) {
+                    text += MissingArgument(token.number);
+                  } else if (token.conversion == 'S') {
+                    text += '"';
+                    text += arg->second;
+                    text += '"';
+                  } else {
+                    text += arg->second;
+                  }
+                });
 }
 
 std::vector<CLogMsgDecoder::Argument> CLogMsgDecoder::CollectArguments(
@@ -254,14 +285,13 @@ int32_t CLogMsgDecoder::Decode(const uint8_t* record, size_t length, std::string
       const std::vector<Argument> args =
           CollectArguments(record, length, errorCode, languageName ? languageName : "");
 
-      char codeText[16];
-      snprintf(codeText, sizeof(codeText), unified ? "0x%06X" : "0x%04X", errorCode);
-      const std::string format =
-          file_ ? file_->SearchMessage(codeText, shortText ? kKeyShortMsg : kKeyLongMsg,
-                                       languageName, 0)
-                : std::string();
+      const std::string codeText = ErrorCodeText(errorCode, format_);
+      const std::string_view format =
+          file_ ? file_->FindMessage(codeText, shortText ? kKeyShortMsg : kKeyLongMsg,
+                                     languageName, 0)
+                : std::string_view();
       EM_TRACE(4, "\nCLogMsgDecoder      :  %s Message: \"%s\"", shortText ? "Short" : "Long",
-               format.c_str());
+               std::string(format).c_str());
 
       if (format.empty()) {
         text = FallbackText(errorCode, args, shortText);

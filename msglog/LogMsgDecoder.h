@@ -9,15 +9,18 @@
 //
 // The placeholder syntax of format strings is described in docs/message-format.md.
 //
-// Ownership and threads: the decoder keeps a pointer to the message file, which must
-// outlive it. Decode is const and uses only const members of the file, so one decoder
-// may decode on several threads at once.
+// Ownership and threads: the decoder shares the message document that was loaded when it
+// was made; a later reload of the file does not change what it decodes with. Decode is
+// const and the document immutable, so one decoder may decode on several threads at once.
 #ifndef EM_MSGLOG_LOGMSGDECODER_H
 #define EM_MSGLOG_LOGMSGDECODER_H
 
 #include <cstddef>
 #include <cstdint>
+#include <map>
 #include <string>
+#include <string_view>
+#include <utility>
 #include <vector>
 
 #include "msglog/LogMsgFile.h"
@@ -30,8 +33,11 @@ constexpr uint16_t kArgsNotSetMarker = 0xCCCC;
 class CLogMsgDecoder {
  public:
   // `file` may be null: every lookup then yields no text and the fallback text results.
-  CLogMsgDecoder(const CLogMsgFile* file, LogMsgFormat format) : file_(file), format_(format) {}
-  CLogMsgDecoder(const CLogMsgFile& file, LogMsgFormat format) : file_(&file), format_(format) {}
+  CLogMsgDecoder(CLogMsgFile::Document file, LogMsgFormat format)
+      : file_(std::move(file)), format_(format) {}
+  // Decodes with the document `file` holds now.
+  CLogMsgDecoder(const CLogMsgFile& file, LogMsgFormat format)
+      : file_(file.CurrentDocument()), format_(format) {}
 
   // Appends the text of the `length` bytes at `record` to `out` (never clears it).
   // `withCodePrefix` puts "[<code digits>] " first; `shortText` uses the ShortMsg text
@@ -52,9 +58,16 @@ class CLogMsgDecoder {
 
   // Fills `format` with `args`. `argsNotSet` renders every argument placeholder as
   // "<not set>". Never interprets `format` through printf.
-  static std::string FillFormat(const std::string& format, const std::vector<Argument>& args,
+  static std::string FillFormat(std::string_view format, const std::vector<Argument>& args,
                                 const std::string& designation, LogMsgFormat logFormat,
                                 bool argsNotSet);
+
+  // Fills `format` with the argument strings of a unified entry: "%N" (with any
+  // conversion letter) renders string N as it stands, "%NS" in double quotes, "%D"
+  // string 0 (the designation, when the entry has one); a string the entry lacks shows as
+  // "<?N>" / "<?D>". Never interprets `format` through printf.
+  static std::string FillTextArguments(std::string_view format,
+                                       const std::map<int32_t, std::string>& args);
 
  private:
   std::vector<Argument> CollectArguments(const uint8_t* record, size_t length,
@@ -62,7 +75,7 @@ class CLogMsgDecoder {
   std::string FallbackText(uint32_t errorCode, const std::vector<Argument>& args,
                            bool shortText) const;
 
-  const CLogMsgFile* file_;
+  CLogMsgFile::Document file_;
   LogMsgFormat format_;
 };
 

@@ -15,16 +15,28 @@
 //   </EventMsg>
 // Several elements of one kind inside Messages are that kind's paragraphs, in order.
 //
-// Thread safety: Open and OpenFromText change the object and must not run while another
-// thread uses it. Once a file is open, the const members (SearchMessage, LanguageName)
-// may be called from several threads at the same time: each search walks its own cursor
-// over the shared, read-only document.
+// Loading: a file is parsed once and kept while its path, modification time, size and
+// inode stay the same; each Open re-checks them with one stat and parses again only when
+// one changed. Every Event is entered into an index by its ErrorCode when the file is
+// loaded, so a search does not walk the Events.
+//
+// Thread safety: CLogMsgFile may be used from several threads at once. A loaded document
+// (CLogMsgXmlFileImpl) is immutable and handed out as a shared_ptr<const>; Open swaps the
+// object's current document under a mutex, so a reader that took one keeps a consistent
+// document however often the file is reloaded meanwhile.
 #ifndef EM_MSGLOG_LOGMSGFILE_H
 #define EM_MSGLOG_LOGMSGFILE_H
 
+#include <atomic>
 #include <cstdint>
 #include <functional>
+#include <memory>
+#include <mutex>
 #include <string>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #include "msglog/XmlDocument.h"
 
@@ -37,6 +49,10 @@ constexpr const char* kOldStyleMessageFile = "ERRMSG.XML";
 // "EVENTMSG.XML" for the unified format, "ERRMSG.XML" for the old style.
 const char* MessageFileName(LogMsgFormat format);
 
+// The ErrorCode text of `errorCode` as the file of `format` writes it: "0x" and six
+// (unified) or four (old style) upper-case hexadecimal digits, more when the code needs them.
+std::string ErrorCodeText(uint32_t errorCode, LogMsgFormat format);
+
 // The text kinds (keys) of a Messages element.
 constexpr const char* kKeyLongMsg = "LongMsg";
 constexpr const char* kKeyShortMsg = "ShortMsg";
@@ -44,55 +60,136 @@ constexpr const char* kKeySummary = "Summary";
 constexpr const char* kKeyCause = "Cause";
 constexpr const char* kKeyResolution = "Resolution";
 
-// Lookups in a loaded message document. Stateless; every function works on its own
-// copy of the document's cursor, so the caller's cursor is never moved.
+// One loaded message file, kept as an index of its texts: the first Event of each error
+// code (lower-cased) with its Messages elements and their text elements in document order,
+// and the LanguageTable. The parsed document itself is dropped once the index is built.
+// An event's names and texts lie together in one buffer, so a lookup touches a few
+// neighbouring cache lines instead of walking the tree. Immutable once built; every const
+// member may be called from several threads at the same time.
 class CLogMsgXmlFileImpl {
  public:
-  // The text of paragraph `index` (from 0) of kind `key` in the Messages element of
-  // language `lang` (null: "en") of the Event whose ErrorCode equals `errorCode`.
+  // Indexes `doc` (which must be loaded); `path` is the file it came from (empty for a
+  // document from memory).
+  CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path);
+
+  // The text of paragraph `index` (from 0) of kind `key` in the first Messages element of
+  // language `lang` (null: "en") of the first Event whose ErrorCode equals `errorCode`.
   // ErrorCode and lang are compared ignoring case. Empty when any step finds nothing;
-  // there is no fall-back to another language.
-  static std::string SearchMessage(const CXmlDocument& doc, const std::string& errorCode,
-                                   const char* key, const char* lang, int index);
+  // there is no fall-back to another language or to a later Event or Messages element.
+  std::string SearchMessage(const std::string& errorCode, const char* key, const char* lang,
+                            int index) const;
+  // The same text without a copy; it stays valid while this object lives.
+  std::string_view FindMessage(const std::string& errorCode, const char* key, const char* lang,
+                               int index) const;
 
   // The language name of the LanguageTable entry whose locale equals "0x%X" of
   // `langId`, ignoring case; "en" without a table or a match.
-  static std::string LanguageName(const CXmlDocument& doc, uint32_t langId);
+  std::string LanguageName(uint32_t langId) const;
+
+  const std::string& Path() const { return path_; }
+
+ private:
+  struct Text {  // a piece of chars_
+    uint32_t offset = 0;
+    uint32_t length = 0;
+  };
+  struct Element {  // a text element of a Messages element
+    uint32_t name = 0;  // in names_
+    Text text;
+  };
+  struct Messages {
+    uint32_t lang = 0;  // in langs_
+    uint32_t firstElement = 0;
+    uint32_t elementCount = 0;
+  };
+  struct Event {
+    uint32_t firstMessages = 0;
+    uint32_t messagesCount = 0;
+  };
+  struct Language {
+    std::string locale;
+    std::string name;
+  };
+  // Gives each distinct string a number; an event's records then hold numbers, and a
+  // search compares numbers instead of reading names from memory far away.
+  using Ids = std::unordered_map<std::string, uint32_t>;
+
+  static uint32_t Intern(Ids& ids, std::string text);
+  Text Add(const std::string& text);
+  std::string_view View(Text text) const { return {chars_.data() + text.offset, text.length}; }
+
+  std::string path_;
+  std::string chars_;  // every text of the events, in document order
+  std::vector<Element> elements_;
+  std::vector<Messages> messages_;
+  std::unordered_map<std::string, Event> events_;  // by lower-cased code
+  Ids names_;  // element names, as written
+  Ids langs_;  // Messages languages, lower-cased
+  std::vector<Language> languages_;
 };
 
 class CLogMsgFile {
  public:
   // Gives the registered directory of the message files; empty when there is none.
   using DirectoryProvider = std::function<std::string()>;
+  using Document = std::shared_ptr<const CLogMsgXmlFileImpl>;
 
   // `currentDir` is searched first, then the directory `registeredDir` returns (by
   // default the one built from the registry, see DefaultRegisteredMessageDirectory).
   explicit CLogMsgFile(std::string currentDir = ".", DirectoryProvider registeredDir = nullptr);
+  CLogMsgFile(const CLogMsgFile&) = delete;
+  CLogMsgFile& operator=(const CLogMsgFile&) = delete;
 
-  // Finds and loads the file of `format` ("EVENTMSG.XML" / "ERRMSG.XML"): in the current
-  // directory first, then in the registered one. Returns true when a file was loaded.
-  // Without one every search yields the empty text.
-  bool Open(LogMsgFormat format);
+  // Finds the file of `format` ("EVENTMSG.XML" / "ERRMSG.XML"): in the current directory
+  // first, then in the registered one, and makes it the current document. The file is
+  // parsed only when it is not the one loaded before or has changed since. Returns the
+  // document, null when no file could be loaded (every search then yields the empty text).
+  Document OpenDocument(LogMsgFormat format);
+  // OpenDocument; true when a file was loaded.
+  bool Open(LogMsgFormat format) { return OpenDocument(format) != nullptr; }
   // Loads a message document held in memory instead (tools, tests).
   bool OpenFromText(const std::string& xml);
 
-  bool IsOpen() const { return doc_.IsLoaded(); }
-  // The path of the loaded file; empty when none is loaded or it came from memory.
-  const std::string& Path() const { return path_; }
-  const CXmlDocument& Document() const { return doc_; }
+  // The current document, null when none is loaded. It stays valid after later Opens.
+  Document CurrentDocument() const;
+  bool IsOpen() const { return CurrentDocument() != nullptr; }
+  // The path of the current document; empty when none is loaded or it came from memory.
+  std::string Path() const;
+  // How many times a file or text was parsed (the cost that the reuse saves).
+  uint64_t ParseCount() const { return parse_count_.load(std::memory_order_relaxed); }
 
-  // See CLogMsgXmlFileImpl. Safe to call concurrently once open.
+  // Lookups in the current document; see CLogMsgXmlFileImpl.
   std::string SearchMessage(const std::string& errorCode, const char* key, const char* lang,
                             int index) const;
   std::string LanguageName(uint32_t langId) const;
 
  private:
-  bool TryLoad(const std::string& dir, const char* fileName);
+  // What identifies one version of a file on disk.
+  struct FileStamp {
+    std::string path;
+    int64_t mtimeSec = 0;
+    int64_t mtimeNsec = 0;
+    int64_t size = -1;
+    uint64_t inode = 0;
+    bool operator==(const FileStamp& other) const;
+  };
+  // The last load of one place (current or registered directory) for one format; a failed
+  // parse is remembered as well, so an unchanged broken file is not parsed again either.
+  struct LoadedFile {
+    FileStamp stamp;
+    Document doc;
+  };
+
+  Document TryLoad(LoadedFile& slot, const std::string& dir, const char* fileName);
+  void SetCurrent(Document doc);
 
   std::string current_dir_;
   DirectoryProvider registered_dir_;
-  CXmlDocument doc_;
-  std::string path_;
+  std::mutex open_mutex_;  // serialises Open, so a changed file is parsed once
+  LoadedFile loaded_[2][2];  // [format][0 = current directory, 1 = registered one]
+  mutable std::mutex doc_mutex_;  // guards doc_
+  Document doc_;
+  std::atomic<uint64_t> parse_count_{0};
 };
 
 // The registered message file directory, as the registry describes the installation

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
@@ -59,7 +60,7 @@ TEST(LogMsgFileTest, SearchMatchesCodeAndLanguageIgnoringCaseAndCountsParagraphs
   EXPECT_EQ("en", file.LanguageName(0x40C));  // no table
 }
 
-TEST(LogMsgFileTest, ConcurrentSearchesOnOneFile) {
+TEST(LogMsgFileTest, ConcurrentSearchesWhileTheFileIsReloaded) {
   CLogMsgFile file(".", NoDirectory);
   ASSERT_TRUE(file.OpenFromText(kMessages));
   std::vector<int> mismatches(4, 0);
@@ -71,6 +72,8 @@ TEST(LogMsgFileTest, ConcurrentSearchesOnOneFile) {
                          (i % 2 ? "second cause" : "first cause");
     });
   }
+  // Each reload swaps in a new document under the readers.
+  for (int i = 0; i < 20; ++i) file.OpenFromText(kMessages);
   for (auto& th : threads) th.join();
   EXPECT_EQ(std::vector<int>(4, 0), mismatches);
 }
@@ -104,6 +107,57 @@ TEST(LogMsgFileTest, OpenLooksInCurrentThenRegisteredDirectory) {
   ASSERT_TRUE(nowhere.OpenFromText(doc));
   EXPECT_FALSE(nowhere.Open(LogMsgFormat::kUnified));  // drops the earlier document
   EXPECT_EQ("", nowhere.SearchMessage("0x0105", kKeyLongMsg, "en", 0));
+}
+
+TEST(LogMsgFileTest, ParsesAFileAgainOnlyWhenItChanged) {
+  TempDir dir;
+  const std::string path = dir.Path() + "/ERRMSG.XML";
+  const auto write = [&dir](const std::string& text) {
+    dir.Write("ERRMSG.XML",
+              "<EventMsg><Events><Event ErrorCode=\"0x0105\"><Messages lang=\"en\"><LongMsg>" +
+                  text + "</LongMsg></Messages></Event></Events></EventMsg>");
+  };
+  // Moves the modification time on, so that a rewrite within one clock tick still counts.
+  const auto touch = [&path](int seconds) {
+    std::filesystem::last_write_time(
+        path, std::filesystem::last_write_time(path) + std::chrono::seconds(seconds));
+  };
+  const auto text = [](const CLogMsgFile& file) {
+    return file.SearchMessage("0x0105", kKeyLongMsg, "en", 0);
+  };
+  CLogMsgFile file(dir.Path(), NoDirectory);
+  write("first");
+  ASSERT_TRUE(file.Open(LogMsgFormat::kOldStyle));
+  const CLogMsgFile::Document first = file.CurrentDocument();
+
+  TraceClient().SetTraceLevel(4);
+  hostsim::Sink().Clear();
+  ASSERT_TRUE(file.Open(LogMsgFormat::kOldStyle));  // unchanged: the same document
+  TraceClient().SetTraceLevel(0);
+  EXPECT_EQ(1u, file.ParseCount());
+  EXPECT_EQ(first, file.CurrentDocument());
+  EXPECT_TRUE(hostsim::Sink().HasLine(
+      "\nCLogMsgFile         : Event messages successfully opened in \"" + dir.Path() + "\"!"));
+
+  const auto reopen = [&](uint64_t parses, const std::string& expected) {
+    EXPECT_EQ(!expected.empty(), file.Open(LogMsgFormat::kOldStyle));
+    EXPECT_EQ(parses, file.ParseCount());
+    EXPECT_EQ(expected, text(file));
+  };
+  write("second");  // new size
+  touch(1);
+  reopen(2, "second");
+  write("SECOND");  // same size and inode, new mtime
+  touch(2);
+  reopen(3, "SECOND");
+  touch(3);  // only the mtime
+  reopen(4, "SECOND");
+  dir.Write("ERRMSG.XML", "<EventMsg>");
+  touch(4);
+  reopen(5, "");
+  reopen(5, "");  // a broken file is not parsed again either while unchanged
+  // Whoever still holds the first document keeps reading it.
+  EXPECT_EQ("first", first->SearchMessage("0x0105", kKeyLongMsg, "en", 0));
 }
 
 }  // namespace

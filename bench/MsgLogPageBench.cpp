@@ -1,0 +1,176 @@
+// Cost of answering one log-entry query: a page of 2000 entries (old-style and unified
+// mixed) translated with message files of 5000 events in 3 languages, against the same
+// page when both files are parsed for every query. The files are written into a
+// temporary directory at start.
+
+#include <stdlib.h>
+
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include <benchmark/benchmark.h>
+
+#include "bench/BenchRatio.h"
+#include "module/DebugClient.h"
+#include "msglog/MsgLogPage.h"
+
+namespace {
+
+constexpr int kEvents = 5000;
+constexpr uint32_t kLangId = 0x407;  // the second of the three languages
+const char* const kLanguages[][2] = {{"0x409", "en"}, {"0x407", "de"}, {"0x40C", "fr"}};
+
+// Error code of event `i`: unified class * 65536 + low byte, old style class * 256 + low.
+uint32_t UnifiedCode(int i) { return static_cast<uint32_t>((i / 200 + 1) << 16 | (i % 200)); }
+uint32_t OldStyleCode(int i) { return static_cast<uint32_t>((i / 200 + 1) << 8 | (i % 200)); }
+
+// The same texts in both files; the argument numbers follow each record layout.
+void WriteMessageFile(const std::string& path, bool unified) {
+  std::ofstream out(path);
+  out << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<EventMsg>\n  <LanguageTable>\n";
+  for (const auto& language : kLanguages)
+    out << "    <Language locale=\"" << language[0] << "\" lang=\"" << language[1] << "\"/>\n";
+  out << "  </LanguageTable>\n  <Events>\n";
+  char code[16];
+  for (int i = 0; i < kEvents; ++i) {
+    snprintf(code, sizeof(code), unified ? "0x%06X" : "0x%04X",
+             unified ? UnifiedCode(i) : OldStyleCode(i));
+    out << "    <Event ErrorCode=\"" << code << "\">\n";
+    for (const auto& language : kLanguages) {
+      const std::string lang = language[1];
+      out << "      <Messages lang=\"" << lang << "\">\n"
+          << "        <LongMsg>[" << lang << "] Sensor %D of event " << i
+          << (unified ? " reads %1, limit %2." : " reads %2, limit %3.") << "</LongMsg>\n"
+          << "        <ShortMsg>[" << lang << "] Sensor %D event " << i << "</ShortMsg>\n"
+          << "        <Summary>[" << lang << "] Summary of event " << i << ".</Summary>\n"
+          << "        <Cause>First cause.</Cause>\n        <Cause>Second cause.</Cause>\n"
+          << "        <Resolution>Check the sensor.</Resolution>\n"
+          << "        <Resolution>Contact %HD%.</Resolution>\n"
+          << "      </Messages>\n";
+    }
+    out << "    </Event>\n";
+  }
+  out << "  </Events>\n</EventMsg>\n";
+}
+
+// The message files, written once and removed at exit.
+class MessageDirectory {
+ public:
+  MessageDirectory() {
+    path_ = (std::filesystem::temp_directory_path() / "msglogbenchXXXXXX").string();
+    if (!mkdtemp(&path_[0])) {
+      path_.clear();
+      return;
+    }
+    WriteMessageFile(path_ + "/EVENTMSG.XML", true);
+    WriteMessageFile(path_ + "/ERRMSG.XML", false);
+  }
+  ~MessageDirectory() {
+    std::error_code ec;
+    if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+  }
+  const std::string& Path() const { return path_; }
+
+ private:
+  std::string path_;
+};
+
+const MessageDirectory& Messages() {
+  static const MessageDirectory directory;
+  return directory;
+}
+
+// A full cache: every other entry old style, codes spread over the whole file.
+std::vector<MsgLogEntry> FullCache() {
+  std::vector<MsgLogEntry> entries(kMsgLogPageSize);
+  for (uint32_t k = 0; k < kMsgLogPageSize; ++k) {
+    MsgLogEntry& e = entries[k];
+    const int event = static_cast<int>((k * 2503u) % kEvents);
+    e.SequenceNumber = k + 1;
+    e.OrderValue = k;
+    e.Flags = k & 1;
+    if (k % 2 == 0) {
+      const uint32_t code = OldStyleCode(event);
+      e.OldStyle = 1;
+      e.ErrorCode = code;
+      // Cabinet 1, object id 3, two 32-bit values.
+      e.RawRecord = {static_cast<uint8_t>(code), static_cast<uint8_t>(code >> 8), 0, 3,
+                     0, 0, 0, 0, 1, 0, 3, 0, 40, 0, 0, 0, 60, 0, 0, 0};
+      e.Arguments[0] = "TEMP" + std::to_string(k % 16);
+    } else {
+      e.ErrorCode = UnifiedCode(event);
+      e.Arguments = {{1, std::to_string(k % 90)}, {2, "85"}};
+    }
+  }
+  return entries;
+}
+
+CLogMsgFile::DirectoryProvider NoRegisteredDirectory() {
+  return [] { return std::string(); };
+}
+
+void RunPage(benchmark::State& state, CLogMsgFile& files, const std::vector<MsgLogEntry>& entries,
+             std::vector<uint8_t>& data) {
+  const MsgLogTextSources sources{&files, nullptr, nullptr};
+  data.clear();
+  if (!BuildMsgLogPage({kLangId, 0, 0}, entries, sources, &data))
+    state.SkipWithError("empty page");
+}
+
+// A text that shows the files were used: the old-style and the unified text of event 0.
+bool PageUsedTheFiles(const std::vector<uint8_t>& data) {
+  const std::string bytes(data.begin(), data.end());
+  return bytes.find("[de] Sensor TEMP0 of event 0 reads 40, limit 60.") != std::string::npos &&
+         bytes.find("[de] Sensor <?D> of event 2503 reads 1, limit 85.") != std::string::npos;
+}
+
+void BM_PageWarm(benchmark::State& state) {
+  const std::vector<MsgLogEntry> entries = FullCache();
+  CLogMsgFile files(Messages().Path(), NoRegisteredDirectory());
+  std::vector<uint8_t> data;
+  RunPage(state, files, entries, data);  // loads both files
+  for (auto _ : state) {
+    RunPage(state, files, entries, data);
+    benchmark::DoNotOptimize(data.data());
+  }
+  if (!PageUsedTheFiles(data)) state.SkipWithError("texts did not come from the files");
+  if (files.ParseCount() != 2) state.SkipWithError("a file was parsed again");
+  state.counters["answer_bytes"] = static_cast<double>(data.size());
+}
+BENCHMARK(BM_PageWarm)->Unit(benchmark::kMillisecond);
+
+void BM_PageParsedEachQuery(benchmark::State& state) {
+  const std::vector<MsgLogEntry> entries = FullCache();
+  std::vector<uint8_t> data;
+  for (auto _ : state) {
+    CLogMsgFile files(Messages().Path(), NoRegisteredDirectory());
+    RunPage(state, files, entries, data);
+    benchmark::DoNotOptimize(data.data());
+  }
+  if (!PageUsedTheFiles(data)) state.SkipWithError("texts did not come from the files");
+}
+BENCHMARK(BM_PageParsedEachQuery)->Unit(benchmark::kMillisecond);
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  // Only the trace-active test remains on the path.
+  TraceClient().SetTraceLevel(0);
+  benchmark::Initialize(&argc, argv);
+  if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+  if (Messages().Path().empty()) {
+    std::fprintf(stderr, "cannot create the message file directory\n");
+    return 1;
+  }
+  RatioReporter reporter;
+  benchmark::RunSpecifiedBenchmarks(&reporter);
+  const double warm = reporter.Get("BM_PageWarm");
+  if (warm > 0) std::printf("\nCPU time per page, warm: %.3f ms\n", warm);
+  reporter.PrintRatio("parsed each query / warm page", "BM_PageParsedEachQuery",
+                      "BM_PageWarm");
+  benchmark::Shutdown();
+  return 0;
+}

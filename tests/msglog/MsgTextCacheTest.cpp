@@ -1,0 +1,73 @@
+#include "msglog/MsgTextCache.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <thread>
+#include <vector>
+
+namespace {
+
+TEST(MsgTextCacheTest, LookupsByKindCodeAndLanguage) {
+  CMsgTextCache cache;
+  ASSERT_TRUE(cache.PutText(MsgTextKind::kLongText, 0x040001, 0x409, "Fan failed"));
+  ASSERT_TRUE(cache.PutParagraphs(MsgTextKind::kCauses, 0x040001, 0x409, {"c0", "c1"}));
+  ASSERT_TRUE(cache.PutResolutions(0x040001, 0x409, {"r0", "call %HD%", "%HD%"}, "the desk"));
+  // Failed lookups are never cached.
+  EXPECT_FALSE(cache.PutText(MsgTextKind::kSummary, 0x040001, 0x409, ""));
+  EXPECT_FALSE(cache.PutParagraphs(MsgTextKind::kCauses, 0x040002, 0x409, {}));
+
+  std::string text;
+  EXPECT_TRUE(cache.FindText(MsgTextKind::kLongText, 0x040001, 0x409, &text));
+  EXPECT_EQ("Fan failed", text);
+  EXPECT_FALSE(cache.FindText(MsgTextKind::kLongText, 0x040001, 0x407, &text));
+  EXPECT_FALSE(cache.FindText(MsgTextKind::kSummary, 0x040001, 0x409, &text));
+  EXPECT_FALSE(cache.FindText(MsgTextKind::kLongText, 0x04000001, 0x409, &text));
+
+  std::vector<std::string> list;
+  EXPECT_TRUE(cache.FindParagraphs(MsgTextKind::kResolutions, 0x040001, 0x409, &list));
+  EXPECT_EQ((std::vector<std::string>{"r0", "call the desk", "the desk"}), list);
+  EXPECT_FALSE(cache.FindParagraphs(MsgTextKind::kCauses, 0x040002, 0x409, &list));
+
+  const struct {
+    MsgTextKind kind;
+    uint32_t code, number;
+    ParagraphLookup result;
+    const char* text;
+  } cases[] = {
+      {MsgTextKind::kCauses, 0x040001, 0, ParagraphLookup::kFound, "c0"},
+      {MsgTextKind::kCauses, 0x040001, 1, ParagraphLookup::kFound, "c1"},
+      {MsgTextKind::kCauses, 0x040001, 2, ParagraphLookup::kTooHigh, ""},
+      {MsgTextKind::kResolutions, 0x040001, 2, ParagraphLookup::kFound, "the desk"},
+      {MsgTextKind::kResolutions, 0x040001, 0xFFFFFFFF, ParagraphLookup::kTooHigh, ""},
+      {MsgTextKind::kCauses, 0x040002, 0, ParagraphLookup::kNotCached, ""},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.number);
+    std::string paragraph;
+    EXPECT_EQ(c.result, cache.FindParagraph(c.kind, c.code, 0x409, c.number, &paragraph));
+    EXPECT_EQ(c.text, paragraph);
+  }
+}
+
+TEST(MsgTextCacheTest, ConcurrentFillAndLookup) {
+  CMsgTextCache cache;
+  std::vector<int> misses(4, 0);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&cache, &misses, t] {
+      const uint16_t lang = static_cast<uint16_t>(t);
+      for (uint32_t code = 0; code < 200; ++code) {
+        cache.PutText(MsgTextKind::kSummary, code, lang, std::to_string(code));
+        std::string text;
+        misses[t] += !cache.FindText(MsgTextKind::kSummary, code, lang, &text) ||
+                     text != std::to_string(code);
+      }
+    });
+  }
+  for (auto& thread : threads) thread.join();
+  EXPECT_EQ(std::vector<int>(4, 0), misses);
+  EXPECT_EQ(800u, cache.Size(MsgTextKind::kSummary));
+}
+
+}  // namespace
