@@ -148,25 +148,31 @@ class PageTranslator {
 
 }  // namespace
 
-bool BuildMsgLogPage(const MsgLogPageQuery& query, const std::vector<MsgLogEntry>& entries,
-                     const MsgLogTextSources& sources, std::vector<uint8_t>* data) {
+size_t MsgLogPageStartIndex(uint32_t pageNumber, uint32_t sequenceNumber,
+                            const MsgLogEntry* first, const MsgLogEntry* last) {
+  // The entries ascend, so a binary search finds the first one that reaches the number.
+  const uint64_t pageStart = static_cast<uint64_t>(pageNumber) * kMsgLogPageSize;
+  const size_t size = static_cast<size_t>(last - first);
+  if (pageStart >= size) return size;
+  const MsgLogEntry* start =
+      std::lower_bound(first + static_cast<std::ptrdiff_t>(pageStart), last, sequenceNumber,
+                       [](const MsgLogEntry& entry, uint32_t wanted) {
+                         return entry.SequenceNumber < wanted;
+                       });
+  return static_cast<size_t>(start - first);
+}
+
+bool BuildMsgLogPage(const MsgLogPageQuery& query, const MsgLogEntry* first,
+                     const MsgLogEntry* last, const MsgLogTextSources& sources,
+                     std::vector<uint8_t>* data) {
   EM_TRACE(3, "\nEM_OIDMAP           : GetMsgLogCacheEntries OpCodeExt: 0x%X", query.opCodeExt);
   const uint16_t langId = static_cast<uint16_t>(query.opCodeExt);
 
-  // The start index: the first entry from the page's first one on whose sequence number
-  // reaches the requested one (the entries ascend, so a binary search finds it).
-  const uint64_t pageStart = static_cast<uint64_t>(query.pageNumber) * kMsgLogPageSize;
-  auto start = entries.end();
-  if (pageStart < entries.size()) {
-    start = std::lower_bound(entries.begin() + static_cast<std::ptrdiff_t>(pageStart),
-                             entries.end(), query.sequenceNumber,
-                             [](const MsgLogEntry& entry, uint32_t sequenceNumber) {
-                               return entry.SequenceNumber < sequenceNumber;
-                             });
-  }
+  const MsgLogEntry* start =
+      first + MsgLogPageStartIndex(query.pageNumber, query.sequenceNumber, first, last);
   const size_t count =
-      std::min<size_t>(kMsgLogPageSize, static_cast<size_t>(entries.end() - start));
-  const auto end = start + static_cast<std::ptrdiff_t>(count);
+      std::min<size_t>(kMsgLogPageSize, static_cast<size_t>(last - start));
+  const MsgLogEntry* end = start + static_cast<std::ptrdiff_t>(count);
 
   // Only the files that the page's record forms need are opened.
   const bool needUnified =
@@ -184,7 +190,7 @@ bool BuildMsgLogPage(const MsgLogPageQuery& query, const std::vector<MsgLogEntry
            static_cast<int>(query.sequenceNumber));
   if (count == 0) return false;
   EM_TRACE(3, "\nEM_OIDMAP           : found start index %d for message log sequence number %d",
-           static_cast<int>(start - entries.begin()), static_cast<int>(query.sequenceNumber));
+           static_cast<int>(query.firstIndex + static_cast<size_t>(start - first)), static_cast<int>(query.sequenceNumber));
 
   data->reserve(data->size() + count * kReservedBytesPerRecord);
   for (auto entry = start; entry != end; ++entry) {

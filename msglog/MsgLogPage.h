@@ -41,7 +41,16 @@ struct MsgLogPageQuery {
   uint32_t opCodeExt = 0;       // OE; the language id is its low 16 bits
   uint32_t pageNumber = 0;      // OI
   uint32_t sequenceNumber = 0;  // DA when it is a number, else 0
+  // Index in the cache of the first entry handed in, for the traces (a caller may hand in
+  // a copy of the page's part of the cache).
+  size_t firstIndex = 0;
 };
+
+// The start index of a page among the entries [first, last): the first entry at or after
+// index pageNumber * 2000 whose SequenceNumber is at least `sequenceNumber`; last - first
+// when there is none. REQUIRES: the entries ascend by SequenceNumber.
+size_t MsgLogPageStartIndex(uint32_t pageNumber, uint32_t sequenceNumber,
+                            const MsgLogEntry* first, const MsgLogEntry* last);
 
 // Asks the lower modules for the long text of a code in a language; empty when none
 // answers. May block (it sends a request and waits for the reply).
@@ -59,10 +68,15 @@ struct MsgLogTextSources {
 // Appends to `data` the answer records of the entries from the start index on: the first
 // entry at or after index pageNumber * 2000 whose SequenceNumber is at least the requested
 // one; at most 2000 records. Returns true when at least one record was appended.
-// REQUIRES: `entries` ascend by SequenceNumber (as the cache keeps them) and do not change
-// during the call; the caller holds the module's cache lock or passes a copy.
+// REQUIRES: the entries [first, last) ascend by SequenceNumber (as the cache keeps them)
+// and do not change during the call (the caller reads them under the cabinet's lock).
 // Thread safety: may run on several threads at once with the same sources.
-bool BuildMsgLogPage(const MsgLogPageQuery& query, const std::vector<MsgLogEntry>& entries,
-                     const MsgLogTextSources& sources, std::vector<uint8_t>* data);
+bool BuildMsgLogPage(const MsgLogPageQuery& query, const MsgLogEntry* first,
+                     const MsgLogEntry* last, const MsgLogTextSources& sources,
+                     std::vector<uint8_t>* data);
+inline bool BuildMsgLogPage(const MsgLogPageQuery& query, const std::vector<MsgLogEntry>& entries,
+                            const MsgLogTextSources& sources, std::vector<uint8_t>* data) {
+  return BuildMsgLogPage(query, entries.data(), entries.data() + entries.size(), sources, data);
+}
 
 #endif  // EM_MSGLOG_MSGLOGPAGE_H

@@ -100,8 +100,19 @@ void COidMapExtModule::OnTaskExecution(SipJson& task, int32_t /*level*/) {
     case CM_TaskMessageLogScan:
       RunMessageLogScan(cabinet);
       break;
+    case CM_LogMessageRaw:
+      RunRawLogTask(task);
+      break;
+    case CM_LogMessageAllResolutions:
+    case CM_LogMessageAllCauses:
+    case CM_LogMessageLongText:
+    case CM_LogMessageSummary:
+    case CM_LogMessageCause:
+    case CM_LogMessageResolution:
+      RunTextTask(task);
+      break;
     default:
-      break;  // no other task is queued yet
+      break;
   }
 }
 

@@ -1,10 +1,27 @@
 #include "oidmap/OidMapExtModule.h"
 
+#include <cstdlib>
+
 #include "module/DebugClient.h"
 #include "oidmap/Opcodes.h"
+#include "sip/SipJson.h"
+
+namespace {
+
+// How long log queries wait for a cabinet's cache: EM_OIDMAP_CACHE_WAIT_MS when it is set
+// to a number (tests and diagnosis), else the standard wait.
+uint32_t CacheWaitMs() {
+  const char* text = std::getenv("EM_OIDMAP_CACHE_WAIT_MS");
+  if (text == nullptr || *text == '\0') return kCacheWaitMs;
+  return SipJson::ParseLenientNumber(text);
+}
+
+}  // namespace
 
 COidMapExtModule::COidMapExtModule()
-    : CExtensionModule(), CTaskSerializer<SipJson>(1, kTaskQueueBytes) {
+    : CExtensionModule(),
+      CTaskSerializer<SipJson>(1, kTaskQueueBytes),
+      cache_wait_ms_(CacheWaitMs()) {
   EM_TRACE(5, "\nEM_OIDMAP           : -> Constructor...");
   EM_TRACE(5, "\nEM_OIDMAP           : <- Constructor");
 }

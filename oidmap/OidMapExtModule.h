@@ -31,7 +31,9 @@
 #include "module/ExtensionModule.h"
 #include "msglog/CollectionTables.h"
 #include "msglog/LogRecords.h"
+#include "msglog/LogMsgFile.h"
 #include "msglog/MsgLogCache.h"
+#include "msglog/MsgTextCache.h"
 #include "oidmap/OidMapTable.h"
 #include "runtime/RecursiveLock.h"
 #include "runtime/TaskSerializer.h"
@@ -110,6 +112,23 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   bool WaitForStartCompleted();
   uint32_t HandleRequest(SipJson& msg);
   uint32_t AnswerLogAvailable(SipJson& msg);
+  // ---- Message log queries and texts (LogQueries.cpp) ----
+  uint32_t AnswerLogQuery(SipJson& msg, uint32_t oc);
+  // Fills the page of the query into msg; false when it holds no record.
+  bool GetMsgLogCacheEntries(SipJson& msg);
+  uint32_t AnswerTextRequest(SipJson& msg, uint32_t oc);
+  // Answers a text request from the text cache; false when nothing is cached for it.
+  bool AnswerFromTextCache(SipJson& msg, uint32_t oc);
+  uint32_t QueueRawLogRequest(SipJson& msg);
+  uint32_t AnswerSelLanguages(SipJson& msg);
+  // Task thread: fetch the texts of a queued text request, or a raw log record, and hand
+  // the answer up.
+  void RunTextTask(SipJson& task);
+  void RunRawLogTask(SipJson& task);
+  // Asks the lower modules for the texts of `textOc` (0x0B21, 0x0B23, 0x0B1A, 0x0B17).
+  // `handled` tells whether any module took the request at all.
+  std::vector<std::string> FetchTexts(uint32_t textOc, uint32_t errorCode, uint16_t langId,
+                                      uint32_t cabinet, bool* handled);
   // Configuration-space read of value `oe`: broadcast and merged when the value has a
   // merge rule (returns 1), else 0.
   uint32_t MergeConfigurationRead(SipJson& msg, uint32_t oe);
@@ -167,6 +186,11 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   mutable std::mutex cabinet_mutex_;
   mutable std::mutex language_mutex_;
   mutable std::mutex help_desk_mutex_;
+
+  // ---- Message log queries and texts (LogQueries.cpp) ----
+  CLogMsgFile message_files_;  // both message files, parsed again only when changed
+  CMsgTextCache text_cache_;   // texts the lower modules gave
+  uint32_t cache_wait_ms_;     // kCacheWaitMs, or EM_OIDMAP_CACHE_WAIT_MS
 
   // ---- Message log collection (LogCollection.cpp) ----
   std::atomic<bool> log_data_supported_{false};
