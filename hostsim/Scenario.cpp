@@ -221,12 +221,13 @@ bool ReadModule(const Value& entry, rapidjson::SizeType i, ScenarioModule& out,
   if (const Value* rules = module.Array("rules")) {
     for (rapidjson::SizeType r = 0; r < rules->Size(); ++r) {
       ObjectReader item((*rules)[r], where + "." + Where("rules", r), error);
-      item.AllowOnly({"oc", "oe", "oi", "ca", "st", "da", "delayMs"});
+      item.AllowOnly({"oc", "oe", "oi", "ca", "whenDa", "st", "da", "delayMs"});
       ReplyRule rule;
       rule.oc = item.RequiredNumber("oc");
       rule.oe = item.OptionalNumber("oe");
       rule.oi = item.OptionalNumber("oi");
       rule.ca = item.OptionalNumber("ca");
+      rule.whenDa = item.OptionalNumber("whenDa");
       rule.status = item.Number("st", kStatusOk);
       rule.dataJson = item.Json("da");
       rule.delayMs = item.Number("delayMs", 0);

@@ -37,8 +37,16 @@ bool ReplyRule::Matches(uint32_t reqOc, uint32_t reqOe, uint32_t reqOi, uint32_t
   return true;
 }
 
+bool ReplyRule::MatchesData(const rapidjson::Value& command) const {
+  if (!whenDa) return true;
+  if (!command.IsObject()) return false;
+  const auto da = command.FindMember("DA");
+  return da != command.MemberEnd() && da->value.IsUint() && da->value.GetUint() == *whenDa;
+}
+
 bool ReplyRule::SameKey(const ReplyRule& other) const {
-  return oc == other.oc && oe == other.oe && oi == other.oi && ca == other.ca;
+  return oc == other.oc && oe == other.oe && oi == other.oi && ca == other.ca &&
+         whenDa == other.whenDa;
 }
 
 void SimModule::Upsert(const ReplyRule& rule, bool atFront) {
@@ -115,7 +123,7 @@ const ReplyRule* SimModule::Find(const rapidjson::Value& command) const {
   const uint32_t oi = CommandKey(command, "OI", 0);
   const uint32_t ca = CommandKey(command, "CA", 0);
   for (const ReplyRule& rule : rules_) {
-    if (rule.Matches(oc, oe, oi, ca)) return &rule;
+    if (rule.Matches(oc, oe, oi, ca) && rule.MatchesData(command)) return &rule;
   }
   return nullptr;
 }

@@ -32,6 +32,7 @@ struct ReplyRule {
   std::optional<uint32_t> oe;  // unset: any opcode extension
   std::optional<uint32_t> oi;  // unset: any object id
   std::optional<uint32_t> ca;  // unset: any cabinet; a request to all cabinets matches any
+  std::optional<uint32_t> whenDa;  // unset: any data; else only a "DA" of this number
   uint32_t status = kStatusOk;
   // The reply's "DA" as JSON text (any JSON value); empty: the reply carries no data.
   std::string dataJson;
@@ -39,6 +40,8 @@ struct ReplyRule {
 
   // True when the rule answers a command with these members (missing members read 0).
   bool Matches(uint32_t oc, uint32_t oe, uint32_t oi, uint32_t ca) const;
+  // True when the command's "DA" is what the rule asks for (always without `whenDa`).
+  bool MatchesData(const rapidjson::Value& command) const;
   // Same opcode and the same optional keys: a setter replaces such a rule.
   bool SameKey(const ReplyRule& other) const;
 };

@@ -1,0 +1,375 @@
+// Log queries and message texts through em_oidmap.so as a client sees them: pages of the
+// collected log translated into its language, sequence numbers and counts, help texts
+// fetched from the lower modules on the task thread and answered later, raw records, and
+// all of it at once on six host threads while scans and log events run.
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "E2EHost.h"
+#include "hostsim/SimLog.h"
+
+namespace {
+
+using e2e::kMidA;
+using e2e::kMidB;
+using hostsim::EncodeLog;
+using hostsim::OldStyle;
+using hostsim::Sink;
+using hostsim::Unified;
+
+constexpr uint32_t kEnglish = 0x409;
+constexpr uint32_t kGerman = 0x407;
+
+// One answer record of a log page.
+struct PageRecord {
+  uint16_t shortCode = 0;
+  uint8_t flags = 0;
+  uint32_t order = 0;
+  uint32_t sequence = 0;
+  std::string text;
+};
+
+// Parses a page's data; false when a record's length does not fit the data or its text
+// does not end with the NUL where the length says.
+bool ParsePage(const std::vector<uint8_t>& data, std::vector<PageRecord>* records) {
+  auto u16 = [&](size_t at) { return static_cast<uint16_t>(data[at] | data[at + 1] << 8); };
+  auto u32 = [&](size_t at) { return static_cast<uint32_t>(u16(at) | u16(at + 2) << 16); };
+  for (size_t at = 0; at < data.size();) {
+    if (data.size() - at < 17) return false;
+    const size_t length = u16(at);
+    if (length < 17 || length > data.size() - at || data[at + length - 1] != 0 ||
+        data[at + 2] != 3) {
+      return false;
+    }
+    PageRecord record;
+    record.shortCode = u16(at + 4);
+    record.flags = data[at + 6];
+    record.order = u32(at + 8);
+    record.sequence = u32(at + 12);
+    record.text.assign(reinterpret_cast<const char*>(&data[at + 16]), length - 17);
+    records->push_back(std::move(record));
+    at += length;
+  }
+  return true;
+}
+
+hostsim::ReplyRule Rule(uint32_t oc, std::optional<uint32_t> whenDa, const std::string& da,
+                        uint32_t status = 0) {
+  hostsim::ReplyRule rule;
+  rule.oc = oc;
+  rule.whenDa = whenDa;
+  rule.dataJson = da;
+  rule.status = status;
+  return rule;
+}
+
+class LogQueryE2ETest : public e2e::ModuleHostTest {
+ protected:
+  void SetUp() override {
+    ModuleHostTest::SetUp();
+    // The module finds the message files in its current directory first.
+    ASSERT_NE(nullptr, getcwd(cwd_, sizeof cwd_));
+    ASSERT_EQ(0, chdir(EM_SAMPLE_MSGFILES_DIR));
+  }
+  void TearDown() override {
+    ModuleHostTest::TearDown();
+    unsetenv("EM_OIDMAP_CACHE_WAIT_MS");
+    EXPECT_EQ(0, chdir(cwd_));
+  }
+
+  // English and German, as the re-scan learns them.
+  static void SpeakLanguages(hostsim::SimModule& module) {
+    module.AddRule(Rule(0x0B20, std::nullopt, R"({"RAW":[9,4,7,4]})"));
+  }
+
+  void StartAndRescan() {
+    StartWithCabinets(0, {});
+    module_->Rescan();
+  }
+
+  SipJson Query(uint32_t oc, uint32_t oe, uint32_t oi, std::optional<uint32_t> da,
+                uint32_t ca = 0) {
+    SipJson msg(oc, oe, oi, ca);
+    if (da) msg.SetDataValue(*da, 0x16);
+    EXPECT_EQ(1u, module_->OnRequest(msg));
+    return msg;
+  }
+
+  std::vector<PageRecord> Page(uint32_t lang, uint32_t page, uint32_t sequence,
+                               uint32_t* status = nullptr) {
+    SipJson msg = Query(0x0B10, lang, page, sequence);
+    if (status != nullptr) *status = msg.GetStatus(0);
+    std::vector<uint8_t> data;
+    msg.GetDataBytes(0, data);
+    std::vector<PageRecord> records;
+    EXPECT_TRUE(ParsePage(data, &records));
+    return records;
+  }
+
+  // The late answer of a queued request, matched by its CI.
+  static std::optional<SipJson> LateAnswer(const hostsim::SimHost& host, uint32_t ci) {
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (std::chrono::steady_clock::now() < deadline) {
+      for (const auto& handed : host.HandedBackMessages()) {
+        if (handed.message.GetKey(0, "CI") == ci) return handed.message;
+      }
+      host.WaitForHandBacks(host.HandedBackMessages().size() + 1, std::chrono::milliseconds(50));
+    }
+    return std::nullopt;
+  }
+
+  char cwd_[4096] = {};
+};
+
+TEST_F(LogQueryE2ETest, FullLife_PageInTheClientsLanguageFromEverySource) {
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  SpeakLanguages(a);
+  a.SetLog(0x0B16, std::nullopt,
+           EncodeLog({Unified(0x040005, 10, {"2", "3"}), Unified(0x0A0001, 30),
+                      Unified(0x0A0002, 40)}));
+  // 0x0A0001 is in no message file, but module A knows its long text.
+  a.AddRule(Rule(0x0B21, 0x0A0001, "\"Chassis intrusion detected.\""));
+  // B keeps the old style only: its entries come through the fall-back, with designations.
+  hostsim::SimModule& b = host_.AddModule(kMidB);
+  b.SetLog(0x0B00, 0, EncodeLog({OldStyle(0x0403, 20, 1, 0)}));
+  b.AddRule(Rule(0x0304, std::nullopt, "\"FAN SYS 2\""));
+  StartAndRescan();
+
+  // A's unified log is stored first, B's old-style fall-back after it.
+  const std::vector<PageRecord> english = Page(kEnglish, 0, 0);
+  ASSERT_EQ(4u, english.size());
+  EXPECT_EQ("Fan redundancy lost: 2 of 3 fans are working.", english[0].text);
+  EXPECT_EQ("Chassis intrusion detected.", english[1].text);
+  EXPECT_EQ("Unknown error 0xA0002", english[2].text);
+  EXPECT_EQ("Fan FAN SYS 2 was removed.", english[3].text);
+  EXPECT_EQ((std::vector<uint32_t>{10, 30, 40, 20}),
+            (std::vector<uint32_t>{english[0].order, english[1].order, english[2].order,
+                                   english[3].order}));
+  EXPECT_EQ(0x0405, english[0].shortCode);
+  EXPECT_EQ(0x0403, english[3].shortCode);
+  for (size_t r = 1; r < english.size(); ++r) {
+    EXPECT_EQ(english[r - 1].sequence + 1, english[r].sequence);
+  }
+  EXPECT_TRUE(Sink().Contains("WARNING! Missing translation for language en"));
+
+  const std::vector<PageRecord> german = Page(kGerman, 0, 0);
+  ASSERT_EQ(4u, german.size());
+  EXPECT_EQ("Lüfterredundanz verloren: 2 von 3 Lüftern arbeiten.", german[0].text);
+  EXPECT_EQ("Lüfter FAN SYS 2 wurde entfernt.", german[3].text);
+
+  // Counts and sequence numbers of the same cache.
+  uint32_t value = 0;
+  SipJson count = Query(0x0B13, 0, 0, std::nullopt);
+  EXPECT_TRUE(count.GetDataValue(0, value));
+  EXPECT_EQ(4u, value);
+  SipJson last = Query(0x0B12, 0, 0, std::nullopt);
+  EXPECT_TRUE(last.GetDataValue(0, value));
+  EXPECT_EQ(english.back().sequence, value);
+  SipJson available = Query(0x0B01, 0, 0, std::nullopt);
+  EXPECT_TRUE(available.GetDataValue(0, value));
+  EXPECT_EQ(1u, value);
+  EXPECT_EQ(0x14u, Query(0x0B01, 0, 0, std::nullopt, 7).GetStatus(0));
+}
+
+TEST_F(LogQueryE2ETest, SequenceNumbers_StartIndexAndEmptyAnswer) {
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  SpeakLanguages(a);
+  std::vector<hostsim::SimUnifiedRecord> records;
+  for (uint32_t n = 1; n <= 2500; ++n) records.push_back(Unified(0x040005, n, {"1", "2"}));
+  a.SetLog(0x0B16, std::nullopt, EncodeLog(records));
+  StartAndRescan();
+
+  // 2500 collected, the oldest 500 evicted: 501..2500 remain.
+  const std::vector<PageRecord> page = Page(kEnglish, 0, 1000);
+  ASSERT_EQ(1501u, page.size());
+  EXPECT_EQ(1000u, page.front().sequence);
+  EXPECT_EQ(2500u, page.back().sequence);
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP           : found start index 499 for message log sequence number 1000"));
+
+  uint32_t status = 0xFF;
+  EXPECT_TRUE(Page(kEnglish, 0, 2501, &status).empty());
+  EXPECT_EQ(0x00u, status);
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : Empty log cache"));
+  EXPECT_TRUE(Page(kEnglish, 1, 0).empty()) << "page 1 starts behind the 2000 entries";
+}
+
+TEST_F(LogQueryE2ETest, Refusals_LanguageAndCacheThatNeverBecomesReady) {
+  setenv("EM_OIDMAP_CACHE_WAIT_MS", "200", 1);  // read when the module is created
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  SpeakLanguages(a);
+  StartWithCabinets(0, {});
+  // No re-scan: the languages are not known yet, and no scan makes the cache ready.
+  EXPECT_EQ(0x13u, Query(0x0B10, kEnglish, 0, 0).GetStatus(0));
+  EXPECT_FALSE(Sink().Contains("Wait on event")) << "a language is refused without a wait";
+  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : Language ID 0x409 not supported!"));
+
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_EQ(0x0Fu, Query(0x0B13, 0, 0, std::nullopt).GetStatus(0));
+  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP           : ERROR! Timeout (120 sec) waiting for message log cache"));
+}
+
+TEST_F(LogQueryE2ETest, TextRequests_MissFetchedOnTheTaskThreadThenHit) {
+  struct Case {
+    const char* helpDesk;
+    std::vector<std::string> resolutions;
+  };
+  const Case cases[] = {
+      {"the service desk", {"Call the service desk.", "the service desk", "Replace the fan."}},
+      {"", {"", "", "Replace the fan."}},  // a paragraph that names it is emptied
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.helpDesk);
+    hostsim::SimHost host;
+    hostsim::SimModule& a = host.AddModule(kMidA);
+    if (*c.helpDesk != '\0') a.SetConfigText(0x211, c.helpDesk);
+    a.AddRule(Rule(0x0B17, 0x0401, R"(["Call %HD%.", "%HD%", "Replace the fan."])"));
+    a.AddRule(Rule(0x0B21, 0x0401, "\"The fan failed.\""));
+    Create();
+    module_->SetServerCabinet(0);
+    module_->Start(&host, host.Attach(module_));
+
+    // A miss: pending now, the answer later through the hand-back, with the client's CI.
+    SipJson request(0x0B17, kEnglish, 0, 0);
+    request.SetDataValue(0x0401, 0x16);
+    request.SetKey("CI", 41, true);
+    EXPECT_EQ(1u, module_->OnRequest(request));
+    EXPECT_EQ(0x16u, request.GetStatus(0));
+    const std::optional<SipJson> late = LateAnswer(host, 41);
+    ASSERT_TRUE(late.has_value());
+    std::vector<std::string> strings;
+    EXPECT_TRUE(late->GetDataStrings(0, strings));
+    EXPECT_EQ(c.resolutions, strings);
+
+    // Now cached: answered at once, nothing asked below.
+    host.ClearRecords();
+    struct Hit {
+      uint32_t oc, oi, st;
+      const char* text;
+    };
+    for (const Hit& hit : {Hit{0x0B25, 2, 0x00, "Replace the fan."},
+                           Hit{0x0B25, 3, 0x02, nullptr}, Hit{0x0B17, 0, 0x00, nullptr}}) {
+      SipJson again(hit.oc, kEnglish, hit.oi, 0);
+      again.SetDataValue(0x0401, 0x16);
+      EXPECT_EQ(1u, module_->OnRequest(again));
+      EXPECT_EQ(hit.st, again.GetStatus(0)) << std::hex << hit.oc << " " << hit.oi;
+      std::string text;
+      if (hit.text != nullptr) {
+        EXPECT_TRUE(again.GetDataString(0, text));
+        EXPECT_EQ(hit.text, text);
+      }
+    }
+    EXPECT_TRUE(host.SentRequests().empty());
+
+    // No error code: invalid arguments; a code nobody knows: not available, not cached.
+    SipJson noCode(0x0B21, kEnglish, 0, 0);
+    EXPECT_EQ(1u, module_->OnRequest(noCode));
+    EXPECT_EQ(0x12u, noCode.GetStatus(0));
+    EXPECT_EQ(1u, e2e::Lib().destroy());
+    module_ = nullptr;
+  }
+}
+
+TEST_F(LogQueryE2ETest, RawRecordAndLanguages_AskedBelow) {
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  SpeakLanguages(a);
+  hostsim::SimUnifiedRecord record = Unified(0x040005, 5, {"1", "2"});
+  record.recordId = 77;
+  a.SetLog(0x0B16, std::nullopt, EncodeLog({record}));
+  hostsim::ReplyRule raw = Rule(0x0B19, std::nullopt, R"({"RAW":[1,2,3]})");
+  raw.oi = 77;
+  a.AddRule(raw);
+  StartAndRescan();
+  const std::vector<PageRecord> page = Page(kEnglish, 0, 0);
+  ASSERT_EQ(1u, page.size());
+
+  SipJson request(0x0B19, 0, 0, 0);
+  request.SetDataValue(page[0].sequence, 0x16);
+  request.SetKey("CI", 5, true);
+  EXPECT_EQ(1u, module_->OnRequest(request));
+  EXPECT_EQ(0x16u, request.GetStatus(0));
+  const std::optional<SipJson> late = LateAnswer(host_, 5);
+  ASSERT_TRUE(late.has_value());
+  std::vector<uint8_t> bytes;
+  late->GetDataBytes(0, bytes);
+  EXPECT_EQ((std::vector<uint8_t>{1, 2, 3}), bytes);
+
+  for (const auto& bad : {Query(0x0B19, 0, 0, page[0].sequence + 1),
+                          Query(0x0B19, 3, 0, page[0].sequence),
+                          Query(0x0B19, 0, 0, std::nullopt)}) {
+    EXPECT_EQ(0x12u, bad.GetStatus(0));
+  }
+
+  SipJson languages = Query(0x0B20, 0, 0, std::nullopt);
+  EXPECT_EQ(0x00u, languages.GetStatus(0));
+  languages.GetDataBytes(0, bytes);
+  EXPECT_EQ((std::vector<uint8_t>{9, 4, 7, 4}), bytes);
+}
+
+TEST_F(LogQueryE2ETest, Stress_SixClientsWhileScansAndEventsRun) {
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  SpeakLanguages(a);
+  std::vector<hostsim::SimUnifiedRecord> records;
+  for (uint32_t n = 1; n <= 300; ++n) records.push_back(Unified(0x040005, n, {"1", "2"}));
+  a.SetLog(0x0B16, std::nullopt, EncodeLog(records));
+  a.AddRule(Rule(0x0B21, std::nullopt, "\"A text from below.\""));
+  StartAndRescan();
+
+  std::atomic<bool> stop{false};
+  std::atomic<int> bad{0};
+  std::atomic<int> pages{0};
+  std::vector<std::thread> clients;
+  for (int t = 0; t < 6; ++t) {
+    clients.emplace_back([&, t] {
+      for (int round = 0; round < 30; ++round) {
+        if (t % 3 == 0) {
+          SipJson msg(0x0B10, t % 2 ? kGerman : kEnglish, 0, 0);
+          msg.SetDataValue(0, 0x16);
+          module_->OnRequest(msg);
+          std::vector<uint8_t> data;
+          msg.GetDataBytes(0, data);
+          std::vector<PageRecord> page;
+          bool ok = msg.GetStatus(0) == 0 && ParsePage(data, &page);
+          for (size_t r = 1; ok && r < page.size(); ++r) ok = page[r - 1].sequence < page[r].sequence;
+          if (!ok) ++bad;
+          ++pages;
+        } else if (t % 3 == 1) {
+          SipJson msg(0x0B13, 0, 0, 0);
+          uint32_t n = 0;
+          if (module_->OnRequest(msg) != 1 || !msg.GetDataValue(0, n) || n > 2000) ++bad;
+        } else {
+          SipJson msg(0x0B21, kEnglish, 0, 0);
+          msg.SetDataValue(0x0A0000 + static_cast<uint32_t>(round % 7), 0x16);
+          module_->OnRequest(msg);
+          const uint32_t st = msg.GetStatus(0);
+          if (st != 0x00 && st != 0x16 && st != 0x14) ++bad;
+        }
+      }
+    });
+  }
+  std::thread events([&] {
+    for (uint32_t n = 0; !stop && n < 3000; ++n) {
+      SipJson event(0x0B16, 0, 0, 0);
+      event.SetRawData(EncodeLog({Unified(0x040005, 1000 + n, {"3", "4"})}), 0xFF);
+      host_.DeliverEvent(kMidA, event);
+      if (n % 50 == 0) module_->Rescan();  // more scans of the same cabinet
+    }
+  });
+  for (auto& client : clients) client.join();
+  stop = true;
+  events.join();
+  EXPECT_EQ(0, bad.load());
+  EXPECT_EQ(60, pages.load());
+}
+
+}  // namespace
