@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "E2EHost.h"
+#include "hostsim/Scenario.h"
 #include "hostsim/SimLog.h"
 
 namespace {
@@ -370,6 +371,39 @@ TEST_F(LogQueryE2ETest, Stress_SixClientsWhileScansAndEventsRun) {
   events.join();
   EXPECT_EQ(0, bad.load());
   EXPECT_EQ(60, pages.load());
+}
+
+TEST_F(LogQueryE2ETest, DemoScenario_EveryRequestAnswered) {
+  hostsim::Scenario demo;
+  std::string error;
+  ASSERT_TRUE(demo.Load(EM_DEMO_SCENARIO, error)) << error;
+  demo.ApplyTo(host_);
+  StartWithCabinets(demo.serverCabinet, demo.seCabinets);
+  module_->Rescan();
+  uint32_t ci = 0;
+  for (const hostsim::ScenarioRequest& request : demo.requests) {
+    SipJson msg = request.ToMessage();
+    msg.SetKey("CI", ++ci, true);
+    SCOPED_TRACE(msg.Serialize());
+    EXPECT_EQ(1u, module_->OnRequest(msg));
+    if (msg.GetStatus(0) == 0x16) {
+      const std::optional<SipJson> late = LateAnswer(host_, ci);
+      ASSERT_TRUE(late.has_value());
+      EXPECT_TRUE(late->HasKey(0, "DA")) << "found below";
+    } else {
+      EXPECT_EQ(0x00u, msg.GetStatus(0));
+    }
+    if (request.oc == 0x0B10) {
+      std::vector<uint8_t> data;
+      std::vector<PageRecord> page;
+      msg.GetDataBytes(0, data);
+      ASSERT_TRUE(ParsePage(data, &page));
+      for (const PageRecord& record : page) {
+        EXPECT_EQ(std::string::npos, record.text.find("Unknown error")) << record.text;
+        EXPECT_EQ(std::string::npos, record.text.find("<?")) << record.text;
+      }
+    }
+  }
 }
 
 }  // namespace

@@ -15,7 +15,6 @@
 #include <vector>
 
 #include "E2EHost.h"
-#include "hostsim/Scenario.h"
 
 namespace {
 
@@ -355,21 +354,6 @@ TEST_F(RequestE2ETest, BadInput_DefinedAnswersNoCrash) {
   EXPECT_TRUE(Sink().HasLine(
       "\nEM_OIDMAP (REQ)     : OC 0x0310-0x0000 OID 0x0000 CABID 0000 MID 0x00000000 Stat 0x16 Len 2"))
       << "an opcode sent as text is traced by its value";
-}
-
-TEST_F(RequestE2ETest, DemoScenario_EveryRequestAnswered) {
-  hostsim::Scenario demo;
-  std::string error;
-  ASSERT_TRUE(demo.Load(EM_DEMO_SCENARIO, error)) << error;
-  demo.ApplyTo(host_);
-  StartWithCabinets(demo.serverCabinet, demo.seCabinets);
-  module_->Rescan();
-  for (const hostsim::ScenarioRequest& request : demo.requests) {
-    SipJson msg = request.ToMessage();
-    SCOPED_TRACE(msg.Serialize());
-    EXPECT_EQ(1u, Send(msg));
-    EXPECT_EQ(0x00u, msg.GetStatus(0));
-  }
 }
 
 // A host whose hand-back fails: the reply handler must report it and stay usable.

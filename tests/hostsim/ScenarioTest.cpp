@@ -98,28 +98,6 @@ TEST(ScenarioTest, MalformedInput_FailsWithAReasonAndKeepsTheScenario) {
   EXPECT_NE(error.find("cannot open"), std::string::npos);
 }
 
-TEST(ScenarioTest, Demo_FansSpreadOverTwoModulesInCabinetZero) {
-  Scenario demo;
-  std::string error;
-  ASSERT_TRUE(demo.Load(EM_DEMO_SCENARIO, error)) << error;
-  EXPECT_EQ(demo.seCabinets, (std::vector<uint32_t>{1, 2}));
-
-  SimHost host;
-  demo.ApplyTo(host);
-  SipJson fans = Broadcast(host, 0x0300, 0, 0);
-  ASSERT_EQ(fans.CommandCount(), 2u);
-  EXPECT_EQ(fans.GetKey(1, "MI"), 0x00020001u);
-  EXPECT_EQ(DataValue(fans, 0) + DataValue(fans, 1), 5u);
-  EXPECT_EQ(Broadcast(host, 0x0300, 0, 1).GetStatus(1), 1u);  // nothing in SE cabinets
-
-  // Logs in both forms: the first module's unified, the second's old-style.
-  SipJson unified = Broadcast(host, 0x0B16, 0, 0);
-  EXPECT_EQ(unified.GetDataForm(0), SipDataForm::kRawBytes);
-  EXPECT_EQ(unified.GetStatus(1), 1u);
-  SipJson errors = Broadcast(host, 0x0B00, 0, 0);
-  EXPECT_EQ(errors.GetDataLength(1), 16u) << "one record with one argument beyond the first";
-}
-
 TEST(ScenarioTest, Logs_RecordsWrittenReadablyAreEncoded) {
   Scenario scenario;
   std::string error;
