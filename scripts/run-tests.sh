@@ -45,5 +45,7 @@ cmake --preset bench >/dev/null
 cmake --build --preset bench
 ./build/bench/bench/oidmap_bench --benchmark_min_time=0.01 >/dev/null
 ./build/bench/bench/log_collection_bench --benchmark_min_time=0.01 >/dev/null
+./build/bench/bench/request_bench --benchmark_min_time=0.01 >/dev/null
+./build/bench/bench/msglog_bench --benchmark_min_time=0.01 >/dev/null
 echo "benchmarks ran"
 echo "all test suites passed"
