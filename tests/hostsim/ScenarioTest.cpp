@@ -10,19 +10,8 @@
 namespace hostsim {
 namespace {
 
-SipJson Broadcast(SimHost& host, uint32_t oc, uint32_t oe, uint32_t ca) {
-  SipJson msg(oc, oe, 0, ca);
-  msg.SetKey("MI", kAllModules, false);
-  host.SendRequest(0, msg, 5000);
-  return msg;
-}
-
-uint32_t DataValue(const SipJson& msg, int32_t index) {
-  uint32_t value = 0xDEAD;
-  msg.GetDataValue(index, value);
-  return value;
-}
-
+// The members the demo scenario (played end to end) does not use: the host kind, a failing
+// cabinet enumeration, delays, status overrides, and rule order.
 TEST(ScenarioTest, FileRoundTrip_HostAnswersAsDescribed) {
   const std::string path = ::testing::TempDir() + "/hostsim_scenario.json";
   {
@@ -32,10 +21,8 @@ TEST(ScenarioTest, FileRoundTrip_HostAnswersAsDescribed) {
       "modules": [{"mid": "0x00030001",
         "rules": [{"oc": "0x0B02", "oi": 2, "ca": 16, "st": "0x0C", "da": {"RAW": [1, 2, 255]},
                    "delayMs": 900000}, {"oc": "0x0B02", "st": 21, "da": ["a", "b"]}],
-        "counts": [{"oc": "0x0400", "ca": 16, "count": 4}, {"oc": "0x0B03", "count": 1}],
-        "config": [{"oe": "0x30", "da": 5}], "statusOverrides": [{"oc": "0x0B03", "st": "0x14"}]}],
-      "requests": [{"oc": "0xE002", "oe": 17, "oi": 1, "ca": 16, "mi": "0xFFFFFFFF", "da": true}]
-    })";
+        "counts": [{"oc": "0x0B03", "count": 1}],
+        "statusOverrides": [{"oc": "0x0B03", "st": "0x14"}]}]})";
   }
   Scenario scenario;
   std::string error;
@@ -50,38 +37,28 @@ TEST(ScenarioTest, FileRoundTrip_HostAnswersAsDescribed) {
   uint8_t count = 0;
   EXPECT_FALSE(host.EnumerateSeCabinets(16, &cabinets, &count));
 
-  EXPECT_EQ(DataValue(Broadcast(host, 0x0400, 0, 16), 0), 4u);
-  EXPECT_EQ(DataValue(Broadcast(host, 0xE001, 0x30, 16), 0), 5u);
-  EXPECT_EQ(Broadcast(host, 0x0B03, 0, 16).GetStatus(0), 0x14u);  // overrides come first
+  SipJson overridden(0x0B03, 0, 0, 16);  // overrides come before the count
+  host.SendRequest(0, overridden, 5000);
+  EXPECT_EQ(overridden.GetStatus(0), 0x14u);
   SipJson slow(0x0B02, 0, 2, 16);  // the first rule in file order, with its delay
   host.SendRequest(0, slow, 150000);
   EXPECT_EQ(slow.GetStatus(0), 0x0Fu);
   SipJson other(0x0B02, 0, 3, 16);
   host.SendRequest(0, other, 150000);
   EXPECT_EQ(other.GetDataForm(0), SipDataForm::kMultiString);
-
-  ASSERT_EQ(scenario.requests.size(), 1u);
-  EXPECT_EQ(scenario.requests[0].ToMessage().Serialize(),
-            "{\"SIP\":{\"V\":1,\"CMD\":[{\"OC\":57346,\"OE\":17,\"OI\":1,\"CA\":16,"
-            "\"MI\":4294967295,\"DA\":true}]}}");
 }
 
+// A scenario that is silently read otherwise than written would let tests pass on wrong
+// premises: such input is refused with a reason.
 TEST(ScenarioTest, MalformedInput_FailsWithAReasonAndKeepsTheScenario) {
   const struct { const char* text; const char* reason; } cases[] = {
       {"{\"modules\": [", "not valid JSON"},
-      {"[1, 2]", "must be an object"},
-      {"{\"modules\": {}}", "\"modules\" is not an array"},
       {"{\"modules\": [{\"mid\": \"0x100000000\"}]}", "not an unsigned 32-bit"},
       {"{\"modules\": [{\"mid\": 1, \"rules\": [{\"oc\": 1, \"delay\": 5}]}]}",
        "modules[0].rules[0] has unknown member \"delay\""},
       {"{\"requests\": [{\"oe\": 1}]}", "requests[0] lacks member \"oc\""},
-      {"{\"seCabinets\": [1, null]}", "seCabinets"},
-      {"{\"modules\": [{\"mid\": 1, \"errorLog\": [{\"order\": 1}]}]}",
-       "modules[0].errorLog[0] lacks member \"code\""},
       {"{\"modules\": [{\"mid\": 1, \"eventLog\": [{\"code\": \"0x4000\"}]}]}",
        "does not fit 14 bits"},
-      {"{\"modules\": [{\"mid\": 1, \"messageLog\": [{\"code\": 1, \"strings\": [1]}]}]}",
-       "\"strings\" holds something other than strings"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
@@ -92,10 +69,6 @@ TEST(ScenarioTest, MalformedInput_FailsWithAReasonAndKeepsTheScenario) {
     EXPECT_NE(error.find(c.reason), std::string::npos) << error;
     EXPECT_EQ(scenario.hostKind, 77u);
   }
-  Scenario scenario;
-  std::string error;
-  EXPECT_FALSE(scenario.Load(::testing::TempDir() + "/no/such/scenario.json", error));
-  EXPECT_NE(error.find("cannot open"), std::string::npos);
 }
 
 TEST(ScenarioTest, Logs_RecordsWrittenReadablyAreEncoded) {

@@ -10,8 +10,6 @@
 
 namespace {
 
-using hostsim::Sink;
-
 class RegistryTest : public platform_test::TempDirTest {
  protected:
   LSTATUS SetString(CRegistry& reg, HKEY key, const char* name, const std::string& text,
@@ -73,8 +71,6 @@ TEST_F(RegistryTest, RestoreFallsBackToBackupThenDefault) {
   {
     CRegistry reg(dir_);
     EXPECT_EQ(GetString(reg, "", "from"), "old");
-    EXPECT_TRUE(Sink().HasLine("CRegistry: WARNING: Could not restore tree from \"" +
-                               Path("registry") + "\", trying backup\n"));
   }
   Write("registry", "");
   std::remove(Path("registry.old").c_str());
@@ -87,8 +83,6 @@ TEST_F(RegistryTest, RestoreFallsBackToBackupThenDefault) {
   std::remove(Path("registry.default").c_str());
   CRegistry reg(dir_);
   reg.SetupTree(false);
-  EXPECT_TRUE(Sink().HasLine("CRegistry: ERROR: Could not restore tree from \"" +
-                             Path("registry.default") + "\", restoring failed\n"));
   EXPECT_EQ(reg.Root()->KeyNames().size(), 5u);
   EXPECT_TRUE(reg.SaveTree());  // an empty "registry" is replaced, not kept as backup
   EXPECT_FALSE(Exists("registry.old"));
@@ -117,7 +111,6 @@ TEST_F(RegistryTest, EmptyLineEndsSectionAndBadLinesAreSkipped) {
   EXPECT_EQ(hklm->KeyNames(), std::vector<std::string>{"K"});  // no "Evil", no "noclose"
   EXPECT_EQ(hklm->ValueNames(), (std::vector<std::string>{"a", "b", "bin", "last", "n"}));
   EXPECT_EQ(Query(reg, HKEY_LOCAL_MACHINE, "bin", nullptr), std::vector<uint8_t>{1});
-  EXPECT_TRUE(Sink().Contains("holds junk"));
 }
 
 TEST_F(RegistryTest, DeepNestingIsBoundedAndKeepsStructure) {
@@ -127,7 +120,6 @@ TEST_F(RegistryTest, DeepNestingIsBoundedAndKeepsStructure) {
   Write("registry", text);
   CRegistry reg(dir_);
   EXPECT_EQ(GetString(reg, "", "after"), "2");
-  EXPECT_TRUE(Sink().Contains("nested deeper than 64 levels skipped"));
   std::shared_ptr<CRegistryNode> node = reg.Root()->FindKey("HKEY_LOCAL_MACHINE");
   int depth = 1;
   while ((node = node->FindKey("k")) != nullptr) ++depth;
@@ -146,8 +138,6 @@ TEST_F(RegistryTest, FailedSaveLeavesPreviousFilesInPlace) {
   EXPECT_EQ(SetString(reg, HKEY_LOCAL_MACHINE, "v", "three"), ERROR_SUCCESS);
   EXPECT_TRUE(reg.IsDirty());
   EXPECT_FALSE(reg.SaveTree());
-  EXPECT_TRUE(Sink().HasLine("CRegistry: ERROR: Cannot open \"" + Path("registry.new") +
-                             "\" for writing\n"));
   EXPECT_EQ(Read("registry"), saved);
   EXPECT_NE(Read("registry.old").find("v=s=one"), std::string::npos);
 
@@ -171,14 +161,12 @@ TEST_F(RegistryTest, HandleMisuseFailsCleanly) {
   ASSERT_EQ(reg.CreateKey(HKEY_LOCAL_MACHINE, "P", &parent), ERROR_SUCCESS);
   ASSERT_EQ(reg.CreateKey(parent, "C", &child), ERROR_SUCCESS);
   ASSERT_EQ(SetString(reg, child, nullptr, "default value"), ERROR_SUCCESS);
-  EXPECT_TRUE(Sink().HasLine("CRegistry::SetValue \"<null>\" 1 14\n"));
 
   uint32_t count = 4;
   uint8_t small[4];
   EXPECT_EQ(reg.QueryValue(child, "", nullptr, small, &count), ERROR_MORE_DATA);
   EXPECT_EQ(count, 14u);
   EXPECT_EQ(reg.QueryValue(child, "", nullptr, nullptr, nullptr), ERROR_INVALID_PARAMETER);
-  EXPECT_TRUE(Sink().HasLine("CRegistry::QueryValue: ** ERROR **  pdwCount is a NULL pointer\n"));
   EXPECT_EQ(reg.QueryValue(child, "missing", nullptr, nullptr, &count), ERROR_FILE_NOT_FOUND);
   EXPECT_EQ(reg.SetValue(child, "t", 7, nullptr, 0), ERROR_INVALID_PARAMETER);
   EXPECT_EQ(reg.SetValue(child, "d", REG_DWORD, nullptr, 2), ERROR_INVALID_PARAMETER);
@@ -202,7 +190,7 @@ TEST_F(RegistryTest, HandleMisuseFailsCleanly) {
 
 TEST_F(RegistryTest, ConcurrentWritersAndReadersKeepTreeAndFileWhole) {
   CRegistry reg(dir_);
-  TraceClient().SetTraceLevel(0);  // keep the run short; the trace paths are tested above
+  TraceClient().SetTraceLevel(0);  // keep the run short
   std::vector<std::thread> threads;
   for (int t = 0; t < 3; ++t) {
     threads.emplace_back([&reg, t] {

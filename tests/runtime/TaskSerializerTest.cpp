@@ -98,7 +98,6 @@ TEST_F(TaskSerializerTest, TwentiethTaskRefused_HigherLevelFirst_FifoWithinALeve
   for (uint32_t id = 1; id <= 18; ++id) EXPECT_TRUE(serializer.InsertTask(Task(id), 0, nullptr));
   EXPECT_TRUE(serializer.InsertTask(Task(19), 0, &done));
   EXPECT_FALSE(serializer.InsertTask(Task(20), 0, nullptr));
-  EXPECT_TRUE(Sink().HasLine("\nCTaskSerializer     : ## ERROR! Task queue for priority 0 is full"));
   EXPECT_EQ(serializer.Full(), (Runs{{20, 0}}));
   EXPECT_TRUE(serializer.InsertTask(Task(31), 1, nullptr));  // a queue of its own
   EXPECT_TRUE(serializer.InsertTask(Task(32), 1, nullptr));
@@ -126,7 +125,6 @@ TEST_F(TaskSerializerTest, ThrowingTaskStillSetsItsEvent_TasksMayQueueTasks) {
   EXPECT_EQ(thrown.Wait(kWaitMs, false), EVENT_WAIT_SIGNAL);
   EXPECT_EQ(inner.Wait(kWaitMs, false), EVENT_WAIT_SIGNAL);
   EXPECT_TRUE(accepted);
-  EXPECT_EQ(Sink().Count("\n\nCTaskSerializer     : ## EXCEPTION in OnTaskExecution()! ##"), 1u);
   EXPECT_EQ(serializer.Ran(), (Runs{{2, 0}, {3, 0}}));
 }
 
@@ -143,10 +141,7 @@ TEST_F(TaskSerializerTest, Terminate_FinishesCurrentTask_DropsQueuedOnes_Refuses
   opener.join();
   EXPECT_EQ(serializer.Ran(), (Runs{{kBlockerId, 0}}));
   EXPECT_FALSE(queued.Check());  // dropped: never run, never set
-  EXPECT_TRUE(Sink().Contains("THREAD_RETURN: ## INFO: Thread = 0x"));
-
   EXPECT_FALSE(serializer.InsertTask(Task(3), 0, nullptr));
-  EXPECT_TRUE(Sink().HasLine("\nCTaskSerializer     : Manager locked for Tasks at level 0. Task ignored!"));
   serializer.StartSerialization();  // a new worker, but the levels stay closed
   EXPECT_TRUE(WaitForTrace("\nCTaskSerializer     : START THREAD TaskHandler()!", 2));
   EXPECT_FALSE(serializer.InsertTask(Task(4), 0, nullptr));
@@ -197,8 +192,7 @@ TEST_F(TaskSerializerTest, NeverStarted_DestructorFreesQueuedTasksUnrun) {
     ASSERT_TRUE(serializer.InsertTask(Task(1), 0, &never));
     EXPECT_TRUE(serializer.TerminateSerialization());  // no worker: nothing to stop
     EXPECT_TRUE(serializer.InsertTask(Task(2), 0, nullptr));
-  }
-  EXPECT_TRUE(Sink().HasLine("\n\nCTaskSerializer     : Class destroyed!"));
+  }  // frees both tasks without running them (a leak shows under the sanitizers)
   EXPECT_FALSE(never.Check());
 }
 

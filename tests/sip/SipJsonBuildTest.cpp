@@ -33,10 +33,7 @@ TEST(SipJsonBuild, DataSettersReplacePreviousDataAndSetStatus) {
   SipJson msg(1, 0, 0, 0);
   uint32_t value = 0;
   msg.SetRawData({0x7F}, 0);
-  EXPECT_TRUE(msg.GetDataValue(0, value) && value == 0x7Fu);
-  EXPECT_EQ(msg.GetDataLength(0), 1u);
   msg.SetRawData({0x01, 0x02}, 0x15);
-  EXPECT_TRUE(msg.GetDataValue(0, value) && value == 0x0201u) << value;
   EXPECT_EQ(msg.GetDataLength(0), 2u);
   EXPECT_EQ(msg.GetStatus(0), 0x15u);
   msg.SetRawData({}, 0x0C);
@@ -53,13 +50,13 @@ TEST(SipJsonBuild, DataSettersReplacePreviousDataAndSetStatus) {
   EXPECT_EQ(msg.Command(0)->MemberCount(), 4u);  // OC, CA, DA, ST: no duplicates
 }
 
-TEST(SipJsonBuild, CurrentCommandExtendsOrRefuses) {
+// Commands that are not objects and messages without "CMD" are driven end to end; here:
+// the gap filled when extending, and indices out of bounds changing nothing.
+TEST(SipJsonBuild, CurrentCommandExtendsUpToTheBound) {
   SipJson msg(1, 0, 0, 0);
   msg.SetCurrentIndex(3);
   msg.SetStatus(0);
-  EXPECT_EQ(msg.CommandCount(), 4u);
   EXPECT_EQ(msg.Serialize(), R"({"SIP":{"V":1,"CMD":[{"OC":1,"CA":0},{},{},{"ST":0}]}})");
-
   const std::string before = msg.Serialize();
   for (int32_t index : {-1, SipJson::kMaxCommandIndex + 1}) {
     msg.SetCurrentIndex(index);
@@ -68,25 +65,6 @@ TEST(SipJsonBuild, CurrentCommandExtendsOrRefuses) {
     msg.SetStatus(5);
     EXPECT_EQ(msg.Serialize(), before);
   }
-  SipJson notObject = FromText(R"({"SIP":{"CMD":[5]}})");
-  notObject.SetRawData({1}, 0);
-  EXPECT_FALSE(notObject.SetKey("ST", 1, false));
-  EXPECT_EQ(notObject.Serialize(), R"({"SIP":{"CMD":[5]}})");
-
-  SipJson noCmd = FromText(R"({"SIP":{"V":2}})");
-  noCmd.SetStatus(3);
-  EXPECT_EQ(noCmd.Serialize(), R"({"SIP":{"V":2,"CMD":[{"ST":3}]}})");
-}
-
-TEST(SipJsonBuild, AppendCommandCopiesFromAnotherMessage) {
-  SipJson source = FromText(R"({"SIP":{"CMD":[{"OC":7,"DA":{"RAW":[1]},"X":"long text"}]}})");
-  SipJson target;
-  EXPECT_EQ(target.AppendCommand(*source.Command(0)), 0);
-  EXPECT_EQ(target.AppendCommand(*source.Command(0)), 1);
-  source = SipJson();  // nothing of the source may be shared
-  EXPECT_EQ(target.Serialize(),
-            R"({"SIP":{"V":1,"CMD":[{"OC":7,"DA":{"RAW":[1]},"X":"long text"},)"
-            R"({"OC":7,"DA":{"RAW":[1]},"X":"long text"}]}})");
 }
 
 TEST(SipJsonHostApi, ParseSerializeRoundTrip) {
@@ -147,6 +125,16 @@ TEST(SipJsonCopies, CopiesAreIndependentAndMovedFromIsUsable) {
   EXPECT_EQ(assigned.CurrentIndex(), 2);
   copy.SetStatus(4);  // NOLINT(bugprone-use-after-move): a moved-from message is reusable
   EXPECT_EQ(copy.Serialize(), R"({"SIP":{"V":1,"CMD":[{"ST":4}]}})");
+
+  // Appended commands are copies too: nothing of the source may be shared.
+  SipJson source = FromText(R"({"SIP":{"CMD":[{"OC":7,"DA":{"RAW":[1]},"X":"long text"}]}})");
+  SipJson target;
+  EXPECT_EQ(target.AppendCommand(*source.Command(0)), 0);
+  EXPECT_EQ(target.AppendCommand(*source.Command(0)), 1);
+  source = SipJson();
+  EXPECT_EQ(target.Serialize(),
+            R"({"SIP":{"V":1,"CMD":[{"OC":7,"DA":{"RAW":[1]},"X":"long text"},)"
+            R"({"OC":7,"DA":{"RAW":[1]},"X":"long text"}]}})");
 }
 
 }  // namespace

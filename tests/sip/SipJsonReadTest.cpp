@@ -130,12 +130,6 @@ TEST(SipJsonDataForms, DataBytes) {
   }
 }
 
-TEST(SipJsonDataForms, JsonTextUsesStandardEscapes) {
-  SipJson msg = WithData(R"({"k":"a\u001f\n\u0001","n":[1,true]})");
-  EXPECT_EQ(msg.GetDataJsonText(0), R"({"k":"a\u001F\n\u0001","n":[1,true]})");
-  EXPECT_EQ(WithData(R"({"RAW":[1]})").GetDataJsonText(0), "");
-}
-
 TEST(SipJsonDataForms, OnlyDataBearingStatusesCountAsData) {
   SipJson msg = FromText(R"({"SIP":{"CMD":[
       {"ST":0,"DA":1},{"ST":12,"DA":null},{"ST":21},{"ST":255,"DA":""},
