@@ -184,7 +184,9 @@ TEST_F(OidMapExtModuleTest, LogScans_StoreEveryModulesRecordsInOrder) {
     EXPECT_TRUE(module.IsLogDataSupported());
     EXPECT_TRUE(module.MsgLogCache().WaitForCacheReady(0, 0));
     for (const std::string& received : host.FindModule(kMidA)->Received()) {
-      if (c.task == 0x0B16) EXPECT_EQ(std::string::npos, received.find("\"OC\":2816"));  // 0x0B00
+      if (c.task == 0x0B16) {
+        EXPECT_EQ(std::string::npos, received.find("\"OC\":2816"));  // 0x0B00
+      }
     }
     Scan(module, c.task);
     entries = Entries(module);
