@@ -7,8 +7,11 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <string>
+#include <thread>
 #include <vector>
 
 #include "hostsim/DebugSink.h"
@@ -78,6 +81,37 @@ inline size_t SentWithOpcode(const hostsim::SimHost& host, uint32_t oc) {
   return n;
 }
 
+// A rule of a simulated module: it answers `oc` with status `st` and the JSON data `da`.
+inline hostsim::ReplyRule Rule(uint32_t oc, std::string da, uint32_t st = 0, uint32_t delayMs = 0) {
+  hostsim::ReplyRule rule;
+  rule.oc = oc;
+  rule.dataJson = std::move(da);
+  rule.status = st;
+  rule.delayMs = delayMs;
+  return rule;
+}
+
+// The text in a command's data.
+inline std::string DataText(const SipJson& msg, int32_t i = 0) {
+  std::string text;
+  msg.GetDataString(i, text);
+  return text;
+}
+
+// True when the module traced this line after its tag.
+inline bool Traced(const std::string& line) {
+  return hostsim::Sink().HasLine("\nEM_OIDMAP           : " + line);
+}
+
+// Waits up to 30 s until `n` trace lines hold `text`; true when they do.
+inline bool WaitForTrace(const std::string& text, size_t n) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+  while (hostsim::Sink().Count(text) < n && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(2));
+  }
+  return hostsim::Sink().Count(text) >= n;
+}
+
 constexpr uint32_t kMidA = 0x00010001;
 constexpr uint32_t kMidB = 0x00020001;
 
@@ -90,10 +124,7 @@ class ModuleHostTest : public ::testing::Test {
     hostsim::Sink().Clear();
   }
   void TearDown() override {
-    if (module_ != nullptr) {
-      EXPECT_EQ(1u, Lib().destroy());
-      module_ = nullptr;
-    }
+    if (module_ != nullptr) Destroy();
   }
 
   CIExtensionModule* Create() {
@@ -101,11 +132,22 @@ class ModuleHostTest : public ::testing::Test {
     return module_;
   }
 
-  void StartWithCabinets(uint32_t server, const std::vector<uint32_t>& se, bool enumOk = true) {
-    host_.SetSeCabinets(se, enumOk);
+  // Deletes the module; tests that create one per case call it before their host goes.
+  void Destroy() {
+    EXPECT_EQ(1u, Lib().destroy());
+    module_ = nullptr;
+  }
+
+  // Creates the module and starts it on `host` with `server` as the server's cabinet.
+  void StartOn(hostsim::SimHost& host, uint32_t server = 0) {
     Create();
     module_->SetServerCabinet(server);
-    ASSERT_EQ(1u, module_->Start(&host_, host_.Attach(module_)));
+    ASSERT_EQ(1u, module_->Start(&host, host.Attach(module_)));
+  }
+
+  void StartWithCabinets(uint32_t server, const std::vector<uint32_t>& se, bool enumOk = true) {
+    host_.SetSeCabinets(se, enumOk);
+    StartOn(host_, server);
   }
 
   hostsim::SimHost host_;

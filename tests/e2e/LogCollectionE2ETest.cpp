@@ -3,23 +3,18 @@
 // events that add an entry and announce it with CM_LogMessageEvent (0x0B11).
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <optional>
 #include <stdexcept>
-#include <string>
-#include <thread>
 #include <vector>
 
 #include "E2EHost.h"
-#include "hostsim/DebugSink.h"
-#include "hostsim/SimHost.h"
 #include "hostsim/SimLog.h"
-#include "sip/SipJson.h"
 
 namespace {
 
 using e2e::kMidA;
 using e2e::kMidB;
+using e2e::Rule;
 using hostsim::EncodeLog;
 using hostsim::OldStyle;
 using hostsim::Sink;
@@ -27,29 +22,13 @@ using hostsim::Unified;
 
 constexpr const char* kReadySet = "Ready event SET for message log cache cabinet";
 
-hostsim::ReplyRule Rule(uint32_t oc, uint32_t status, const std::string& data,
-                        uint32_t delayMs = 0) {
-  hostsim::ReplyRule rule;
-  rule.oc = oc;
-  rule.status = status;
-  rule.dataJson = data;
-  rule.delayMs = delayMs;
-  return rule;
-}
-
 class LogCollectionE2ETest : public e2e::ModuleHostTest {
  protected:
-  // Re-scan queues one message log scan per cabinet; waits until each has set its
-  // cabinet's ready event.
-  void RescanAndWait(size_t cabinets = 1) {
+  // Re-scan queues a message log scan of the one cabinet; waits until it set the ready event.
+  void RescanAndWait() {
     const size_t before = Sink().Count(kReadySet);
     module_->Rescan();
-    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
-    while (Sink().Count(kReadySet) < before + cabinets &&
-           std::chrono::steady_clock::now() < deadline) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
-    }
-    ASSERT_EQ(before + cabinets, Sink().Count(kReadySet));
+    ASSERT_TRUE(e2e::WaitForTrace(kReadySet, before + 1));
   }
 
   size_t SentWithOpcode(uint32_t oc) const { return e2e::SentWithOpcode(host_, oc); }
@@ -80,54 +59,47 @@ TEST_F(LogCollectionE2ETest, OldStyleRecords_CssAndDesignationAskedOncePerKey) {
   a.SetLog(0x0B00, 0u,
            EncodeLog({OldStyle(0x0401, 1, 2), OldStyle(0x0401, 2, 2), OldStyle(0x0401, 3, 2),
                       OldStyle(0x0401, 4, 3)}));
-  a.AddRule(Rule(0x0307, 0, "1"));          // CSS relevant
-  a.AddRule(Rule(0x0304, 0, "\"FAN 2\""));  // designation
-  // The other module's CSS requests fail: asked again for every record.
+  a.AddRule(Rule(0x0307, "1"));          // CSS relevant
+  a.AddRule(Rule(0x0304, "\"FAN 2\""));  // designation
+  // The second module's CSS requests fail: asked again for every record.
   hostsim::SimModule& b = host_.AddModule(kMidB);
   b.SetLog(0x0B00, 1u, EncodeLog({OldStyle(0x0701, 5, 1), OldStyle(0x0701, 6, 1)}));
-  b.AddRule(Rule(0x0505, 0x13, ""));
+  b.AddRule(Rule(0x0505, "", 0x13));
+  // The third one's classes have no CSS request; designation rows 0x360A and 0x360C ask
+  // nothing, 0x3601 falls back to the class row.
+  hostsim::SimModule& c = host_.AddModule(0x00030001);
+  c.SetLog(0x0B00, 0u,
+           EncodeLog({OldStyle(0x360A, 7), OldStyle(0x360C, 8), OldStyle(0x3601, 9),
+                      OldStyle(0x0501, 10)}));
+  c.AddRule(Rule(0xF042, "\"PSU 1\""));
   StartWithCabinets(0, {});
   RescanAndWait();
 
   EXPECT_EQ(2u, SentWithOpcode(0x0307)) << "one per key: objects 2 and 3";
   EXPECT_EQ(2u, SentWithOpcode(0x0304));
   EXPECT_EQ(2u, SentWithOpcode(0x0505)) << "a failed answer is not kept";
+  EXPECT_EQ(1u, SentWithOpcode(0xF042));
+  EXPECT_EQ(1u, SentWithOpcode(0x0404)) << "class 0x05";
+  EXPECT_EQ(4u, Sink().Count("Request CSS support"));
   EXPECT_EQ(4u, Sink().Count("\nEM_OIDMAP           :     CSS: yes"));
   EXPECT_EQ(4u, Sink().Count("Designation string: \"FAN 2\""));
-  EXPECT_TRUE(Sink().HasLine(
-      "\nEM_OIDMAP           :     Request CSS support CAB 0 OC 0x0307 OID 0x0002"));
-  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : Add message log entry 0x0401 OID 3"));
-  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           :     6 entries stored to messag log cache"));
-}
-
-TEST_F(LogCollectionE2ETest, DesignationRowsThatAskNothing_SendNoRequest) {
-  hostsim::SimModule& a = host_.AddModule(kMidA);
-  a.SetLog(0x0B00, 0u,
-           EncodeLog({OldStyle(0x360A, 1), OldStyle(0x360C, 2), OldStyle(0x3601, 3),
-                      OldStyle(0x0501, 4)}));
-  a.AddRule(Rule(0xF042, 0, "\"PSU 1\""));
-  StartWithCabinets(0, {});
-  RescanAndWait();
-  EXPECT_EQ(1u, SentWithOpcode(0xF042)) << "only 0x3601 falls back to the class row";
-  EXPECT_EQ(1u, SentWithOpcode(0x0404)) << "class 0x05";
   EXPECT_EQ(1u, Sink().Count("Designation string: \"PSU 1\""));
-  EXPECT_EQ(0u, Sink().Count("Request CSS support")) << "no class here has a CSS request";
+  EXPECT_TRUE(e2e::Traced("    Request CSS support CAB 0 OC 0x0307 OID 0x0002"));
+  EXPECT_TRUE(e2e::Traced("Add message log entry 0x0401 OID 3"));
+  EXPECT_TRUE(e2e::Traced("    10 entries stored to messag log cache"));
 }
 
 TEST_F(LogCollectionE2ETest, ModuleThatTimesOut_OthersEntriesKeptAndCacheReady) {
   host_.AddModule(kMidA).SetLog(0x0B16, std::nullopt, EncodeLog({Unified(0x123456, 1, {"a"})}));
-  hostsim::ReplyRule slow = Rule(0x0B00, 0, "", 200000);
-  host_.AddModule(kMidB).AddRule(slow);  // answers CM_LogEntry only after the time-out
+  host_.AddModule(kMidB).AddRule(Rule(0x0B00, "", 0, 200000));  // answers after the time-out
   StartWithCabinets(0, {});
   RescanAndWait();
-  EXPECT_TRUE(Sink().HasLine(
-      "\nEM_OIDMAP           : MID 0x00020001: ## CM_LogEntry (CMOID_CriticalErrorLog) - TIMEOUT!! ##"));
-  EXPECT_TRUE(Sink().HasLine(
-      "\nEM_OIDMAP           : MID 0x00020001: ## CM_LogEntry (CMOID_NonCriticalMessageLog) - "
+  EXPECT_TRUE(e2e::Traced("MID 0x00020001: ## CM_LogEntry (CMOID_CriticalErrorLog) - TIMEOUT!! ##"));
+  EXPECT_TRUE(e2e::Traced("MID 0x00020001: ## CM_LogEntry (CMOID_NonCriticalMessageLog) - "
       "TIMEOUT!! ##"));
-  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           :  Add message log entry 0x123456 (CSS: no)"));
-  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           :     1 entries stored to messag log cache"));
-  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : Ready event SET for message log cache cabinet 0"));
+  EXPECT_TRUE(e2e::Traced(" Add message log entry 0x123456 (CSS: no)"));
+  EXPECT_TRUE(e2e::Traced("    1 entries stored to messag log cache"));
+  EXPECT_TRUE(e2e::Traced("Ready event SET for message log cache cabinet 0"));
   EXPECT_FALSE(Sink().Contains("FAILED to set"));
 }
 
@@ -142,13 +114,13 @@ TEST_F(LogCollectionE2ETest, ExceptionInsideAScan_ReadyEventStillSet) {
     }
   });
   RescanAndWait();
-  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : EXCEPTION during message log scan"));
+  EXPECT_TRUE(e2e::Traced("EXCEPTION during message log scan"));
 
   // The log scan: the error log stage fails, the event log stage still runs.
   SipJson task(0x0B10, 0, 0, 0);
   e2e::CallSlot<void, SipJson*, int32_t>(module_, 25, &task, 0);
-  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           : EXCEPTION during error log scan"));
-  EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP           :     1 entries stored to messag log cache"));
+  EXPECT_TRUE(e2e::Traced("EXCEPTION during error log scan"));
+  EXPECT_TRUE(e2e::Traced("    1 entries stored to messag log cache"));
   EXPECT_EQ(2u, Sink().Count(kReadySet));
 }
 
@@ -175,8 +147,7 @@ TEST_F(LogCollectionE2ETest, LogEvents_StoreTheirRecordAndAnnounceItsSequenceNum
   e2e::CallSlot<void, SipJson*>(module_, 8, &reply);
   EXPECT_EQ(2u, FiredSequenceNumbers().size());
   EXPECT_EQ(2u, Sink().Count("## ERROR! Message log data from MID 0x00010001 malformed"));
-  EXPECT_TRUE(Sink().HasLine(
-      "\nEM_OIDMAP           : ## ERROR! Message log data from MID 0x00010001 is not raw bytes - "
+  EXPECT_TRUE(e2e::Traced("## ERROR! Message log data from MID 0x00010001 is not raw bytes - "
       "ignored"));
 
   host_.DeliverEvent(kMidA, LogEvent(0x0B00, EncodeLog({OldStyle(0x0403, 2)})));

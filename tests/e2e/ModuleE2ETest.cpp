@@ -4,52 +4,37 @@
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <array>
-#include <chrono>
-#include <cstdlib>
 #include <cstring>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "E2EHost.h"
-#include "hostsim/DebugSink.h"
-#include "hostsim/SimHost.h"
-#include "module/CIExtensionModule.h"
-#include "sip/SipJson.h"
 
 namespace {
 
-using e2e::Lib;
 using e2e::CallSlot;
-
 using e2e::kMidA;
 using e2e::kMidB;
-// Distinct count opcodes of the count opcode table: one broadcast each per cabinet.
-constexpr size_t kCountBroadcastsPerCabinet = 7;
+using e2e::Lib;
 
 class ModuleE2ETest : public e2e::ModuleHostTest {
  protected:
-  // Count broadcasts the module sent, per (OC, OE, CA).
-  size_t CountBroadcasts() const {
+  // Count broadcasts the module sent for cabinet `ca`, one per distinct count opcode.
+  size_t CountBroadcasts(const hostsim::SimHost& host, uint32_t ca) const {
     size_t n = 0;
-    for (const auto& sent : host_.SentRequests()) {
+    for (const auto& sent : host.SentRequests()) {
       SipJson msg;
       msg.Parse(sent.json);
       const uint32_t oc = msg.GetOpcode(sent.index);
-      if (msg.GetKey(sent.index, "MI") == 0xFFFFFFFF &&
+      if (msg.GetKey(sent.index, "MI") == 0xFFFFFFFF && msg.GetKey(sent.index, "CA") == ca &&
           (oc == 0x0300 || oc == 0x0400 || oc == 0x0500 || oc == 0x0520 || oc == 0xF041 ||
            oc == 0x0C21)) {
         ++n;
       }
     }
     return n;
-  }
-
-  std::vector<uint32_t> SeCabinets(uint32_t n) const {
-    std::vector<uint32_t> cabs;
-    for (uint32_t i = 1; i <= n; ++i) cabs.push_back(i);
-    return cabs;
   }
 };
 
@@ -89,32 +74,25 @@ TEST_F(ModuleE2ETest, SetupAction_ReportsEveryCallAndReturnsOne) {
 
 TEST_F(ModuleE2ETest, ConstructionAndDestruction_TraceInOrder) {
   Create();
-  Lib().destroy();
-  module_ = nullptr;
+  Destroy();
   const auto lines = hostsim::Sink().Lines();
-  auto pos = [&](const std::string& line) {
-    for (size_t i = 0; i < lines.size(); ++i) {
-      if (lines[i] == line) return static_cast<long>(i);
+  // Each pair of "-> " and "<- " lines only brackets its call: the second follows at once.
+  const char* const order[] = {
+      "\nEM DLL (EM_OIDMAP ) : Create module", "\nCTaskSerializer     : Enable all Tasks",
+      "\nEM_OIDMAP           : -> Constructor...", "+\nEM_OIDMAP           : <- Constructor",
+      "\nEM DLL (EM_OIDMAP ) : Destroy module...", "\nEM_OIDMAP           : -> Destructor...",
+      "+\nEM_OIDMAP           : <- Destructor", "\nCMsgLogCache        : <- Destructor",
+      "\nEM DLL (EM_OIDMAP ) : .. Module destroyed successfully!"};
+  size_t at = 0;
+  for (const char* line : order) {
+    const bool next = *line == '+';
+    const auto found = std::find(lines.begin() + at, lines.end(), line + (next ? 1 : 0));
+    ASSERT_NE(lines.end(), found) << line;
+    if (next) {
+      EXPECT_EQ(at, static_cast<size_t>(found - lines.begin())) << line;
     }
-    return -1L;
-  };
-  const long create = pos("\nEM DLL (EM_OIDMAP ) : Create module");
-  const long enable = pos("\nCTaskSerializer     : Enable all Tasks");
-  const long ctor_in = pos("\nEM_OIDMAP           : -> Constructor...");
-  const long ctor_out = pos("\nEM_OIDMAP           : <- Constructor");
-  const long destroy = pos("\nEM DLL (EM_OIDMAP ) : Destroy module...");
-  const long dtor_in = pos("\nEM_OIDMAP           : -> Destructor...");
-  const long dtor_out = pos("\nEM_OIDMAP           : <- Destructor");
-  const long cache_out = pos("\nCMsgLogCache        : <- Destructor");
-  const long done = pos("\nEM DLL (EM_OIDMAP ) : .. Module destroyed successfully!");
-  ASSERT_GE(create, 0);
-  EXPECT_LT(create, enable);
-  EXPECT_LT(enable, ctor_in);
-  EXPECT_EQ(ctor_in + 1, ctor_out);
-  EXPECT_LT(ctor_out, destroy);
-  EXPECT_EQ(dtor_in + 1, dtor_out) << "the pair only brackets the call";
-  EXPECT_LT(dtor_out, cache_out);
-  EXPECT_LT(cache_out, done);
+    at = static_cast<size_t>(found - lines.begin()) + 1;
+  }
 }
 
 TEST_F(ModuleE2ETest, VtableSlots_InfoTagAndTaskHandler) {
@@ -133,14 +111,13 @@ TEST_F(ModuleE2ETest, VtableSlots_InfoTagAndTaskHandler) {
   EXPECT_EQ(0x01u, msg.GetStatus(0));
 
   EXPECT_EQ(0u, (CallSlot<uint32_t, uint32_t, uint32_t, uintptr_t>(obj, 14, 0x40002, 0, 0)));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : *** SCN_POWERSTATE_RESUME *** \n"));
+  EXPECT_TRUE(e2e::Traced("*** SCN_POWERSTATE_RESUME *** \n"));
 
   // A message log scan without a host: nothing answers, the cabinet's cache is made
   // ready all the same.
   SipJson task(0x0B16, 0, 0, 3);
   CallSlot<void, SipJson*, int32_t>(obj, 25, &task, 0);
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : Ready event SET for message log cache cabinet 3"));
+  EXPECT_TRUE(e2e::Traced("Ready event SET for message log cache cabinet 3"));
   EXPECT_FALSE(hostsim::Sink().Contains("Request message log using CM_LogEntry"));
 
   std::array<unsigned char, 245> short_info{};
@@ -150,127 +127,91 @@ TEST_F(ModuleE2ETest, VtableSlots_InfoTagAndTaskHandler) {
   EXPECT_EQ(0, short_info[46]);
 }
 
-TEST_F(ModuleE2ETest, Start_NoSeCabinets_ExaminesServerCabinetOnly) {
-  host_.AddModule(kMidA).SetInstanceCount(0x0300, 0, 4, 3);
-  StartWithCabinets(4, {});
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : ## Start"));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : ## Server's cabinet number = 4"));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : 0 SE cabinet(s) detected..."));
-  EXPECT_EQ(1u, hostsim::Sink().Count("Check OID mapping for cabinet"));
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\n                    :      Check OID mapping for cabinet 4"));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : Init message log cache cabinet 4"));
-  EXPECT_EQ(kCountBroadcastsPerCabinet, CountBroadcasts());
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : Mapping for opcode 0x0300-0x0000 was already requested"));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : ## Start completed! ##"));
-  EXPECT_TRUE(hostsim::Sink().Contains("CThread::SetThreadName: ThreadId = 0x00000000, DebugName = "));
-}
-
-TEST_F(ModuleE2ETest, Start_EnumerationFails_OnlyServerCabinet) {
-  StartWithCabinets(0, {7, 8}, false);
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : No SE cabinets found"));
-  EXPECT_EQ(1u, hostsim::Sink().Count("Check OID mapping for cabinet"));
-}
-
-TEST_F(ModuleE2ETest, Start_TwoSeCabinets_EachCabinetChecked) {
-  StartWithCabinets(0, {11, 12});
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : 2 SE cabinet(s) detected..."));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           :       add cabinet 11"));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           :       add cabinet 12"));
-  EXPECT_EQ(3u, hostsim::Sink().Count("Check OID mapping for cabinet"));
-  EXPECT_EQ(3u, hostsim::Sink().Count("Init message log cache cabinet"));
-  EXPECT_EQ(3 * kCountBroadcastsPerCabinet, CountBroadcasts());
-  // Every count broadcast names its cabinet.
-  size_t for12 = 0;
-  for (const auto& sent : host_.SentRequests()) {
-    SipJson msg;
-    msg.Parse(sent.json);
-    if (msg.GetOpcode(sent.index) == 0x0C21 && msg.GetKey(sent.index, "CA") == 12) ++for12;
+TEST_F(ModuleE2ETest, Start_CabinetsExaminedAndMappingDecided) {
+  auto cabinets = [](uint32_t n) {
+    std::vector<uint32_t> list(n);
+    for (uint32_t i = 0; i < n; ++i) list[i] = i + 1;
+    return list;
+  };
+  struct Case {
+    uint32_t server;
+    std::vector<uint32_t> se;
+    bool enumOk;
+    uint32_t fansOfB;  // 0: B answers no count request (ST 0x01 replies do not count)
+    size_t checked;
+    std::vector<std::string> lines;  // after the module's tag unless they start a line
+    std::vector<const char*> absent;
+  };
+  const Case cases[] = {
+      {4, {}, true, 0, 1,
+       {"## Start", "## Server's cabinet number = 4", "0 SE cabinet(s) detected...",
+        "\n                    :      Check OID mapping for cabinet 4",
+        "Init message log cache cabinet 4",
+        "Mapping for opcode 0x0300-0x0000 was already requested",
+        "1 valid replies received for count opcode 0x0300-0x0000", "OID mapping NOT needed!",
+        "SEL resolution help desk message: \"Call the service desk at 555-0100\" (from config "
+        "space)",
+        "## Start completed! ##"},
+       {"required!", "No SE cabinets found"}},
+      {0, {7, 8}, false, 0, 1, {"No SE cabinets found"}, {"add cabinet"}},
+      {0, {11, 12}, true, 0, 3,
+       {"2 SE cabinet(s) detected...", "      add cabinet 11", "      add cabinet 12"}, {}},
+      {0, cabinets(99), true, 0, 100, {}, {"cabinet list overflow"}},
+      {0, cabinets(100), true, 0, 100,
+       {"\n\nEM_OIDMAP           : ## ERROR: cabinet list overflow; rest ignored!!\n",
+        "      add cabinet 99"},
+       {"add cabinet 100"}},
+      {0, {}, true, 2, 1,
+       {"2 valid replies received for count opcode 0x0300-0x0000",
+        "Mapping for OC 0x0300 required!", "OID mapping needed!",
+        "Add map table entry 0 for opcode 0x0300-0x0000",
+        "Counter OC 0x0300: Map instance id 0x0001 to MID 0x00020001 (added OID entry)"},
+       {"NOT needed"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(testing::Message() << "case " << &c - cases);
+    hostsim::SimHost host;
+    hostsim::SimModule& a = host.AddModule(kMidA);
+    a.SetInstanceCount(0x0300, 0, c.server, 3);
+    a.SetConfigText(0x211, "Call the service desk at 555-0100");
+    hostsim::SimModule& b = host.AddModule(kMidB);
+    if (c.fansOfB != 0) b.SetInstanceCount(0x0300, 0, c.server, c.fansOfB);
+    host.SetSeCabinets(c.se, c.enumOk);
+    hostsim::Sink().Clear();
+    StartOn(host, c.server);
+    EXPECT_EQ(c.checked, hostsim::Sink().Count("Check OID mapping for cabinet"));
+    EXPECT_EQ(c.checked, hostsim::Sink().Count("Init message log cache cabinet"));
+    const uint32_t last = c.checked == 1 ? c.server : c.se[c.checked - 2];
+    EXPECT_EQ(7u, CountBroadcasts(host, last)) << "each names its cabinet " << last;
+    for (const std::string& line : c.lines) {
+      EXPECT_TRUE(hostsim::Sink().HasLine(line[0] == '\n' ? line : "\nEM_OIDMAP           : " + line))
+          << line;
+    }
+    for (const char* text : c.absent) EXPECT_FALSE(hostsim::Sink().Contains(text)) << text;
+    EXPECT_TRUE(hostsim::Sink().Contains("CThread::SetThreadName: ThreadId = 0x00000000, DebugName = "));
+    Destroy();
   }
-  EXPECT_EQ(2u, for12) << "0x0C21 with OE 0x05 and 0x1C";
-}
-
-TEST_F(ModuleE2ETest, Start_CabinetListCap) {
-  StartWithCabinets(0, SeCabinets(99));
-  EXPECT_EQ(100u, hostsim::Sink().Count("Check OID mapping for cabinet"));
-  EXPECT_FALSE(hostsim::Sink().Contains("cabinet list overflow"));
-  EXPECT_EQ(100 * kCountBroadcastsPerCabinet, CountBroadcasts());
-  Lib().destroy();
-  module_ = nullptr;
-
-  hostsim::Sink().Clear();
-  host_.ClearRecords();
-  StartWithCabinets(0, SeCabinets(100));
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\n\nEM_OIDMAP           : ## ERROR: cabinet list overflow; rest ignored!!\n"));
-  EXPECT_EQ(100u, hostsim::Sink().Count("Check OID mapping for cabinet"));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           :       add cabinet 99"));
-  EXPECT_FALSE(hostsim::Sink().HasLine("\nEM_OIDMAP           :       add cabinet 100"));
-}
-
-TEST_F(ModuleE2ETest, Start_TwoModulesAnswering_MappingNeeded) {
-  host_.AddModule(kMidA).SetInstanceCount(0x0300, 0, 0, 3);
-  host_.AddModule(kMidB).SetInstanceCount(0x0300, 0, 0, 2);
-  StartWithCabinets(0, {});
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : 2 valid replies received for count opcode 0x0300-0x0000"));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : Mapping for OC 0x0300 required!"));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : OID mapping needed!"));
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : Add map table entry 0 for opcode 0x0300-0x0000"));
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : Counter OC 0x0300: Map instance id 0x0001 to MID 0x00020001 "
-      "(added OID entry)"));
-}
-
-TEST_F(ModuleE2ETest, Start_OneModuleAnswering_MappingNotNeeded) {
-  host_.AddModule(kMidA).SetInstanceCount(0x0300, 0, 0, 3);
-  host_.AddModule(kMidB);  // handles nothing: ST 0x01 replies do not count
-  StartWithCabinets(0, {});
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : 1 valid replies received for count opcode 0x0300-0x0000"));
-  EXPECT_TRUE(hostsim::Sink().HasLine("\nEM_OIDMAP           : OID mapping NOT needed!"));
-  EXPECT_FALSE(hostsim::Sink().Contains("required!"));
-}
-
-TEST_F(ModuleE2ETest, Start_ReadsHelpDeskTextFromConfigSpace) {
-  host_.AddModule(kMidA).SetConfigText(0x211, "Call the service desk at 555-0100");
-  StartWithCabinets(0, {});
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : SEL resolution help desk message: \"Call the service desk at "
-      "555-0100\" (from config space)"));
 }
 
 TEST_F(ModuleE2ETest, Rescan_ProbesIdentLanguagesAndQueuesOneScanPerCabinet) {
   hostsim::SimModule& mod = host_.AddModule(kMidA);
-  hostsim::ReplyRule languages;
-  languages.oc = 0x0B20;
-  languages.dataJson = R"({"RAW":[9,4,7,4,9,4,12]})";
-  mod.AddRule(languages);
+  mod.AddRule(e2e::Rule(0x0B20, R"({"RAW":[9,4,7,4,9,4,12]})"));
   StartWithCabinets(0, {5});
   hostsim::Sink().Clear();
   module_->Rescan();
 
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : EM_IDENT not present using KTAS fallback logic"));
+  EXPECT_TRUE(e2e::Traced("EM_IDENT not present using KTAS fallback logic"));
   EXPECT_EQ(2u, hostsim::Sink().Count("Supported SEL language: LangId 0x409"));
   EXPECT_EQ(1u, hostsim::Sink().Count("Supported SEL language: LangId 0x407"));
   EXPECT_EQ(3u, hostsim::Sink().Count("Supported SEL language"))
       << "the odd last byte is not a language";
   EXPECT_EQ(2u, hostsim::Sink().Count("Task with priority 0 inserted into task queue!"));
 
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (hostsim::Sink().Count("Ready event SET for message log cache cabinet") < 2 &&
-         std::chrono::steady_clock::now() < deadline) {
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  EXPECT_TRUE(e2e::WaitForTrace("Ready event SET for message log cache cabinet", 2));
   EXPECT_EQ(2u, hostsim::Sink().Count(
                     "Request message log using CM_LogMessageArgumentsRead broadcast..."));
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : Ready event SET for message log cache cabinet 0"));
-  EXPECT_TRUE(hostsim::Sink().HasLine(
-      "\nEM_OIDMAP           : Ready event SET for message log cache cabinet 5"));
+  EXPECT_TRUE(e2e::Traced("Ready event SET for message log cache cabinet 0"));
+  EXPECT_TRUE(e2e::Traced("Ready event SET for message log cache cabinet 5"));
 }
 
 TEST_F(ModuleE2ETest, CreateStartRescanDeleteCycles_AreClean) {
@@ -280,8 +221,7 @@ TEST_F(ModuleE2ETest, CreateStartRescanDeleteCycles_AreClean) {
     StartWithCabinets(0, {1, 2});
     module_->Rescan();
     if (round == 1) module_->Stop();
-    EXPECT_EQ(1u, Lib().destroy());
-    module_ = nullptr;
+    Destroy();
   }
   EXPECT_EQ(3u, hostsim::Sink().Count(".. Module destroyed successfully!"));
 }

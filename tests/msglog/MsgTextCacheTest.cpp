@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -48,26 +47,6 @@ TEST(MsgTextCacheTest, LookupsByKindCodeAndLanguage) {
     EXPECT_EQ(c.result, cache.FindParagraph(c.kind, c.code, 0x409, c.number, &paragraph));
     EXPECT_EQ(c.text, paragraph);
   }
-}
-
-TEST(MsgTextCacheTest, ConcurrentFillAndLookup) {
-  CMsgTextCache cache;
-  std::vector<int> misses(4, 0);
-  std::vector<std::thread> threads;
-  for (int t = 0; t < 4; ++t) {
-    threads.emplace_back([&cache, &misses, t] {
-      const uint16_t lang = static_cast<uint16_t>(t);
-      for (uint32_t code = 0; code < 200; ++code) {
-        cache.PutText(MsgTextKind::kSummary, code, lang, std::to_string(code));
-        std::string text;
-        misses[t] += !cache.FindText(MsgTextKind::kSummary, code, lang, &text) ||
-                     text != std::to_string(code);
-      }
-    });
-  }
-  for (auto& thread : threads) thread.join();
-  EXPECT_EQ(std::vector<int>(4, 0), misses);
-  EXPECT_EQ(800u, cache.Size(MsgTextKind::kSummary));
 }
 
 }  // namespace

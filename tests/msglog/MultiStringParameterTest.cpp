@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "hostsim/DebugSink.h"
-#include "module/DebugClient.h"
 
 namespace {
 
@@ -16,17 +14,6 @@ TEST(MultiStringParameterTest, ReplacesTheFirstOccurrenceFromTheStartIndexOn) {
   EXPECT_TRUE(ReplaceParameter(p, kHelpDeskParameter, "the desk", 1));
   EXPECT_EQ((Paragraphs{"Call %HD% now.", "No placeholder.", "the desk or %HD%",
                         "%hd% is another name"}), p);
-}
-
-TEST(MultiStringParameterTest, EmptyValueEmptiesParagraphsButKeepsTheirPlace) {
-  Paragraphs p = {"Replace the fan.", "Contact %HD%.", "Or write to %HD%."};
-  TraceClient().SetTraceLevel(4);
-  hostsim::Sink().Clear();
-  EXPECT_TRUE(ReplaceParameter(p, kHelpDeskParameter, "", 0));
-  TraceClient().SetTraceLevel(0);
-  EXPECT_EQ((Paragraphs{"Replace the fan.", "", ""}), p);
-  EXPECT_EQ(2u, hostsim::Sink().Count("\nEM_OIDMAP           :   -> param \"%HD%\" is empty - "
-                                      "remove message from multi string"));
 }
 
 }  // namespace
