@@ -103,15 +103,8 @@ void COidMapExtModule::OnTaskExecution(SipJson& task, int32_t /*level*/) {
     case CM_LogMessageRaw:
       RunRawLogTask(task);
       break;
-    case CM_LogMessageAllResolutions:
-    case CM_LogMessageAllCauses:
-    case CM_LogMessageLongText:
-    case CM_LogMessageSummary:
-    case CM_LogMessageCause:
-    case CM_LogMessageResolution:
-      RunTextTask(task);
-      break;
     default:
+      if (IsMessageTextOpcode(task.GetOpcode(i))) RunTextTask(task);
       break;
   }
 }

@@ -38,6 +38,12 @@ constexpr uint32_t CM_LogMessageLongText = 0x0B21;
 constexpr uint32_t CM_LogMessageSummary = 0x0B23;
 constexpr uint32_t CM_LogMessageCause = 0x0B24;       // one cause paragraph
 constexpr uint32_t CM_LogMessageResolution = 0x0B25;  // one resolution paragraph
+// The text requests: answered from the text cache or fetched below on the task thread.
+inline bool IsMessageTextOpcode(uint32_t oc) {
+  return oc == CM_LogMessageAllResolutions || oc == CM_LogMessageAllCauses ||
+         oc == CM_LogMessageLongText || oc == CM_LogMessageSummary ||
+         oc == CM_LogMessageCause || oc == CM_LogMessageResolution;
+}
 // The opcodes from here to there belong to the message log; others are not ours.
 constexpr uint32_t CM_MessageLogFirst = 0x0B01;
 constexpr uint32_t CM_MessageLogLast = 0x0B25;

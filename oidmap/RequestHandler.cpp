@@ -133,16 +133,11 @@ uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
     case CM_GetMsgLogCacheEntries:
     case CM_MsgLogLastSequenceNumber:
     case CM_MsgLogNumberOfEntries:
-    case CM_LogMessageAllResolutions:
-    case CM_LogMessageAllCauses:
-    case CM_LogMessageLongText:
-    case CM_LogMessageSummary:
-    case CM_LogMessageCause:
-    case CM_LogMessageResolution:
     case CM_LogMessageRaw:
     case CM_SupportedSelLanguages:
       return HandleMessageLogRequest(msg, oc);
     default:
+      if (IsMessageTextOpcode(oc)) return HandleMessageLogRequest(msg, oc);
       msg.SetStatus(ST_NOT_HANDLED);
       return 0;
   }
