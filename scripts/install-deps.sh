@@ -4,7 +4,7 @@
 # present.
 set -euo pipefail
 packages=(build-essential cmake rapidjson-dev libpugixml-dev libgtest-dev libgmock-dev
-          libbenchmark-dev)
+          libbenchmark-dev libcli11-dev libfmt-dev)
 if [ "${1:-}" = "--fuzz" ]; then
   packages+=(clang libclang-rt-dev)
 fi
