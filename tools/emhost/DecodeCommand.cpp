@@ -1,0 +1,3 @@
+#include "DecodeCommand.h"
+
+void AddDecodeCommand(CLI::App& /*app*/, int* /*exitCode*/) {}
