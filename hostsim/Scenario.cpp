@@ -1,11 +1,13 @@
 #include "hostsim/Scenario.h"
 
 #include <cctype>
+#include <algorithm>
 #include <fstream>
 #include <initializer_list>
 #include <sstream>
 
 #include <rapidjson/error/en.h>
+#include <rapidjson/reader.h>
 
 #include "hostsim/SimHost.h"
 #include "hostsim/SimLog.h"
@@ -206,6 +208,43 @@ bool ReadLog(ObjectReader& module, const std::string& where, const char* key, ui
   return true;
 }
 
+// A fault: what an opcode suffers (one of late, timeout, st, wrongType), optionally
+// only every n-th time.
+bool ReadFault(ObjectReader& item, SimModule& scratch) {
+  item.AllowOnly({"oc", "oe", "oi", "ca", "every", "lateMs", "timeout", "st", "wrongType"});
+  ReplyRule rule;
+  rule.oc = item.RequiredNumber("oc");
+  rule.oe = item.OptionalNumber("oe");
+  rule.oi = item.OptionalNumber("oi");
+  rule.ca = item.OptionalNumber("ca");
+  rule.every = item.Number("every", 1);
+  if (item.ok() && rule.every == 0) item.Fail("member \"every\" must be 1 or more");
+  int kinds = 0;
+  if (item.Find("lateMs") != nullptr) {
+    rule.lateMs = item.Number("lateMs", 0);
+    ++kinds;
+  }
+  if (item.Find("st") != nullptr) {
+    rule.status = item.Number("st", 0);
+    ++kinds;
+  }
+  for (const char* flag : {"timeout", "wrongType"}) {
+    const Value* value = item.Find(flag);
+    if (value == nullptr) continue;
+    if (!value->IsBool() || !value->GetBool()) {
+      item.Fail(std::string("member \"") + flag + "\" must be true");
+    }
+    ++kinds;
+  }
+  if (item.ok() && kinds != 1) {
+    item.Fail("needs exactly one of \"lateMs\", \"timeout\", \"st\" and \"wrongType\"");
+  }
+  if (item.Find("timeout") != nullptr) rule.delayMs = kNeverInTime;
+  rule.wrongType = item.Find("wrongType") != nullptr;
+  if (item.ok()) scratch.AddFault(rule);
+  return item.ok();
+}
+
 // Reads one module entry; the rules are expanded by a scratch SimModule so that they
 // end up in exactly the order and with the replacements its setters produce.
 bool ReadModule(const Value& entry, rapidjson::SizeType i, ScenarioModule& out,
@@ -213,7 +252,7 @@ bool ReadModule(const Value& entry, rapidjson::SizeType i, ScenarioModule& out,
   const std::string where = Where("modules", i);
   ObjectReader module(entry, where, error);
   module.AllowOnly({"mid", "rules", "counts", "config", "statusOverrides", "errorLog",
-                    "eventLog", "messageLog"});
+                    "eventLog", "messageLog", "faults", "keepsConfigWrites"});
   const uint32_t mid = module.RequiredNumber("mid");
   if (!module.ok()) return false;
   SimModule scratch(mid);
@@ -276,23 +315,150 @@ bool ReadModule(const Value& entry, rapidjson::SizeType i, ScenarioModule& out,
                                  std::nullopt, ReadUnifiedRecord, scratch, error)) {
     return false;
   }
+  if (const Value* faults = module.Array("faults")) {
+    for (rapidjson::SizeType f = 0; f < faults->Size(); ++f) {
+      ObjectReader item((*faults)[f], where + "." + Where("faults", f), error);
+      if (!ReadFault(item, scratch)) return false;
+    }
+  }
+  if (const Value* keep = module.Find("keepsConfigWrites")) {
+    if (keep->IsBool()) {
+      out.keepsConfigWrites = keep->GetBool();
+    } else {
+      module.Fail("member \"keepsConfigWrites\" is not a boolean");
+    }
+  }
   if (!module.ok()) return false;
   out.mid = mid;
   out.rules = scratch.Rules();
   return true;
 }
 
-bool ReadRequest(const Value& entry, rapidjson::SizeType i, ScenarioRequest& out,
-                 std::string& error) {
-  ObjectReader item(entry, Where("requests", i), error);
-  item.AllowOnly({"oc", "oe", "oi", "ca", "mi", "da"});
+void ReadCommand(ObjectReader& item, ScenarioRequest& out) {
   out.oc = item.RequiredNumber("oc");
   out.oe = item.Number("oe", 0);
   out.oi = item.Number("oi", 0);
   out.ca = item.Number("ca", 0);
   out.mi = item.OptionalNumber("mi");
   out.dataJson = item.Json("da");
+}
+
+bool ReadRequest(const Value& entry, rapidjson::SizeType i, ScenarioRequest& out,
+                 std::string& error) {
+  ObjectReader item(entry, Where("requests", i), error);
+  item.AllowOnly({"oc", "oe", "oi", "ca", "mi", "da"});
+  ReadCommand(item, out);
   return item.ok();
+}
+
+// An event of the timeline; a log event's "record" is encoded as its raw data.
+bool ReadEvent(const Value& entry, rapidjson::SizeType i, ScenarioEvent& out,
+               std::string& error) {
+  const std::string where = Where("events", i);
+  ObjectReader item(entry, where, error);
+  item.AllowOnly({"atMs", "mid", "oc", "oe", "oi", "ca", "da", "record"});
+  out.atMs = item.RequiredNumber("atMs");
+  out.mid = item.RequiredNumber("mid");
+  ReadCommand(item, out.command);
+  const Value* record = item.Find("record");
+  if (record == nullptr || !item.ok()) return item.ok();
+  if (item.Find("da") != nullptr) item.Fail("has both \"da\" and \"record\"");
+  ObjectReader fields(*record, where + ".record", error);
+  if (out.command.oc == kOcLogMessageArguments) {
+    SimUnifiedRecord unified;
+    if (ReadUnifiedRecord(fields, unified)) {
+      out.command.dataJson = RawDataJson(EncodeLog(std::vector<SimUnifiedRecord>{unified}));
+    }
+  } else if (out.command.oc == kOcLogEntry) {
+    SimOldStyleRecord old;
+    if (ReadOldStyleRecord(fields, old)) {
+      out.command.dataJson = RawDataJson(EncodeLog(std::vector<SimOldStyleRecord>{old}));
+    }
+  } else {
+    item.Fail("has a \"record\" but its \"oc\" is no log event (0x0B00, 0x0B16)");
+  }
+  return item.ok();
+}
+
+// Finds where the value at `path` ("modules[0].rules[2]", "" for the top) starts, or
+// the member `member` inside it when there is one, and gives its line (0: not found).
+class PathLocator : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PathLocator> {
+ public:
+  PathLocator(const std::string& path, const std::string& member,
+              rapidjson::StringStream& stream)
+      : path_(path), member_(path.empty() ? member : path + "." + member), stream_(stream) {}
+
+  size_t offset() const { return memberAt_ ? memberAt_ : valueAt_; }
+
+  bool Default() { return Scalar(); }
+  bool StartObject() { return Open(false); }
+  bool StartArray() { return Open(true); }
+  bool EndObject(rapidjson::SizeType) { return Close(); }
+  bool EndArray(rapidjson::SizeType) { return Close(); }
+  bool Key(const char* text, rapidjson::SizeType length, bool) {
+    key_.assign(text, length);
+    if (memberAt_ == 0 && !member_.empty() && Child() == member_) memberAt_ = stream_.Tell();
+    return true;
+  }
+
+ private:
+  struct Frame {
+    std::string path;
+    bool array;
+    size_t next = 0;
+  };
+  std::string Child() {
+    if (frames_.empty()) return "";
+    Frame& top = frames_.back();
+    if (top.array) return top.path + "[" + std::to_string(top.next) + "]";
+    return top.path.empty() ? key_ : top.path + "." + key_;
+  }
+  bool Scalar() {
+    Mark(Child());
+    if (!frames_.empty() && frames_.back().array) ++frames_.back().next;
+    return true;
+  }
+  bool Open(bool array) {
+    const std::string path = Child();
+    Mark(path);
+    if (!frames_.empty() && frames_.back().array) ++frames_.back().next;
+    frames_.push_back(Frame{path, array});
+    return true;
+  }
+  bool Close() {
+    frames_.pop_back();
+    return true;
+  }
+  void Mark(const std::string& path) {
+    if (valueAt_ == 0 && path == path_) valueAt_ = std::max<size_t>(stream_.Tell(), 1);
+  }
+
+  std::string path_, member_, key_;
+  rapidjson::StringStream& stream_;
+  std::vector<Frame> frames_;
+  size_t valueAt_ = 0, memberAt_ = 0;
+};
+
+size_t LineAt(const std::string& text, size_t offset) {
+  offset = std::min(offset, text.size());
+  return 1 + static_cast<size_t>(std::count(text.begin(), text.begin() + offset, '\n'));
+}
+
+// The line of the member an error names: its text starts with the path of the object
+// ("scenario" for the top), and a member it names in quotes is looked for inside it.
+size_t LineOfError(const std::string& text, const std::string& error) {
+  std::string path = error.substr(0, error.find(' '));
+  if (path == "scenario") path.clear();
+  std::string member;
+  const size_t quote = error.find('"');
+  if (quote != std::string::npos) {
+    member = error.substr(quote + 1, error.find('"', quote + 1) - quote - 1);
+  }
+  rapidjson::StringStream stream(text.c_str());
+  PathLocator locator(path, member, stream);
+  rapidjson::Reader reader;
+  reader.Parse(stream, locator);
+  return locator.offset() == 0 ? 0 : LineAt(text, locator.offset() - 1);
 }
 
 }  // namespace
@@ -317,15 +483,15 @@ bool Scenario::Parse(const std::string& text, std::string& error) {
   rapidjson::Document doc;
   doc.Parse(text.c_str(), text.size());
   if (doc.HasParseError()) {
-    error = std::string("scenario is not valid JSON: ") +
-            rapidjson::GetParseError_En(doc.GetParseError()) + " at offset " +
-            std::to_string(doc.GetErrorOffset());
+    error = std::to_string(LineAt(text, doc.GetErrorOffset())) +
+            ": scenario is not valid JSON: " +
+            rapidjson::GetParseError_En(doc.GetParseError());
     return false;
   }
   Scenario parsed;
   ObjectReader root(doc, "scenario", error);
   root.AllowOnly({"name", "hostKind", "serverCabinet", "seCabinets", "seEnumeration",
-                  "modules", "requests"});
+                  "modules", "requests", "events"});
   if (const Value* name = root.Find("name")) {
     if (name->IsString()) {
       parsed.name = name->GetString();
@@ -364,7 +530,18 @@ bool Scenario::Parse(const std::string& text, std::string& error) {
       if (ReadRequest((*requests)[i], i, request, error)) parsed.requests.push_back(request);
     }
   }
-  if (!root.ok()) return false;
+  if (const Value* events = root.Array("events")) {
+    for (rapidjson::SizeType i = 0; i < events->Size() && root.ok(); ++i) {
+      ScenarioEvent event;
+      if (ReadEvent((*events)[i], i, event, error)) parsed.events.push_back(event);
+    }
+    std::stable_sort(parsed.events.begin(), parsed.events.end(),
+                     [](const ScenarioEvent& a, const ScenarioEvent& b) { return a.atMs < b.atMs; });
+  }
+  if (!root.ok()) {
+    error = std::to_string(LineOfError(text, error)) + ": " + error;
+    return false;
+  }
   *this = std::move(parsed);
   return true;
 }
@@ -378,7 +555,7 @@ bool Scenario::Load(const std::string& path, std::string& error) {
   std::ostringstream text;
   text << file.rdbuf();
   if (!Parse(text.str(), error)) {
-    error = path + ": " + error;
+    error = path + ":" + error;
     return false;
   }
   return true;
@@ -389,6 +566,7 @@ void Scenario::ApplyTo(SimHost& host) const {
   host.SetSeCabinets(seCabinets, seEnumerationSucceeds);
   for (const ScenarioModule& entry : modules) {
     SimModule& module = host.AddModule(entry.mid);
+    module.SetKeepsConfigWrites(entry.keepsConfigWrites);
     for (const ReplyRule& rule : entry.rules) module.AddRule(rule);
   }
 }

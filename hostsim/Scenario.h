@@ -22,6 +22,7 @@ class SimHost;
 struct ScenarioModule {
   uint32_t mid = 0;
   std::vector<ReplyRule> rules;  // in matching order, convenience entries expanded
+  bool keepsConfigWrites = false;
 };
 
 struct ScenarioRequest {
@@ -36,6 +37,15 @@ struct ScenarioRequest {
   SipJson ToMessage() const;
 };
 
+// An event a simulated module sends up at a time after the module's start.
+struct ScenarioEvent {
+  uint32_t atMs = 0;
+  uint32_t mid = 0;
+  ScenarioRequest command;  // OC, OE, OI, CA and DA of the event
+
+  SipJson ToMessage() const { return command.ToMessage(); }
+};
+
 struct Scenario {
   std::string name;
   uint32_t hostKind = 0;
@@ -44,11 +54,12 @@ struct Scenario {
   bool seEnumerationSucceeds = true;
   std::vector<ScenarioModule> modules;
   std::vector<ScenarioRequest> requests;
+  std::vector<ScenarioEvent> events;  // in order of time
 
   // Replaces this scenario with the one in `text`. On failure returns false, sets
-  // `error` and leaves this scenario unchanged.
+  // `error` ("LINE: PATH what is wrong") and leaves this scenario unchanged.
   bool Parse(const std::string& text, std::string& error);
-  // Reads the file at `path` and parses it.
+  // Reads the file at `path` and parses it; errors start with "PATH:".
   bool Load(const std::string& path, std::string& error);
   // Configures the host: kind, SE cabinets and one simulated module per entry (added
   // after the host's existing modules).

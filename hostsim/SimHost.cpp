@@ -205,6 +205,12 @@ rapidjson::Value SimHost::BuildReply(const rapidjson::Value& request, SimModule*
   return reply;
 }
 
+void SimHost::RecordReplies(size_t at, const rapidjson::Value& replies) {
+  std::string text = ToJsonText(replies);
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (at < sent_.size()) sent_[at].repliesJson = std::move(text);
+}
+
 uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs) {
   int32_t index = msg.CurrentIndex();
   if (index < 0) {
@@ -213,10 +219,12 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
   }
   RequestHook hook;
   CIExtensionModule* sender = nullptr;
+  size_t recordAt = 0;
   {
     SentRequest record{msg.Serialize(), index, context, timeoutMs,
                        std::chrono::steady_clock::now(), std::this_thread::get_id()};
     std::lock_guard<std::mutex> lock(mutex_);
+    recordAt = sent_.size();
     sent_.push_back(std::move(record));
     recorded_.notify_all();
     hook = hook_;
@@ -239,6 +247,7 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
     for (const auto& module : modules) {
       replies.PushBack(BuildReply(request, module.get(), timeoutMs, allocator), allocator);
     }
+    RecordReplies(recordAt, replies);
     int32_t replyCount = 0;
     if (rapidjson::Value* commands = CommandArray(msg)) {
       replyCount = static_cast<int32_t>(replies.Size());
@@ -268,6 +277,11 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
     reply.CopyFrom(request, allocator);
     reply.RemoveMember("DA");
     SetMember(reply, "ST", kStatusNotHandled, allocator);
+  }
+  {
+    rapidjson::Value one(rapidjson::kArrayType);
+    one.PushBack(rapidjson::Value(reply, allocator), allocator);
+    RecordReplies(recordAt, one);
   }
   msg.SetCurrentIndex(index);
   msg.CurrentCommand() = reply;

@@ -47,6 +47,8 @@ struct SentRequest {
   uint32_t timeoutMs = 0;
   std::chrono::steady_clock::time_point when;
   std::thread::id thread;
+  // The reply commands the modules gave, as a JSON array, before the sender saw them.
+  std::string repliesJson;
 };
 
 // One message a module handed back, copied during the call.
@@ -123,6 +125,7 @@ class SimHost : public CIModuleHost {
   // Builds one module's reply to `request` in the message's allocator (may sleep).
   rapidjson::Value BuildReply(const rapidjson::Value& request, SimModule* module,
                               uint32_t timeoutMs, SipJson::Allocator& allocator);
+  void RecordReplies(size_t at, const rapidjson::Value& replies);
 
   mutable std::mutex mutex_;
   mutable std::condition_variable recorded_;

@@ -45,12 +45,16 @@ bool ReplyRule::MatchesData(const rapidjson::Value& command) const {
 }
 
 bool ReplyRule::SameKey(const ReplyRule& other) const {
-  return oc == other.oc && oe == other.oe && oi == other.oi && ca == other.ca &&
+  return !fault && !other.fault && oc == other.oc && oe == other.oe && oi == other.oi && ca == other.ca &&
          whenDa == other.whenDa;
 }
 
 void SimModule::Upsert(const ReplyRule& rule, bool atFront) {
   std::lock_guard<std::mutex> lock(mutex_);
+  UpsertLocked(rule, atFront);
+}
+
+void SimModule::UpsertLocked(const ReplyRule& rule, bool atFront) {
   for (auto it = rules_.begin(); it != rules_.end(); ++it) {
     if (it->SameKey(rule)) {
       rules_.erase(it);
@@ -107,6 +111,18 @@ void SimModule::SetStatusOverride(uint32_t oc, uint32_t status) {
   Upsert(rule, true);
 }
 
+void SimModule::AddFault(const ReplyRule& rule) {
+  ReplyRule fault = rule;
+  fault.fault = true;
+  std::lock_guard<std::mutex> lock(mutex_);
+  rules_.insert(rules_.begin(), fault);
+}
+
+void SimModule::SetKeepsConfigWrites(bool keep) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  keepsConfigWrites_ = keep;
+}
+
 void SimModule::ClearRules() {
   std::lock_guard<std::mutex> lock(mutex_);
   rules_.clear();
@@ -128,16 +144,67 @@ const ReplyRule* SimModule::Find(const rapidjson::Value& command) const {
   return nullptr;
 }
 
+namespace {
+
+// The same data as another JSON type: a number becomes text, anything else the number 0,
+// and no data at all the text "wrong type".
+std::string OfOtherType(const std::string& json) {
+  if (json.empty()) return "\"wrong type\"";
+  rapidjson::Document data;
+  data.Parse(json.c_str(), json.size());
+  if (data.IsNumber()) return QuoteJson(json);
+  return "0";
+}
+
+}  // namespace
+
 ModuleAnswer SimModule::Answer(const rapidjson::Value& command) {
   std::string text = ToJsonText(command);
+  const uint32_t oc = CommandKey(command, "OC", 0);
+  const uint32_t oe = CommandKey(command, "OE", 0);
+  const uint32_t oi = CommandKey(command, "OI", 0);
+  const uint32_t ca = CommandKey(command, "CA", 0);
   std::lock_guard<std::mutex> lock(mutex_);
   received_.push_back(std::move(text));
   ModuleAnswer answer;
-  if (const ReplyRule* rule = Find(command)) {
+  bool wrongType = false;
+  uint32_t lateMs = 0;
+  for (ReplyRule& rule : rules_) {
+    if (!rule.Matches(oc, oe, oi, ca) || !rule.MatchesData(command)) continue;
+    if (rule.every > 1 && ++rule.seen % rule.every != 0) continue;
+    if (rule.wrongType || rule.lateMs > 0) {
+      wrongType = wrongType || rule.wrongType;
+      lateMs += rule.lateMs;
+      continue;
+    }
     answer.handled = true;
-    answer.status = rule->status;
-    answer.dataJson = rule->dataJson;
-    answer.delayMs = rule->delayMs;
+    answer.status = rule.status;
+    answer.dataJson = rule.dataJson;
+    answer.delayMs = rule.delayMs;
+    break;
+  }
+  const rapidjson::Value* data = nullptr;
+  if (command.IsObject()) {
+    const auto it = command.FindMember("DA");
+    if (it != command.MemberEnd()) data = &it->value;
+  }
+  if (keepsConfigWrites_ && oc == kOcConfigWrite && data != nullptr) {
+    if (!answer.handled) {
+      answer.handled = true;
+      answer.status = kStatusOk;
+    }
+    if (answer.status == kStatusOk) {
+      ReplyRule kept;
+      kept.oc = kOcConfigRead;
+      kept.oe = oe;
+      kept.dataJson = ToJsonText(*data);
+      UpsertLocked(kept, false);
+    }
+  }
+  if (answer.delayMs != kNeverInTime) answer.delayMs += lateMs;
+  if (wrongType) {
+    answer.handled = true;
+    answer.dataJson = OfOtherType(answer.dataJson);
   }
   return answer;
 }

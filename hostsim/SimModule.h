@@ -26,6 +26,8 @@ constexpr uint32_t kStatusEvent = 0xFF;
 constexpr uint32_t kAllModules = 0xFFFFFFFF;
 constexpr uint32_t kAllCabinets = 0xFFFFFFFF;
 constexpr uint32_t kOcConfigRead = 0xE001;
+constexpr uint32_t kOcConfigWrite = 0xE002;
+constexpr uint32_t kNeverInTime = 0xFFFFFFFF;  // a delay no time-out waits for
 
 struct ReplyRule {
   uint32_t oc = 0;
@@ -37,6 +39,14 @@ struct ReplyRule {
   // The reply's "DA" as JSON text (any JSON value); empty: the reply carries no data.
   std::string dataJson;
   uint32_t delayMs = 0;
+  // Applies only to every n-th command it matches; the others go on to the next rules.
+  uint32_t every = 1;
+  uint32_t seen = 0;  // commands matched so far, for `every`
+  // Modifiers keep the answer of the rules after them: its data gets another JSON type,
+  // or it comes lateMs later.
+  bool wrongType = false;
+  uint32_t lateMs = 0;
+  bool fault = false;  // added by AddFault: never replaced by a setter
 
   // True when the rule answers a command with these members (missing members read 0).
   bool Matches(uint32_t oc, uint32_t oe, uint32_t oi, uint32_t ca) const;
@@ -79,6 +89,11 @@ class SimModule {
   void SetLog(uint32_t oc, std::optional<uint32_t> oi, const std::vector<uint8_t>& records);
   // Every command with opcode `oc` answers `status` without data, before any other rule.
   void SetStatusOverride(uint32_t oc, uint32_t status);
+  // A misbehaviour matched before every other rule, the later faults first.
+  void AddFault(const ReplyRule& rule);
+  // Configuration writes (OC 0xE002) with data that the rules answer ST 0, or leave
+  // unanswered, are kept: later reads of that value id answer the written data.
+  void SetKeepsConfigWrites(bool keep);
   void ClearRules();
   std::vector<ReplyRule> Rules() const;
 
@@ -94,12 +109,14 @@ class SimModule {
 
  private:
   void Upsert(const ReplyRule& rule, bool atFront);
+  void UpsertLocked(const ReplyRule& rule, bool atFront);  // REQUIRES: mutex_ held
   const ReplyRule* Find(const rapidjson::Value& command) const;  // REQUIRES: mutex_ held
 
   const uint32_t mid_;
   mutable std::mutex mutex_;
   std::vector<ReplyRule> rules_;
   std::vector<std::string> received_;
+  bool keepsConfigWrites_ = false;
 };
 
 // A numeric member of a command, as the host reads it: an unsigned number, or a text
