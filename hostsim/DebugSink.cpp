@@ -32,7 +32,7 @@ void CaptureSink::Capture(const char* format, va_list args) {
   }
   std::lock_guard<std::mutex> lock(mutex_);
   if (echo_) {
-    fputs(line.c_str(), stderr);
+    fputs(line.c_str(), echoTo_ != nullptr ? echoTo_ : stderr);
   }
   lines_.push_back(std::move(line));
 }
@@ -83,9 +83,10 @@ void CaptureSink::Clear() {
   lines_.clear();
 }
 
-void CaptureSink::SetEcho(bool echo) {
+void CaptureSink::SetEcho(bool echo, std::FILE* to) {
   std::lock_guard<std::mutex> lock(mutex_);
   echo_ = echo;
+  echoTo_ = to;
 }
 
 }  // namespace hostsim

@@ -7,6 +7,7 @@
 #define EM_HOSTSIM_DEBUGSINK_H
 
 #include <cstdarg>
+#include <cstdio>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -32,8 +33,8 @@ class CaptureSink : public CIDebugSink {
   // Number of captured lines that contain `fragment`.
   size_t Count(const std::string& fragment) const;
   void Clear();
-  // Echo every line to standard error as well.
-  void SetEcho(bool echo);
+  // Echo every line to `to` (nullptr: standard error) as well.
+  void SetEcho(bool echo, std::FILE* to = nullptr);
   // A sink that is not ready makes the module drop its lines.
   void SetReady(bool ready) { ready_ = ready; }
 
@@ -43,6 +44,7 @@ class CaptureSink : public CIDebugSink {
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
   bool echo_ = false;
+  std::FILE* echoTo_ = nullptr;
   volatile bool ready_ = true;
 };
 
