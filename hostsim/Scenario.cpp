@@ -388,7 +388,8 @@ class PathLocator : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PathL
               rapidjson::StringStream& stream)
       : path_(path), member_(path.empty() ? member : path + "." + member), stream_(stream) {}
 
-  size_t offset() const { return memberAt_ ? memberAt_ : valueAt_; }
+  // The offset of the member or the value, or npos.
+  size_t offset() const { return memberAt_ != std::string::npos ? memberAt_ : valueAt_; }
 
   bool Default() { return Scalar(); }
   bool StartObject() { return Open(false); }
@@ -397,7 +398,10 @@ class PathLocator : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PathL
   bool EndArray(rapidjson::SizeType) { return Close(); }
   bool Key(const char* text, rapidjson::SizeType length, bool) {
     key_.assign(text, length);
-    if (memberAt_ == 0 && !member_.empty() && Child() == member_) memberAt_ = stream_.Tell();
+    // Strings are read from a copy of the stream: Tell() still gives the opening quote.
+    if (memberAt_ == std::string::npos && !member_.empty() && Child() == member_) {
+      memberAt_ = stream_.Tell();
+    }
     return true;
   }
 
@@ -414,13 +418,13 @@ class PathLocator : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PathL
     return top.path.empty() ? key_ : top.path + "." + key_;
   }
   bool Scalar() {
-    Mark(Child());
+    Mark(Child(), stream_.Tell());
     if (!frames_.empty() && frames_.back().array) ++frames_.back().next;
     return true;
   }
   bool Open(bool array) {
     const std::string path = Child();
-    Mark(path);
+    Mark(path, stream_.Tell() - 1);  // the bracket is taken already
     if (!frames_.empty() && frames_.back().array) ++frames_.back().next;
     frames_.push_back(Frame{path, array});
     return true;
@@ -429,14 +433,14 @@ class PathLocator : public rapidjson::BaseReaderHandler<rapidjson::UTF8<>, PathL
     frames_.pop_back();
     return true;
   }
-  void Mark(const std::string& path) {
-    if (valueAt_ == 0 && path == path_) valueAt_ = std::max<size_t>(stream_.Tell(), 1);
+  void Mark(const std::string& path, size_t at) {
+    if (valueAt_ == std::string::npos && path == path_) valueAt_ = at;
   }
 
   std::string path_, member_, key_;
   rapidjson::StringStream& stream_;
   std::vector<Frame> frames_;
-  size_t valueAt_ = 0, memberAt_ = 0;
+  size_t valueAt_ = std::string::npos, memberAt_ = std::string::npos;
 };
 
 size_t LineAt(const std::string& text, size_t offset) {
@@ -458,7 +462,7 @@ size_t LineOfError(const std::string& text, const std::string& error) {
   PathLocator locator(path, member, stream);
   rapidjson::Reader reader;
   reader.Parse(stream, locator);
-  return locator.offset() == 0 ? 0 : LineAt(text, locator.offset() - 1);
+  return locator.offset() == std::string::npos ? 0 : LineAt(text, locator.offset());
 }
 
 }  // namespace

@@ -59,6 +59,18 @@ TEST(ScenarioTest, MalformedInput_FailsWithAReasonAndKeepsTheScenario) {
       {"{\"requests\": [{\"oe\": 1}]}", "requests[0] lacks member \"oc\""},
       {"{\"modules\": [{\"mid\": 1, \"eventLog\": [{\"code\": \"0x4000\"}]}]}",
        "does not fit 14 bits"},
+      // Errors start with the line of the member they name.
+      {"{\n\"modules\": [\n{\"mid\": 1,\n \"rules\": [{\"oc\": 1}, {\"oc\": 2,\n\"delay\": 5}]}]}",
+       "5: modules[0].rules[1] has unknown member \"delay\""},
+      {"{\"name\": 1,\n\n \"sound\": 2}", "3: scenario has unknown member \"sound\""},
+      {"{\n\"requests\": [\n{\"oe\": 1}]}", "3: requests[0] lacks member \"oc\""},
+      {"{\"modules\": [\n{\"mid\": 1,", "2: scenario is not valid JSON"},
+      {"{\"modules\": [{\"mid\": 1, \"faults\": [{\"oc\": 1, \"st\": 1, \"timeout\": true}]}]}",
+       "faults[0] needs exactly one of"},
+      {"{\"modules\": [{\"mid\": 1, \"faults\": [{\"oc\": 1, \"every\": 0, \"st\": 1}]}]}",
+       "\"every\" must be 1 or more"},
+      {"{\"events\": [{\"atMs\": 1, \"mid\": 1, \"oc\": 769, \"record\": {\"code\": 1}}]}",
+       "events[0] has a \"record\" but its \"oc\" is no log event"},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.text);
@@ -98,6 +110,54 @@ TEST(ScenarioTest, Logs_RecordsWrittenReadablyAreEncoded) {
   EXPECT_EQ(bytes(0x0B16, 0),
             (std::vector<uint8_t>{30, 0, 0, 1, 0x56, 0x34, 0x12, 0, 1, 0, 0, 0, 9, 0, 0, 0,
                                   4, 0, 0, 0, 0, 0, 0, 0, 2, 2, 'a', 'b', 0, 0}));
+}
+
+// Faults are matched before the rules and, as modifiers, keep their answer; kept writes
+// answer later reads. Each row is one request to the module, in order.
+TEST(ScenarioTest, FaultsAndKeptWrites_ChangeTheAnswersInOrder) {
+  Scenario scenario;
+  std::string error;
+  ASSERT_TRUE(scenario.Parse(R"({"modules": [{"mid": 1, "keepsConfigWrites": true,
+      "config": [{"oe": 50, "da": 300}],
+      "rules": [{"oc": 769, "da": {"Speed": 1}}, {"oc": 770, "da": 7},
+                {"oc": 57346, "oe": 51, "st": 24}],
+      "faults": [{"oc": 769, "every": 2, "wrongType": true}, {"oc": 770, "lateMs": 900000},
+                 {"oc": 771, "timeout": true}, {"oc": 772, "st": "0x13"}]}],
+      "events": [{"atMs": 9, "mid": 1, "oc": 2816, "record": {"code": 1025, "oid": 2}},
+                 {"atMs": 3, "mid": 1, "oc": 769, "oi": 1, "da": 5}]})",
+                             error))
+      << error;
+  SimHost host;
+  scenario.ApplyTo(host);
+  auto data = [](const SipJson& msg) {
+    const rapidjson::Value& command = *msg.Command(0);
+    const auto da = command.FindMember("DA");
+    return da == command.MemberEnd() ? std::string() : ToJsonText(da->value);
+  };
+  const struct { uint32_t oc, oe; const char* data; uint32_t st; const char* answer; } rows[] = {
+      {769, 0, "", 0x00, R"({"Speed":1})"},
+      {769, 0, "", 0x00, "0"},  // every 2nd time of another type
+      {769, 0, "", 0x00, R"({"Speed":1})"},
+      {770, 0, "", 0x0F, ""},   // late beyond the time-out
+      {771, 0, "", 0x0F, ""},
+      {772, 0, "", 0x13, ""},
+      {57346, 50, "60", 0x00, ""},
+      {57345, 50, "", 0x00, "60"},  // the kept write
+      {57346, 51, "70", 0x18, ""},  // refused: not kept
+      {57345, 51, "", 0x01, ""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.oc);
+    ScenarioRequest request{row.oc, row.oe, 0, 0, 1u, row.data};
+    SipJson msg = request.ToMessage();
+    host.SendRequest(0, msg, 5000);
+    EXPECT_EQ(msg.GetStatus(0), row.st);
+    EXPECT_EQ(data(msg), row.answer);
+  }
+  ASSERT_EQ(scenario.events.size(), 2u);  // in order of time
+  EXPECT_EQ(scenario.events[0].atMs, 3u);
+  EXPECT_EQ(data(scenario.events[1].ToMessage()),
+            R"({"RAW":[1,4,0,0,0,0,0,0,0,0,2,0]})");
 }
 
 }  // namespace

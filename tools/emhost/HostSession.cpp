@@ -27,7 +27,7 @@ void AddHostOptions(CLI::App& command, HostOptions& options) {
   options.msgDir = EM_SAMPLE_MSGFILES_DIR;
   command.add_option("SCENARIO", options.scenarioPath,
                      "scenario file, - for standard input (default: the built-in demo)")
-      ->type_name("SCENARIO");
+      ->type_name("FILE");
   command.add_option("--module", options.modulePath,
                      "extension module to load (default: the one built beside emhost)")
       ->type_name("PATH");

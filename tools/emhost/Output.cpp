@@ -87,7 +87,8 @@ void Output::Note(const std::string& text) {
 }
 
 void Output::Answer(size_t number, const SipJson& request, uint32_t result,
-                    const SipJson& answer, const std::vector<std::string>& mergedFrom) {
+                    const SipJson& answer, long long tookMs,
+                    const std::vector<std::string>& mergedFrom) {
   if (format_ == OutputFormat::kJson) {
     std::string merged;
     for (const std::string& replies : mergedFrom) merged += (merged.empty() ? "" : ",") + replies;
@@ -102,7 +103,7 @@ void Output::Answer(size_t number, const SipJson& request, uint32_t result,
   std::string text = fmt::format("request {}: {}{}\n", number, Describe(*sent), DataText(*sent));
   const bool page = hostsim::CommandKey(*reply, "OC", 0) == kOcLogPage &&
                     answer.GetStatus(answer.CurrentIndex()) == 0 && reply->HasMember("DA");
-  text += fmt::format("answer  {}: result {}, {}", number, result,
+  text += fmt::format("answer  {}: result {} after {} ms, {}", number, result, tookMs,
                       page ? "ST 0x00, " + LogPageTable(answer) : StatusAndData(*reply) + "\n");
   for (const std::string& replies : mergedFrom) {
     rapidjson::Document commands;

@@ -19,10 +19,11 @@ class Output {
 
   // A line for people: on standard output in the readable view, else on standard error.
   void Note(const std::string& text);
-  // Request `number` as sent and as answered with `result`; `mergedFrom` holds the reply
+  // Request `number` as sent and as answered with `result` after `tookMs`; `mergedFrom`
+  // holds the reply
   // commands (JSON arrays) of the broadcasts the module sent while answering it.
   void Answer(size_t number, const SipJson& request, uint32_t result, const SipJson& answer,
-              const std::vector<std::string>& mergedFrom);
+              long long tookMs, const std::vector<std::string>& mergedFrom);
   void Late(size_t number, const SipJson& answer);
   void LateMissing(size_t number, long long waitedSeconds);
   // A timeline event sent to the module by simulated module `mid`.

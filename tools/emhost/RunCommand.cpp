@@ -121,8 +121,11 @@ class Player {
     }
     const SipJson sent = request;
     const size_t sentBefore = session_.host().SentRequests().size();
+    const auto begin = std::chrono::steady_clock::now();
     const uint32_t result = session_.module().OnRequest(request);
-    output_.Answer(number, sent, result, request, MergedFrom(sent, sentBefore));
+    const auto took = std::chrono::duration_cast<std::chrono::milliseconds>(
+        std::chrono::steady_clock::now() - begin);
+    output_.Answer(number, sent, result, request, took.count(), MergedFrom(sent, sentBefore));
     if (request.GetStatus(request.CurrentIndex()) == kStatusPending) {
       std::unique_lock<std::mutex> lock(mutex_);
       if (changed_.wait_for(lock, kLateAnswerWait, [&] { return late_.count(number) != 0; })) {
@@ -215,8 +218,8 @@ int RunScenario(const HostOptions& options, const std::string& requestsPath,
   HostSession session;
   if (const int code = session.Open(options); code != kExitOk) return code;
   Output output(format);
-  output.Note(fmt::format("emhost: module {} loaded from {}", session.moduleName(),
-                          options.modulePath));
+  output.Note(fmt::format("emhost: module {} loaded{}", session.moduleName(),
+                          options.modulePath == EM_OIDMAP_SO ? "" : " from " + options.modulePath));
   if (!session.scenario().name.empty()) {
     output.Note("emhost: scenario " + session.scenario().name);
   }

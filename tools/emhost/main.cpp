@@ -14,6 +14,7 @@ int main(int argc, char** argv) {
   CLI::App app{"emhost: plays the agent host for an extension module.\n"
                "Without a subcommand it plays the built-in demo, as \"emhost run "
                "--format table\" does."};
+  app.name("emhost");
   app.require_subcommand(0, 1);
   int exitCode = kExitOk;
   AddRunCommand(app, &exitCode);
