@@ -222,7 +222,7 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
   size_t recordAt = 0;
   {
     SentRequest record{msg.Serialize(), index, context, timeoutMs,
-                       std::chrono::steady_clock::now(), std::this_thread::get_id()};
+                       std::chrono::steady_clock::now(), std::this_thread::get_id(), {}};
     std::lock_guard<std::mutex> lock(mutex_);
     recordAt = sent_.size();
     sent_.push_back(std::move(record));
