@@ -124,12 +124,14 @@ void AddCheckCommand(CLI::App& app, int* exitCode) {
   auto options = std::make_shared<CheckOptions>();
   CLI::App* check = app.add_subcommand(
       "check", "Check scenario files and message files without running the module");
-  check->add_option("FILE", options->files,
-                    "Scenario (.json) or message file (.xml) to check; - for standard input")
+  check
+      ->add_option("FILE", options->files,
+                   "Scenario (.json) or message file (.xml) to check; - for standard input")
       ->required();
-  check->add_option("--format", options->format,
-                    "Format of the message files (default: EVENTMSG.XML is unified, "
-                    "ERRMSG.XML old style, others by their codes)")
+  check
+      ->add_option("--format", options->format,
+                   "Format of the message files (default: EVENTMSG.XML is unified, "
+                   "ERRMSG.XML old style, others by their codes)")
       ->check(CLI::IsMember({"old", "unified"}));
   check->footer(
       "Exit status: 0 without findings, 1 with findings, 2 on a bad command line or a file "

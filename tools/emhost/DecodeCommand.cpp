@@ -54,7 +54,8 @@ bool ParseHex(const std::string& text, std::vector<uint8_t>& bytes, std::string&
       error = fmt::format("\"{}\" is not a hexadecimal digit", c);
       return false;
     }
-    const int digit = std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10;
+    const int digit =
+        std::isdigit(static_cast<unsigned char>(c)) ? c - '0' : std::tolower(c) - 'a' + 10;
     if (pending < 0) {
       pending = digit;
     } else {
@@ -73,8 +74,9 @@ bool ParseHex(const std::string& text, std::vector<uint8_t>& bytes, std::string&
 // The length the header of a record at `bytes` gives; 0 when too few bytes tell it.
 size_t HeaderLength(const std::vector<uint8_t>& bytes, LogMsgFormat format) {
   if (format == LogMsgFormat::kOldStyle) {
-    return bytes.size() < kOldStyleRecordHeaderBytes ? 0
-                                                     : OldStyleRecordLength(bytes[0], bytes[1], bytes[3]);
+    return bytes.size() < kOldStyleRecordHeaderBytes
+               ? 0
+               : OldStyleRecordLength(bytes[0], bytes[1], bytes[3]);
   }
   return bytes.size() < 2 ? 0 : static_cast<size_t>(bytes[0] | bytes[1] << 8);
 }
@@ -82,7 +84,8 @@ size_t HeaderLength(const std::vector<uint8_t>& bytes, LogMsgFormat format) {
 // Whether `bytes` hold exactly one whole record of the format, as the module's walks take it.
 bool IsWholeRecord(const std::vector<uint8_t>& bytes, LogMsgFormat format) {
   if (format == LogMsgFormat::kOldStyle) {
-    const LogBlockWalk walk = WalkOldStyleRecords(bytes.data(), bytes.size(), [](const OldStyleRecord&) {});
+    const LogBlockWalk walk =
+        WalkOldStyleRecords(bytes.data(), bytes.size(), [](const OldStyleRecord&) {});
     return walk.whole && walk.records == 1;
   }
   std::vector<MsgLogEntry> entries;
@@ -149,7 +152,7 @@ int RunDecode(const DecodeOptions& options) {
       const size_t first = line.find_first_not_of(" \t\r");
       if (first == std::string::npos || line[first] == '#') continue;  // blank or comment
       inputs.push_back({fmt::format("line {}", number), {}});
-    if (!ParseHex(line, inputs.back().bytes, error))
+      if (!ParseHex(line, inputs.back().bytes, error))
         return Fail(fmt::format("{}: {}", inputs.back().where, error));
     }
   } else {
@@ -176,8 +179,9 @@ int RunDecode(const DecodeOptions& options) {
     } else if (allWhole(LogMsgFormat::kOldStyle)) {
       format = LogMsgFormat::kOldStyle;
     } else {
-      return Fail("the records are neither all unified nor all old-style records; "
-                  "give --format to learn which one is not");
+      return Fail(
+          "the records are neither all unified nor all old-style records; "
+          "give --format to learn which one is not");
     }
   }
   const bool oldStyle = *format == LogMsgFormat::kOldStyle;
@@ -196,9 +200,10 @@ int RunDecode(const DecodeOptions& options) {
   std::vector<MsgLogEntry> entries;
   for (const InputRecord& input : inputs) {
     if (oldStyle) {
-      WalkOldStyleRecords(input.bytes.data(), input.bytes.size(), [&](const OldStyleRecord& record) {
-        entries.push_back(MakeOldStyleEntry(record, 0, false, options.designation));
-      });
+      WalkOldStyleRecords(
+          input.bytes.data(), input.bytes.size(), [&](const OldStyleRecord& record) {
+            entries.push_back(MakeOldStyleEntry(record, 0, false, options.designation));
+          });
     } else {
       ParseUnifiedRecords(input.bytes.data(), input.bytes.size(), 0, entries);
       if (!options.designation.empty()) entries.back().Arguments[0] = options.designation;
@@ -207,8 +212,9 @@ int RunDecode(const DecodeOptions& options) {
   }
 
   const char* fixedName = MessageFileName(*format);
-  const std::string msgFile =
-      options.msgFile.empty() ? std::string(EM_SAMPLE_MSGFILES_DIR "/") + fixedName : options.msgFile;
+  const std::string msgFile = options.msgFile.empty()
+                                  ? std::string(EM_SAMPLE_MSGFILES_DIR "/") + fixedName
+                                  : options.msgFile;
   MessageDirectory dir;
   if (!dir.Prepare(msgFile, fixedName, error)) return Fail(error);
   CLogMsgFile files(dir.Dir(), [] { return std::string(); });
@@ -219,19 +225,22 @@ int RunDecode(const DecodeOptions& options) {
   std::vector<uint8_t> page;
   MsgLogPageQuery query;
   query.opCodeExt = langId;
-  for (; static_cast<size_t>(query.pageNumber) * kMsgLogPageSize < entries.size(); ++query.pageNumber) {
+  for (; static_cast<size_t>(query.pageNumber) * kMsgLogPageSize < entries.size();
+       ++query.pageNumber) {
     BuildMsgLogPage(query, entries, sources, &page);
   }
   size_t shown = 0;
   for (size_t at = 0; page.size() - at >= kMsgLogRecordOverhead; ++shown) {
     const size_t length = page[at] | page[at + 1] << 8;
     const unsigned code = page[at + 4] | page[at + 5] << 8;
-    const std::string text(reinterpret_cast<const char*>(&page[at + 16]), length - kMsgLogRecordOverhead);
+    const std::string text(reinterpret_cast<const char*>(&page[at + 16]),
+                           length - kMsgLogRecordOverhead);
     fmt::print("{:04X} {}{}\n", code, text, (page[at + 6] & 1) != 0 ? "  [CSS]" : "");
     at += length;
   }
   if (shown != entries.size()) {
-    fmt::print(stderr, "emhost decode: the module showed {} of {} records\n", shown, entries.size());
+    fmt::print(stderr, "emhost decode: the module showed {} of {} records\n", shown,
+               entries.size());
     return 1;
   }
   return 0;
@@ -247,9 +256,10 @@ void AddDecodeCommand(CLI::App& app, int* exitCode) {
                      "One record as hexadecimal bytes in the order they lie in memory, "
                      "blanks allowed; none or - reads one record per line from standard input "
                      "(blank lines and lines starting with # are skipped)");
-  decode->add_option("--format", options->format,
-                     "Record layout (default: unified when every record is a whole unified "
-                     "record, else old)")
+  decode
+      ->add_option("--format", options->format,
+                   "Record layout (default: unified when every record is a whole unified "
+                   "record, else old)")
       ->check(CLI::IsMember({"old", "unified"}));
   decode->add_option("--msgfile", options->msgFile,
                      "Message file (default: the sample EVENTMSG.XML or ERRMSG.XML of the format)");

@@ -1,14 +1,14 @@
 #include "MessageFileCheck.h"
 
+#include <fmt/format.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cstdint>
 #include <map>
+#include <pugixml.hpp>
 #include <set>
 #include <string_view>
-
-#include <fmt/format.h>
-#include <pugixml.hpp>
 
 namespace {
 
@@ -49,9 +49,10 @@ class LineTable {
     }
   }
   size_t Line(ptrdiff_t offset) const {
-    return 1 + static_cast<size_t>(std::upper_bound(line_starts_.begin(), line_starts_.end(),
-                                                    static_cast<size_t>(std::max<ptrdiff_t>(offset, 0))) -
-                                   line_starts_.begin());
+    return 1 + static_cast<size_t>(
+                   std::upper_bound(line_starts_.begin(), line_starts_.end(),
+                                    static_cast<size_t>(std::max<ptrdiff_t>(offset, 0))) -
+                   line_starts_.begin());
   }
 
  private:
@@ -93,11 +94,13 @@ class Checker {
       uint32_t id = 0;
       if (!ParseHexCode(locale, id) || Lower(locale) != Lower(fmt::format("0x{:X}", id))) {
         Add(language, fmt::format("locale \"{}\" is not a language id written 0x%X "
-                                  "(such as 0x409)", locale));
-      } else if (const auto [first, added] = locales.emplace(Lower(locale), lines_.Line(language.offset_debug()));
+                                  "(such as 0x409)",
+                                  locale));
+      } else if (const auto [first, added] =
+                     locales.emplace(Lower(locale), lines_.Line(language.offset_debug()));
                  !added) {
-        Add(language, fmt::format("locale {} listed twice (first on line {})", locale,
-                                  first->second));
+        Add(language,
+            fmt::format("locale {} listed twice (first on line {})", locale, first->second));
       }
       if (lang.empty()) {
         Add(language, "<Language> without a lang name");
@@ -112,8 +115,8 @@ class Checker {
     for (size_t i = text.find('%'); i != std::string_view::npos; i = text.find('%', i)) {
       const size_t start = i++;
       if (i == text.size()) {
-        Add(element, fmt::format("<{}> ends in a lone %; write %% for a percent sign",
-                                 element.name()));
+        Add(element,
+            fmt::format("<{}> ends in a lone %; write %% for a percent sign", element.name()));
         break;
       }
       if (text[i] == '%' || text[i] == 'D') {
@@ -159,12 +162,12 @@ class Checker {
         continue;
       }
       if (languages.count(lang) == 0) {
-        Add(messages, fmt::format("language {} of event {} is not in the LanguageTable", lang,
-                                  code));
+        Add(messages,
+            fmt::format("language {} of event {} is not in the LanguageTable", lang, code));
       }
       if (texts.count(lang) != 0) {
-        Add(messages, fmt::format("second <Messages lang=\"{}\"> in event {}, never read", lang,
-                                  code));
+        Add(messages,
+            fmt::format("second <Messages lang=\"{}\"> in event {}, never read", lang, code));
         continue;
       }
       Layout(messages, {kKeyLongMsg, kKeyShortMsg, kKeySummary, kKeyCause, kKeyResolution}, {});
@@ -213,8 +216,8 @@ MessageFileReport CheckMessageFile(const std::string& bytes, std::optional<LogMs
   }
   const pugi::xml_node root = doc.document_element();
   if (std::string_view(root.name()) != "EventMsg") {
-    report.findings.push_back({root ? lines.Line(root.offset_debug()) : 1,
-                               "the root element is not <EventMsg>"});
+    report.findings.push_back(
+        {root ? lines.Line(root.offset_debug()) : 1, "the root element is not <EventMsg>"});
     return report;
   }
   checker.Layout(root, {"LanguageTable", "Events"}, {"LanguageTable", "Events"});
@@ -239,12 +242,14 @@ MessageFileReport CheckMessageFile(const std::string& bytes, std::optional<LogMs
     const std::string code = event.attribute("ErrorCode").value();
     uint32_t value = 0;
     if (!ParseHexCode(code, value) || Lower(code) != Lower(ErrorCodeText(value, report.format))) {
-      checker.Add(event, fmt::format("ErrorCode \"{}\" is not written as the {} format writes "
-                                     "codes (0x and {} hexadecimal digits)",
-                                     code,
-                                     report.format == LogMsgFormat::kUnified ? "unified" : "old-style",
-                                     report.format == LogMsgFormat::kUnified ? 6 : 4));
-    } else if (const auto [first, added] = codes.emplace(Lower(code), lines.Line(event.offset_debug()));
+      checker.Add(
+          event,
+          fmt::format("ErrorCode \"{}\" is not written as the {} format writes "
+                      "codes (0x and {} hexadecimal digits)",
+                      code, report.format == LogMsgFormat::kUnified ? "unified" : "old-style",
+                      report.format == LogMsgFormat::kUnified ? 6 : 4));
+    } else if (const auto [first, added] =
+                   codes.emplace(Lower(code), lines.Line(event.offset_debug()));
                !added) {
       checker.Add(event, fmt::format("error code {} again (first on line {}), never read", code,
                                      first->second));
@@ -252,9 +257,8 @@ MessageFileReport CheckMessageFile(const std::string& bytes, std::optional<LogMs
     checker.Event(event, report.format, languages);
   }
   // An event's missing languages are found after its Messages, but belong on its line.
-  std::stable_sort(report.findings.begin(), report.findings.end(),
-                   [](const MessageFileFinding& a, const MessageFileFinding& b) {
-                     return a.line < b.line;
-                   });
+  std::stable_sort(
+      report.findings.begin(), report.findings.end(),
+      [](const MessageFileFinding& a, const MessageFileFinding& b) { return a.line < b.line; });
   return report;
 }
