@@ -1,0 +1,11 @@
+# emhost check: the shipped samples pass; each broken file's planted faults are all found.
+set(D tests/emhost/data)
+emhost_golden(check-samples ARGS check examples/msgfiles/EVENTMSG.XML
+                                       examples/msgfiles/ERRMSG.XML examples/scenarios/demo.json)
+emhost_golden(check-stdin STDIN examples/msgfiles/ERRMSG.XML ARGS check -)
+emhost_golden(check-broken-errmsg EXIT 1 ARGS check ${D}/broken-errmsg.xml)
+emhost_golden(check-broken-eventmsg EXIT 1 ARGS check ${D}/broken-eventmsg.xml)
+emhost_golden(check-not-well-formed EXIT 1 ARGS check ${D}/not-well-formed.xml)
+emhost_golden(check-bad-scenario EXIT 1 ARGS check ${D}/bad-scenario.json)
+# A file that cannot be read is a bad input (exit 2); the others are still checked.
+emhost_golden(check-unreadable EXIT 2 ARGS check ${D}/nosuch.xml examples/msgfiles/EVENTMSG.XML)
