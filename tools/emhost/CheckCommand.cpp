@@ -74,7 +74,7 @@ size_t CheckOne(const CheckOptions& options, const std::string& path, const std:
     hostsim::Scenario scenario;
     std::string error;
     if (!scenario.Parse(bytes, error)) {
-      fmt::print("{}: {}\n", path, error);
+      fmt::print("{}:{}\n", path, error);  // the error starts with its line, as Load gives it
       return 1;
     }
     fmt::print("{}: ok (scenario{}, {} modules, {} requests)\n", path,
