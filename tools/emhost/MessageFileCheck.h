@@ -1,5 +1,5 @@
 // CheckMessageFile: finds what would keep the module from showing a message file's texts,
-// without running the module. Rules (docs/emhost-check-decode.md):
+// without running the module. Rules (docs/emhost.md, "Checking files"):
 //   - the file is well-formed XML with the EventMsg layout of msglog/LogMsgFile.h;
 //   - every locale is written "0x%X" and every ErrorCode as the format writes it
 //     (ErrorCodeText), since the module compares the texts and would never find another
