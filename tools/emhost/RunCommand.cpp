@@ -27,6 +27,7 @@ namespace {
 constexpr uint32_t kStatusPending = 0x16;
 constexpr uint32_t kOcCount = 0x0300;  // the first count the start-up scan sends per cabinet
 constexpr size_t kMaxCabinets = 100;
+constexpr uint32_t kOcLogEntryCount = 0x0B13;  // answered once the cabinet's log scan ended
 // How long emhost waits for a late answer.
 constexpr auto kLateAnswerWait = std::chrono::seconds(30);
 
@@ -73,6 +74,29 @@ std::function<void()> ScanProgress(hostsim::SimHost& host, const hostsim::Scenar
     fmt::print(stderr, "\remhost: scanning cabinets: {} of {} done ",
                begun.empty() ? 0 : begun.size() - 1, queued);
   };
+}
+
+// Shows, on a terminal, how far the log scans that re-scan queued have come: the number of
+// entries of a cabinet (OC 0x0B13) is answered once that cabinet's scan has finished.
+void ShowLogScanProgress(HostSession& session) {
+  if (isatty(STDERR_FILENO) == 0) return;
+  const hostsim::Scenario& scenario = session.scenario();
+  std::vector<uint32_t> cabinets{scenario.serverCabinet};
+  if (scenario.seEnumerationSucceeds) {
+    for (uint32_t cabinet : scenario.seCabinets) {
+      if (cabinets.size() == kMaxCabinets) break;
+      cabinets.push_back(cabinet);
+    }
+  }
+  size_t done = 0;
+  for (uint32_t cabinet : cabinets) {
+    fmt::print(stderr, "\r\033[Kemhost: log scans: {} of {} cabinets done ", done,
+               cabinets.size());
+    SipJson query(kOcLogEntryCount, 0, 0, cabinet);
+    session.module().OnRequest(query);
+    ++done;
+  }
+  fmt::print(stderr, "\r\033[K");
 }
 
 // Plays one run: the requests on the calling thread, the timeline on its own, and a
@@ -224,7 +248,7 @@ int RunScenario(const HostOptions& options, const std::string& requestsPath,
     output.Note("emhost: scenario " + session.scenario().name);
   }
   session.Start(ScanProgress(session.host(), session.scenario()));
-  if (isatty(STDERR_FILENO) != 0) fmt::print(stderr, "\r\033[K");
+  ShowLogScanProgress(session);
 
   Player player(session, output);
   player.Watch();
