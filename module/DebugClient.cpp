@@ -2,7 +2,9 @@
 
 #include <dirent.h>
 #include <dlfcn.h>
+#include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdarg>
@@ -56,8 +58,21 @@ void ForEachLine(std::string_view text, Fn fn) {
 
 // The whole file, at most kMaxTraceFileBytes of it; false when it cannot be read.
 bool ReadFileBounded(const std::string& path, std::string* content) {
-  FILE* f = fopen(path.c_str(), "rb");
-  if (f == nullptr) return false;
+  // Only a regular file is read: opening a FIFO or a device named "x.ini" for reading could
+  // block the module's loading. The open does not wait, and the check is made on what was
+  // opened.
+  const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+  if (fd < 0) return false;
+  struct stat st;
+  if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+    close(fd);
+    return false;
+  }
+  FILE* f = fdopen(fd, "rb");
+  if (f == nullptr) {
+    close(fd);
+    return false;
+  }
   content->clear();
   char buf[4096];
   bool ok = true;

@@ -281,6 +281,16 @@ bool WritePrivateProfileString(const char* section, const char* key, const char*
   }
   EM_TRACE(4, "WritePrivateProfileString(%s, %s, %s, %s)\n", section, Nil(key), Nil(value),
            filePath);
+  // A line feed would start a new line and an '=' in a key would end the key early: the
+  // file would read back differently from what was written.
+  auto hasLineFeed = [](const char* text) { return text != nullptr && strchr(text, '\n'); };
+  if (hasLineFeed(section) || hasLineFeed(key) || hasLineFeed(value) ||
+      (key != nullptr && strchr(key, '=') != nullptr)) {
+    EM_TRACE(1,
+             "WritePrivateProfileString: ## WARNING: line feed in section, key or value, or "
+             "'=' in key, refused\n");
+    return false;
+  }
   bool rc = WriteProfile(section, key, value, filePath);
   EM_TRACE(4, "WritePrivateProfileString rc=0x%04x\n", rc ? 1u : 0u);
   return rc;

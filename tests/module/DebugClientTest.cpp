@@ -67,6 +67,8 @@ TEST_F(DebugClientTest, StartUp_FirstModuleSectionInNameOrderCounts) {
   std::string garbage(70000, '\0');  // binary, then an over-long line and a cut header
   for (size_t i = 0; i < garbage.size(); ++i) garbage[i] = static_cast<char>(i * 7919 % 256);
   Write("0.ini", garbage + std::string(200000, 'x') + "\n[EM_OIDMAP");
+  // Not a regular file: skipped, and reading it must not block (a FIFO without a writer).
+  ASSERT_EQ(mkfifo((dir_ + "/1.ini").c_str(), 0644), 0);
   Write(".#a.ini", "[EM_OIDMAP]\nFileDebugLevel=1\n");
   Write("a.ini", "[OTHER]\nFileDebugLevel=2\n");
   Write("b.ini", "[EM_OIDMAP]\r\n  FileDebugLevel =  0x3\r\nTraceFlags=010\r\n[NEXT]\r\n"

@@ -116,6 +116,11 @@ TEST_F(ProfileTest, EditsInPlaceKeepTheLayout) {
        "[a]\nx=1\n"},
       // An indented header is read, but a write does not find it.
       {"  [s]\nk=v", {{"s", "k", "w", true}}, "  [s]\nk=v\n[s]\n\nk=w\n"},
+      // What would read back differently is refused and leaves the file as it was.
+      {"[s]\nk=v\n",
+       {{"s\nt", "k", "w", false}, {"s", "k\nj", "w", false}, {"s", "k", "w\nj=1", false},
+        {"s", "k=j", "w", false}},
+       "[s]\nk=v\n"},
   };
   for (const auto& c : cases) {
     Write("test.ini", c.before);
