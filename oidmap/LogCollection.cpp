@@ -17,65 +17,6 @@ namespace {
 constexpr uint32_t kLogReadTimeoutMs = 150000;
 constexpr uint32_t kAllModuleIds = 0xFFFFFFFF;
 
-// The trace texts of one log of the log scan.
-struct LogScanTexts {
-  const char* replies;
-  const char* gotReply;
-  const char* noEntries;
-  const char* exception;
-};
-
-constexpr LogScanTexts kErrorLogScan = {
-    "\nEM_OIDMAP           :   error log replies from %d modules received, analysing...",
-    "\nEM_OIDMAP           :     got error log reply from MID 0x%04X%04X: Data length=0x%02X "
-    "(%d message log entries)",
-    "\nEM_OIDMAP           :   No error log entries found",
-    "\nEM_OIDMAP           : EXCEPTION during error log scan",
-};
-
-constexpr LogScanTexts kEventLogScan = {
-    "\nEM_OIDMAP           :   event log replies from %d modules received, analysing...",
-    "\nEM_OIDMAP           :     got event log reply from MID 0x%04X%04X: Data length=0x%02X "
-    "(%d message log entries)",
-    "\nEM_OIDMAP           :   No event log entries found",
-    "\nEM_OIDMAP           : EXCEPTION during event log scan",
-};
-
-// The trace texts of one log of the fall-back; the event log's "no data" and "not
-// supported" lines carry no status (the argument is then ignored).
-struct FallbackTexts {
-  const char* heading;
-  const char* request;
-  const char* withData;
-  const char* noData;
-  const char* timeout;
-  const char* notSupported;
-};
-
-constexpr FallbackTexts kErrorLogFallback = {
-    "\nEM_OIDMAP           : Request error log messages from all modules:",
-    "\nEM_OIDMAP           : MID 0x%08X: Request message log using CM_LogEntry "
-    "(CMOID_CriticalErrorLog)...",
-    "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_CriticalErrorLog)",
-    "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_CriticalErrorLog) - no data "
-    "(Status: 0x%X)",
-    "\nEM_OIDMAP           : MID 0x%08X: ## CM_LogEntry (CMOID_CriticalErrorLog) - TIMEOUT!! ##",
-    "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_CriticalErrorLog) - not supported "
-    "(Status: 0x%X)",
-};
-
-constexpr FallbackTexts kEventLogFallback = {
-    "\nEM_OIDMAP           : Request event log messages from all modules:",
-    "\nEM_OIDMAP           : MID 0x%08X: Request message log using CM_LogEntry "
-    "(CMOID_NonCriticalMessageLog)...",
-    "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_NonCriticalMessageLog)",
-    "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_NonCriticalMessageLog) - no data",
-    "\nEM_OIDMAP           : MID 0x%08X: ## CM_LogEntry (CMOID_NonCriticalMessageLog) - TIMEOUT!! "
-    "##",
-    "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_NonCriticalMessageLog) - not "
-    "supported",
-};
-
 // A valid reply that carries data.
 bool ReplyHasData(const SipJson& msg, int32_t index) {
   return IsValidReplyStatus(msg.GetStatus(index)) &&
@@ -131,22 +72,28 @@ void COidMapExtModule::RunLogScan(uint32_t cabinet) {
     BeginScan(cabinet);
     ScanOldStyleLog(cabinet, CMOID_CriticalErrorLog);
   } catch (...) {
-    EM_TRACE(1, "%s", kErrorLogScan.exception);
+    EM_TRACE(1, "\nEM_OIDMAP           : EXCEPTION during error log scan");
   }
   try {
     ScanOldStyleLog(cabinet, CMOID_NonCriticalMessageLog);
   } catch (...) {
-    EM_TRACE(1, "%s", kEventLogScan.exception);
+    EM_TRACE(1, "\nEM_OIDMAP           : EXCEPTION during event log scan");
   }
   EndScan(cabinet);
 }
 
 void COidMapExtModule::ScanOldStyleLog(uint32_t cabinet, uint32_t logOi) {
-  const LogScanTexts& texts = logOi == CMOID_CriticalErrorLog ? kErrorLogScan : kEventLogScan;
+  const bool errorLog = logOi == CMOID_CriticalErrorLog;
   SipJson replies(CM_LogEntry, 0, logOi, cabinet);
   SendToAllModules(replies, kLogReadTimeoutMs);
   const int32_t count = static_cast<int32_t>(replies.CommandCount());
-  EM_TRACE(4, texts.replies, static_cast<int>(count));
+  if (errorLog) {
+    EM_TRACE(4, "\nEM_OIDMAP           :   error log replies from %d modules received, analysing...",
+             static_cast<int>(count));
+  } else {
+    EM_TRACE(4, "\nEM_OIDMAP           :   event log replies from %d modules received, analysing...",
+             static_cast<int>(count));
+  }
 
   bool anyData = false;
   std::vector<uint8_t> bytes;
@@ -162,14 +109,28 @@ void COidMapExtModule::ScanOldStyleLog(uint32_t cabinet, uint32_t logOi) {
     if (TraceClient().IsTraceActive()) {
       const uint32_t mid = replies.GetKey(i, "MI");
       LogBytes(replies, i, bytes);
-      EM_TRACE(4, texts.gotReply, mid >> 16, mid & 0xFFFF, replies.GetDataLength(i),
-               static_cast<int>(CountOldStyleRecords(bytes.data(), bytes.size())));
+      const int records = static_cast<int>(CountOldStyleRecords(bytes.data(), bytes.size()));
+      if (errorLog) {
+        EM_TRACE(4,
+                 "\nEM_OIDMAP           :     got error log reply from MID 0x%04X%04X: Data "
+                 "length=0x%02X (%d message log entries)",
+                 mid >> 16, mid & 0xFFFF, replies.GetDataLength(i), records);
+      } else {
+        EM_TRACE(4,
+                 "\nEM_OIDMAP           :     got event log reply from MID 0x%04X%04X: Data "
+                 "length=0x%02X (%d message log entries)",
+                 mid >> 16, mid & 0xFFFF, replies.GetDataLength(i), records);
+      }
     }
   }
   if (anyData) {
     CollectFromMessage(replies);
   } else {
-    EM_TRACE(4, "%s", texts.noEntries);
+    if (errorLog) {
+      EM_TRACE(4, "\nEM_OIDMAP           :   No error log entries found");
+    } else {
+      EM_TRACE(4, "\nEM_OIDMAP           :   No event log entries found");
+    }
   }
 }
 
@@ -210,12 +171,25 @@ void COidMapExtModule::RunMessageLogScan(uint32_t cabinet) {
 
 void COidMapExtModule::CollectFallbackLogs(uint32_t cabinet, const std::vector<uint32_t>& mids,
                                            uint32_t logOi) {
-  const FallbackTexts& texts =
-      logOi == CMOID_CriticalErrorLog ? kErrorLogFallback : kEventLogFallback;
-  EM_TRACE(3, "%s", texts.heading);
+  const bool errorLog = logOi == CMOID_CriticalErrorLog;
+  if (errorLog) {
+    EM_TRACE(3, "\nEM_OIDMAP           : Request error log messages from all modules:");
+  } else {
+    EM_TRACE(3, "\nEM_OIDMAP           : Request event log messages from all modules:");
+  }
   SipJson collection;
   for (uint32_t mid : mids) {
-    EM_TRACE(4, texts.request, mid);
+    if (errorLog) {
+      EM_TRACE(4,
+               "\nEM_OIDMAP           : MID 0x%08X: Request message log using CM_LogEntry "
+               "(CMOID_CriticalErrorLog)...",
+               mid);
+    } else {
+      EM_TRACE(4,
+               "\nEM_OIDMAP           : MID 0x%08X: Request message log using CM_LogEntry "
+               "(CMOID_NonCriticalMessageLog)...",
+               mid);
+    }
     SipJson request(CM_LogEntry, 0, logOi, cabinet);
     request.SetModuleId(mid);
     SendRequest(request, kLogReadTimeoutMs);
@@ -225,16 +199,53 @@ void COidMapExtModule::CollectFallbackLogs(uint32_t cabinet, const std::vector<u
     if (IsValidReplyStatus(status)) {
       log_data_supported_.store(true, std::memory_order_release);
       if (ReplyHasData(request, i)) {
-        EM_TRACE(3, texts.withData, mid);
+        if (errorLog) {
+          EM_TRACE(3, "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_CriticalErrorLog)",
+                   mid);
+        } else {
+          EM_TRACE(3,
+                   "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_NonCriticalMessageLog)",
+                   mid);
+        }
         PatchLogReplyOids(request, i);
         collection.AppendCommand(*request.Command(i));
       } else {
-        EM_TRACE(3, texts.noData, mid, status);
+        if (errorLog) {
+          EM_TRACE(3,
+                   "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_CriticalErrorLog) - no "
+                   "data (Status: 0x%X)",
+                   mid, status);
+        } else {
+          EM_TRACE(3,
+                   "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_NonCriticalMessageLog) "
+                   "- no data",
+                   mid);
+        }
       }
     } else if (status == ST_TIMEOUT) {
-      EM_TRACE(1, texts.timeout, mid);
+      if (errorLog) {
+        EM_TRACE(1,
+                 "\nEM_OIDMAP           : MID 0x%08X: ## CM_LogEntry (CMOID_CriticalErrorLog) - "
+                 "TIMEOUT!! ##",
+                 mid);
+      } else {
+        EM_TRACE(1,
+                 "\nEM_OIDMAP           : MID 0x%08X: ## CM_LogEntry (CMOID_NonCriticalMessageLog) "
+                 "- TIMEOUT!! ##",
+                 mid);
+      }
     } else {
-      EM_TRACE(3, texts.notSupported, mid, status);
+      if (errorLog) {
+        EM_TRACE(3,
+                 "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_CriticalErrorLog) - not "
+                 "supported (Status: 0x%X)",
+                 mid, status);
+      } else {
+        EM_TRACE(3,
+                 "\nEM_OIDMAP           : MID 0x%08X: CM_LogEntry (CMOID_NonCriticalMessageLog) - "
+                 "not supported",
+                 mid);
+      }
     }
   }
   if (collection.CountCommandsWithData() != 0) {
