@@ -33,6 +33,8 @@
 #ifndef EM_PLATFORM_REGISTRY_H
 #define EM_PLATFORM_REGISTRY_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <map>
 #include <memory>
@@ -57,6 +59,21 @@ constexpr LSTATUS ERROR_INVALID_HANDLE = 6;
 constexpr LSTATUS ERROR_INVALID_PARAMETER = 87;
 constexpr LSTATUS ERROR_MORE_DATA = 234;
 
+// The file calls of a save. Tests replace them to stop a save at any call, as a crash
+// would; the defaults are the system calls.
+class RegistryFileIo {
+ public:
+  virtual ~RegistryFileIo() = default;
+  virtual int Open(const char* path, int flags, mode_t mode);
+  virtual ssize_t Write(int fd, const void* data, size_t size);
+  virtual int Sync(int fd);
+  virtual int Close(int fd);
+  virtual int Rename(const char* from, const char* to);
+  virtual int Unlink(const char* path);
+  // The system calls.
+  static RegistryFileIo& System();
+};
+
 class CRegistry {
  public:
   static constexpr const char* kDefaultDirectory = "/opt/VelnorHCP/vital/etc/pallmon";
@@ -65,8 +82,9 @@ class CRegistry {
   static constexpr const char* kTempFile = "registry.new";
   static constexpr const char* kDefaultsFile = "registry.default";
 
-  // Nothing is read before the first operation or SetupTree.
-  explicit CRegistry(std::string directory = kDefaultDirectory);
+  // Nothing is read before the first operation or SetupTree. Saves go through `io`
+  // (not owned; the system calls when null).
+  explicit CRegistry(std::string directory = kDefaultDirectory, RegistryFileIo* io = nullptr);
   ~CRegistry();
   CRegistry(const CRegistry&) = delete;
   CRegistry& operator=(const CRegistry&) = delete;
@@ -81,8 +99,11 @@ class CRegistry {
   void InitClass();
   // Writes the tree when it is dirty: "registry.new" first, then "registry" becomes
   // "registry.old" (when it exists and is not empty) and "registry.new" becomes
-  // "registry". Returns true when the files hold the tree afterwards (also when there
-  // was nothing to write).
+  // "registry", and the directory is synced so that the new names outlive a crash. At any
+  // point of a crash "registry", or when it is missing "registry.old", holds the tree of
+  // this save or of the one before, whole. Returns true when the files hold the tree
+  // afterwards (also when there was nothing to write; a failed directory sync is only
+  // traced).
   bool SaveTree();
 
   bool IsSetup() const;
@@ -128,6 +149,9 @@ class CRegistry {
 
  private:
   bool RestoreFrom(const std::string& path, std::shared_ptr<CRegistryNode>* root);
+  // Writes `text` to "registry.new" and syncs it; false (and no file) on failure.
+  bool WriteTempFile(const std::string& text);
+  void SyncDirectory();
   void EnsureSetup();
   // The node behind a handle, or null for an unknown, closed or deleted key.
   std::shared_ptr<CRegistryNode> NodeOf(HKEY hKey) const;
@@ -139,6 +163,7 @@ class CRegistry {
   void Changed();
 
   const std::string directory_;
+  RegistryFileIo* const io_;
   std::string tree_path_, backup_path_, temp_path_, defaults_path_;
 
   mutable CRecursiveLock lock_;

@@ -5,6 +5,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <unordered_map>
 
 #include "module/DebugClient.h"
 #include "platform/LineReader.h"
@@ -287,8 +288,25 @@ bool CRegistryNode::Write(FILE* file) const {
 }
 
 size_t CRegistryNode::Read(FILE* file) {
-  // Each entry is added under the lock (SetValue, AddKey); the lock is not held across a
-  // child's reading, so that nesting does not pile up locks.
+  // The node's lines are gathered apart and sorted once at the end: inserting each into
+  // the sorted entries would shift the array per line, quadratic for a file in reverse
+  // order. The lock is taken for lookups and the final merge only, not across a child's
+  // reading, so that nesting does not pile up locks.
+  std::vector<Entry> pending;
+  std::unordered_map<std::string, size_t> pendingValue;  // name -> index in pending
+  std::unordered_map<std::string, std::shared_ptr<CRegistryNode>> pendingKey;
+  auto setValue = [&](std::string name, RegistryValue value) {
+    auto found = pendingValue.find(name);
+    if (found != pendingValue.end()) {
+      pending[found->second].value = std::move(value);  // a later line wins, as SetValue
+      return;
+    }
+    pendingValue.emplace(name, pending.size());
+    Entry entry;
+    entry.name = std::move(name);
+    entry.value = std::move(value);
+    pending.push_back(std::move(entry));
+  };
   size_t created = 0;
   platform_detail::BoundedLine line;
   while (platform_detail::ReadBoundedLine(file, kRegistryLineBytes, &line)) {
@@ -308,7 +326,21 @@ size_t CRegistryNode::Read(FILE* file) {
         SkipSubTree(file);
         continue;
       }
-      std::shared_ptr<CRegistryNode> child = AddKey(name);
+      // A repeated header adds to the key read before, as AddKey would.
+      std::shared_ptr<CRegistryNode> child = FindKey(name);
+      if (!child) {
+        std::shared_ptr<CRegistryNode>& slot = pendingKey[name];
+        if (!slot) {
+          slot = std::make_shared<CRegistryNode>();
+          slot->depth_ = depth_ + 1;
+          Entry entry;
+          entry.name = name;
+          entry.value.type = REG_KEY;
+          entry.child = slot;
+          pending.push_back(std::move(entry));
+        }
+        child = slot;
+      }
       created += 1 + child->Read(file);
       continue;
     }
@@ -317,13 +349,13 @@ size_t CRegistryNode::Read(FILE* file) {
     std::string name = t.substr(0, eq);
     const char* marker = t.c_str() + eq;
     if (strncmp(marker, "=s=", 3) == 0) {
-      SetValue(name, RegistryValue::String(marker + 3, REG_SZ));
+      setValue(std::move(name), RegistryValue::String(marker + 3, REG_SZ));
     } else if (strncmp(marker, "=es=", 4) == 0) {
-      SetValue(name, RegistryValue::String(marker + 4, REG_EXPAND_SZ));
+      setValue(std::move(name), RegistryValue::String(marker + 4, REG_EXPAND_SZ));
     } else if (strncmp(marker, "=d=", 3) == 0) {
       int32_t number = 0;
       if (!ParseDecimal(marker + 3, &number)) continue;
-      SetValue(name, RegistryValue::Number(number));
+      setValue(std::move(name), RegistryValue::Number(number));
     } else if (strncmp(marker, "=b=", 3) == 0) {
       bool junk = false;
       std::vector<uint8_t> bytes = ParseHexBytes(marker + 3, &junk);
@@ -331,11 +363,48 @@ size_t CRegistryNode::Read(FILE* file) {
         EM_TRACE(1, "CRegistry: WARNING: binary value \"%s\" holds junk after %d bytes\n",
                  name.c_str(), static_cast<int>(bytes.size()));
       }
-      SetValue(name, RegistryValue::Binary(std::move(bytes)));
+      setValue(std::move(name), RegistryValue::Binary(std::move(bytes)));
     } else {
       continue;
     }
     ++created;
   }
+  MergeSorted(std::move(pending));
   return created;
+}
+
+void CRegistryNode::MergeSorted(std::vector<Entry> added) {
+  // (name, isKey) is unique within `added`, so the sort needs no stability.
+  auto before = [](const Entry& a, const Entry& b) {
+    int c = CompareRegistryNames(a.name.c_str(), b.name.c_str());
+    if (c != 0) return c < 0;
+    return !a.IsKey() && b.IsKey();
+  };
+  std::sort(added.begin(), added.end(), before);
+  CRecursiveLockGuard guard(lock_);
+  if (entries_.empty()) {
+    entries_ = std::move(added);
+    return;
+  }
+  std::vector<Entry> merged;
+  merged.reserve(entries_.size() + added.size());
+  auto a = entries_.begin();
+  auto b = added.begin();
+  while (a != entries_.end() || b != added.end()) {
+    if (b == added.end() || (a != entries_.end() && before(*a, *b))) {
+      merged.push_back(std::move(*a++));
+    } else if (a == entries_.end() || before(*b, *a)) {
+      merged.push_back(std::move(*b++));
+    } else if (!b->IsKey()) {  // a value read again replaces the one held
+      a->value = std::move(b->value);
+      merged.push_back(std::move(*a++));
+      ++b;
+    } else {
+      // Only when another caller added the key meanwhile: its node stays and the lines
+      // read here are dropped. The registry reads into nodes nobody else sees yet.
+      merged.push_back(std::move(*a++));
+      ++b;
+    }
+  }
+  entries_ = std::move(merged);
 }

@@ -92,7 +92,8 @@ class CRegistryNode {
   bool Write(FILE* file) const;
   // Reads lines up to the end of the file or the empty line that ends this node, and
   // adds what they describe; sub-keys below kRegistryMaxDepth are skipped with a trace.
-  // Returns the number of entries created, children's included.
+  // The node's own entries appear once its lines are read, in O(n log n) for n lines
+  // whatever their order. Returns the number of entries created, children's included.
   size_t Read(FILE* file);
 
  private:
@@ -108,6 +109,8 @@ class CRegistryNode {
   // Index of the entry, or -1.
   long Find(const std::string& name, bool isKey) const;
   bool HasSubKeysLocked() const;
+  // Adds entries whose (name, isKey) pairs are distinct, in O((n + m) log m).
+  void MergeSorted(std::vector<Entry> added);
 
   int depth_ = 0;
   mutable CRecursiveLock lock_;

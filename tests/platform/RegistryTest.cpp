@@ -1,6 +1,12 @@
 #include <sys/stat.h>
+#include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -211,6 +217,123 @@ TEST_F(RegistryTest, ConcurrentWritersAndReadersKeepTreeAndFileWhole) {
   CRegistry reread(dir_);
   reread.SetupTree(false);
   EXPECT_EQ(reread.Root()->FindKey("HKEY_LOCAL_MACHINE")->KeyNames().size(), 0u);
+}
+
+// The tree as the registry writes it; "" when there is none.
+std::string Rendered(const std::shared_ptr<CRegistryNode>& root) {
+  char* buffer = nullptr;
+  size_t size = 0;
+  FILE* memory = open_memstream(&buffer, &size);
+  if (root) root->Write(memory);
+  fclose(memory);
+  std::string text(buffer, size);
+  free(buffer);
+  return text;
+}
+
+// A file of sub-keys K0..K3 of HKEY_LOCAL_MACHINE, each with values a and b set to `v`.
+std::string TreeFile(const std::string& v) {
+  std::string keys;
+  for (int k = 0; k < 4; ++k) {
+    keys += "[K" + std::to_string(k) + "]\na=s=" + v + "\nb=s=" + v + "\n\n";
+  }
+  return "[HKEY_CLASSES_ROOT]\n\n[HKEY_CURRENT_CONFIG]\n\n[HKEY_CURRENT_USER]\n\n"
+         "[HKEY_LOCAL_MACHINE]\n" + keys + "\n[HKEY_USERS]\n\n\n";
+}
+
+TEST_F(RegistryTest, RestoreGivesTheSameTreeWhateverTheLineOrder) {
+  const std::string sorted = TreeFile("x");
+  for (const std::string& file : {
+           sorted,
+           // reversed keys and values, a value given twice, a header repeated
+           std::string("[HKEY_USERS]\n\n[HKEY_LOCAL_MACHINE]\n[K3]\nb=s=x\na=s=x\n\n"
+                       "[K2]\nb=s=x\na=s=x\n\n[K1]\nb=s=x\na=s=y\na=s=x\n\n[K0]\nb=s=x\n\n"
+                       "[K0]\na=s=x\n\n\n[HKEY_CURRENT_USER]\n\n[HKEY_CURRENT_CONFIG]\n\n"
+                       "[HKEY_CLASSES_ROOT]\n\n\n"),
+       }) {
+    Write("registry", file);
+    CRegistry reg(dir_);
+    reg.SetupTree(false);
+    EXPECT_EQ(Rendered(reg.Root()), sorted);
+  }
+}
+
+// Counts the file calls of a save and, from call `crash_at` on, fails every one as if the
+// process had died there: a write at the crash leaves half its bytes, nothing later
+// reaches the disk. Writes take at most 16 bytes, so a save makes many of them.
+class CrashingIo : public RegistryFileIo {
+ public:
+  int crash_at = 0;  // 0: never
+  std::vector<std::string> calls;
+
+  int Open(const char* path, int flags, mode_t mode) override {
+    return Alive("open") ? RegistryFileIo::Open(path, flags, mode) : Fail();
+  }
+  ssize_t Write(int fd, const void* data, size_t size) override {
+    size = std::min<size_t>(size, 16);
+    if (Alive("write")) return RegistryFileIo::Write(fd, data, size);
+    (void)RegistryFileIo::Write(fd, data, size / 2);
+    return Fail();
+  }
+  int Sync(int fd) override { return Alive("sync") ? RegistryFileIo::Sync(fd) : Fail(); }
+  int Close(int fd) override {
+    int result = RegistryFileIo::Close(fd);  // the process's end would close it too
+    return Alive("close") ? result : Fail();
+  }
+  int Rename(const char* from, const char* to) override {
+    return Alive("rename") ? RegistryFileIo::Rename(from, to) : Fail();
+  }
+  int Unlink(const char* path) override {
+    return Alive("unlink") ? RegistryFileIo::Unlink(path) : Fail();
+  }
+  bool Crashed() const { return crash_at > 0 && static_cast<int>(calls.size()) >= crash_at; }
+
+ private:
+  bool Alive(const char* call) {
+    calls.push_back(call);
+    return !Crashed();
+  }
+  static int Fail() {
+    errno = EIO;
+    return -1;
+  }
+};
+
+TEST_F(RegistryTest, CrashAtAnyCallOfASaveLoadsTheOldOrTheNewTreeWhole) {
+  TraceClient().SetTraceLevel(0);  // keep the run short
+  const std::string older = TreeFile("older"), old = TreeFile("old"), now = TreeFile("new");
+  for (int k = 1;; ++k) {
+    Write("registry", old);
+    Write("registry.old", older);
+    unlink(Path("registry.new").c_str());
+    CrashingIo io;
+    CRegistry reg(dir_, &io);
+    reg.SetupTree(false);
+    io.crash_at = 1;  // the changes are held in memory and saved at once below
+    for (int n = 0; n < 4; ++n) {
+      HKEY key = 0;
+      ASSERT_EQ(reg.OpenKey(HKEY_LOCAL_MACHINE, ("K" + std::to_string(n)).c_str(), &key),
+                ERROR_SUCCESS);
+      for (const char* name : {"a", "b"}) ASSERT_EQ(SetString(reg, key, name, "new"), 0);
+    }
+    io.calls.clear();
+    io.crash_at = k;
+    const bool saved = reg.SaveTree();
+
+    CRegistry after(dir_);
+    after.SetupTree(false);
+    const std::string loaded = Rendered(after.Root());
+    EXPECT_TRUE(loaded == old || loaded == now) << "crash at call " << k << ":\n" << loaded;
+    if (!io.Crashed()) {  // k is past the last call: the save went through
+      EXPECT_TRUE(saved);
+      EXPECT_EQ(loaded, now);
+      ASSERT_GT(k, 10);  // the writes were many
+      const std::vector<std::string> tail(io.calls.end() - 5, io.calls.end());
+      EXPECT_EQ(tail, (std::vector<std::string>{"rename", "rename", "open", "sync", "close"}))
+          << "the directory is synced after the renames";
+      break;
+    }
+  }
 }
 
 TEST_F(RegistryTest, MessageFileDirectoryPrecedence) {
