@@ -1,6 +1,7 @@
 #include "oidmap/OidMapExtModule.h"
 
 #include <cstdlib>
+#include <utility>
 
 #include "module/DebugClient.h"
 #include "oidmap/Opcodes.h"
@@ -18,9 +19,10 @@ uint32_t CacheWaitMs() {
 
 }  // namespace
 
-COidMapExtModule::COidMapExtModule()
+COidMapExtModule::COidMapExtModule(std::string messageFileDir)
     : CExtensionModule(),
       CTaskSerializer<SipJson>(1, kTaskQueueBytes),
+      message_files_(std::move(messageFileDir)),
       cache_wait_ms_(CacheWaitMs()) {
   EM_TRACE(5, "\nEM_OIDMAP           : -> Constructor...");
   EM_TRACE(5, "\nEM_OIDMAP           : <- Constructor");

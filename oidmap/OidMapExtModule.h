@@ -49,7 +49,9 @@ constexpr uint32_t kTaskQueueBytes = 160;
 
 class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson> {
  public:
-  COidMapExtModule();
+  // `messageFileDir` is where the message files are looked for first: the process's
+  // current directory, unless a harness that must not move it names another.
+  explicit COidMapExtModule(std::string messageFileDir = ".");
   ~COidMapExtModule() override;
 
   // ---- Host interface overrides --------------------------------------------------------

@@ -31,15 +31,9 @@ for preset in asan tsan; do
       "$exe" --gtest_brief=1
   done
 done
-# Log data comes from other modules: a short fuzz run of the record parsers, merge and
-# store (new inputs go to a scratch corpus, not into the tree).
-cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz --target fuzz_log_records
-fuzz_scratch=$(mktemp -d)
-UBSAN_OPTIONS="halt_on_error=1:suppressions=fuzz/ubsan.supp" \
-  ./build/fuzz/fuzz/fuzz_log_records "$fuzz_scratch" fuzz/corpus/log_records -runs=20000 \
-  2>&1 | tail -n 1
-rm -rf "$fuzz_scratch"
+# Every parser of outside data and both message handlers under the fuzzer, 20 s each, on
+# scratch copies of their seed corpora.
+bash fuzz/run-all 20
 # The benchmarks must keep building and running (a short run; figures come from full runs).
 cmake --preset bench >/dev/null
 cmake --build --preset bench

@@ -1,0 +1,129 @@
+// What the request and reply handler targets share: two started modules, each on its own
+// simulated host that answers every request at once, built once per process.
+//   mapped: the demo scenario (two modules counting the same kind, three cabinets), so
+//           mapping is needed and every cabinet translates;
+//   single: one lower module, so mapping is not needed.
+// Both have scanned their logs before the first input, so every listed cabinet's cache is
+// ready, and queries of other cabinets give up after 1 ms. Tracing is on at the highest
+// level, so every trace site formats its arguments.
+#ifndef EM_FUZZ_MODULEFUZZHOST_H
+#define EM_FUZZ_MODULEFUZZHOST_H
+
+#include <chrono>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "hostsim/DebugSink.h"
+#include "hostsim/Scenario.h"
+#include "hostsim/SimHost.h"
+#include "module/DebugClient.h"
+#include "oidmap/OidMapExtModule.h"
+#include "runtime/Event.h"
+
+namespace fuzzhost {
+
+inline void Check(bool ok) {
+  if (!ok) __builtin_trap();
+}
+
+constexpr const char* kSingleModule = R"({
+  "serverCabinet": 0,
+  "modules": [ {
+    "mid": "0x00030001",
+    "counts": [ { "oc": "0x0300", "ca": 0, "count": 4 } ],
+    "config": [ { "oe": "0x211", "da": "the help desk" } ],
+    "rules": [
+      { "oc": "0x0B20", "da": { "RAW": [9, 4] } },
+      { "oc": "0x0B19", "da": { "RAW": [1, 2, 3] } },
+      { "oc": "0x0B21", "da": "a long text" },
+      { "oc": "0x0B23", "da": "a summary" },
+      { "oc": "0x0B1A", "da": ["cause one", "cause two"] },
+      { "oc": "0x0B17", "da": ["call %HD%"] },
+      { "oc": "0x0301", "da": { "Name": "FAN", "Speed": 4000 } }
+    ],
+    "messageLog": [
+      { "code": "0x040005", "order": 100, "recordId": 1, "strings": ["1", "2"] },
+      { "code": "0x0A0001", "order": 120, "recordId": 2, "css": true }
+    ],
+    "errorLog": [ { "code": "0x0401", "cabinet": 0, "oid": 1, "order": 110, "args": [7] } ]
+  } ]
+})";
+
+struct Instance {
+  hostsim::SimHost host;
+  COidMapExtModule module{EM_SAMPLE_MSGFILES_DIR};
+  std::vector<uint32_t> mids;
+  std::vector<uint32_t> cabinets;
+  CEvent drained;
+};
+
+// Starts a module on a host set up from the scenario, with `seCounts` more instances of the
+// fans per module in every SE cabinet, and lets the re-scan fill every cabinet's cache.
+inline Instance* Make(const hostsim::Scenario& scenario, uint32_t seCounts) {
+  auto* in = new Instance;  // never destroyed: the worker may outlive any exit order
+  scenario.ApplyTo(in->host);
+  for (const auto& module : scenario.modules) {
+    in->mids.push_back(module.mid);
+    for (uint32_t ca : scenario.seCabinets) {
+      if (seCounts != 0) in->host.FindModule(module.mid)->SetInstanceCount(0x0300, 0, ca, seCounts);
+    }
+  }
+  in->module.SetServerCabinet(scenario.serverCabinet);
+  Check(in->module.Start(&in->host, in->host.Attach(&in->module)) == 1);
+  in->module.Rescan();
+  in->cabinets = in->module.CabinetList();
+  for (uint32_t ca : in->cabinets) Check(in->module.MsgLogCache().WaitForCacheReady(ca, 60000));
+  in->drained.Create(false, false, nullptr);
+  return in;
+}
+
+inline Instance* MakeFromText(const char* text, uint32_t seCounts) {
+  hostsim::Scenario scenario;
+  std::string error;
+  Check(text == nullptr ? scenario.Load(EM_SAMPLE_SCENARIO, error) : scenario.Parse(text, error));
+  return Make(scenario, seCounts);
+}
+
+// Instance by bit 0 of a selector byte: 0 mapped, 1 single.
+inline Instance& Pick(uint8_t selector) {
+  static Instance* const* const instances = [] {
+    setenv("EM_OIDMAP_CACHE_WAIT_MS", "1", 1);  // read when a module is created
+    TraceClient().SetTraceLevel(5);
+    static Instance* made[2] = {MakeFromText(nullptr, 2), MakeFromText(kSingleModule, 0)};
+    Check(made[0]->module.IsMappingNeeded() && made[0]->cabinets.size() == 3 &&
+          !made[1]->module.IsMappingNeeded());
+    // The workers must be gone before exit destroys the trace client they write to (a host
+    // stops and deletes its modules before it ends).
+    std::atexit([] {
+      for (Instance* in : made) in->module.Stop();
+    });
+    return made;
+  }();
+  return *instances[selector & 1];
+}
+
+// Waits until the worker has run every task queued so far (text and raw record fetches,
+// which the host answers at once), then drops what host and trace sink recorded, so that
+// nothing piles up from one input to the next.
+inline void Settle(Instance& in) {
+  const SipJson marker(0, 0, 0, 0);  // an opcode the worker does nothing for
+  while (!in.module.InsertTask(marker, 0, &in.drained)) {
+    std::this_thread::sleep_for(std::chrono::microseconds(100));  // queue full: draining
+  }
+  Check(in.drained.Wait(60000, false) == EVENT_WAIT_SIGNAL);
+  in.host.ClearRecords();
+  hostsim::Sink().Clear();
+}
+
+// The message must still be one that a host can send on.
+inline void CheckWellFormed(const SipJson& msg) {
+  SipJson again;
+  Check(again.Parse(msg.Serialize()));
+}
+
+}  // namespace fuzzhost
+
+#endif  // EM_FUZZ_MODULEFUZZHOST_H

@@ -1,0 +1,24 @@
+// Arbitrary bytes (after byte 0) parsed as a SIP message and offered to a started module's
+// request handler, as a host offers a client's request. Byte 0: bit 0 picks the module
+// (mapped or single, ModuleFuzzHost.h), bits 1-2 the current command index. Nothing may
+// crash, leak or block; the handler returns 0 or 1 and leaves a message that still
+// serialises to text that parses. Text and raw record fetches it queues run before the
+// next input.
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+#include "fuzz/ModuleFuzzHost.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  if (size == 0) return 0;
+  SipJson msg;
+  if (!msg.Parse(std::string(reinterpret_cast<const char*>(data) + 1, size - 1))) return 0;
+  fuzzhost::Instance& in = fuzzhost::Pick(data[0]);
+  msg.SetCurrentIndex((data[0] >> 1) & 3);
+  CIExtensionModule& module = in.module;
+  fuzzhost::Check(module.OnRequest(msg) <= 1);
+  fuzzhost::CheckWellFormed(msg);
+  fuzzhost::Settle(in);
+  return 0;
+}
