@@ -1,6 +1,10 @@
 // SipJson: readers, builders and the host API of the SIP message record.
 #include "sip/SipJson.h"
 
+#include <algorithm>
+#include <charconv>
+#include <climits>
+#include <cmath>
 #include <cstring>
 #include <utility>
 
@@ -90,8 +94,9 @@ class DepthLimitedHandler {
   bool Int64(int64_t i) { return doc_.Int64(i); }
   bool Uint64(uint64_t u) { return doc_.Uint64(u); }
   bool Double(double d) { return doc_.Double(d); }
-  bool RawNumber(const char* s, rapidjson::SizeType n, bool copy) {
-    return doc_.RawNumber(s, n, copy);
+  // Every number arrives as its text and is converted here (see NumberFromText).
+  bool RawNumber(const char* s, rapidjson::SizeType n, bool /*copy*/) {
+    return NumberFromText(s, s + n);
   }
   bool String(const char* s, rapidjson::SizeType n, bool copy) { return doc_.String(s, n, copy); }
   bool Key(const char* s, rapidjson::SizeType n, bool copy) { return doc_.Key(s, n, copy); }
@@ -108,6 +113,40 @@ class DepthLimitedHandler {
 
  private:
   bool Enter() { return ++depth_ <= max_depth_; }
+
+  // Integers as the reader gives them, exactly; other numbers correctly rounded, so that
+  // the text Serialize writes reads back as the same double. The reader's own conversion
+  // of fractions is off by some units in the last place, and its exact one reads outside
+  // a table for long fractions. A number beyond the largest double is refused, one below
+  // the smallest is 0.
+  bool NumberFromText(const char* first, const char* last) {
+    const bool minus = first != last && *first == '-';
+    if (std::none_of(first, last, [](char c) { return c == '.' || c == 'e' || c == 'E'; })) {
+      if (minus) {
+        int64_t v = 0;
+        if (std::from_chars(first, last, v).ec == std::errc()) {
+          return v >= INT_MIN ? doc_.Int(static_cast<int>(v)) : doc_.Int64(v);
+        }
+      } else {
+        uint64_t v = 0;
+        if (std::from_chars(first, last, v).ec == std::errc()) {
+          return v <= UINT_MAX ? doc_.Uint(static_cast<unsigned>(v)) : doc_.Uint64(v);
+        }
+      }
+    }
+    double d = 0;
+    const std::from_chars_result result = std::from_chars(first, last, d);
+    if (result.ec == std::errc::result_out_of_range) {
+      long double wide = 0;  // the reader bounds exponents, so a too large one fits here
+      if (std::from_chars(first, last, wide).ec == std::errc() && std::fabs(wide) >= 1) {
+        return false;
+      }
+      d = minus ? -0.0 : 0.0;
+    } else if (result.ec != std::errc() || result.ptr != last) {
+      return false;
+    }
+    return doc_.Double(d);
+  }
 
   Document& doc_;
   unsigned max_depth_;
@@ -177,12 +216,13 @@ bool SipJson::Parse(const std::string& text) {
     rapidjson::MemoryStream ms(text.data(), text.size());
     rapidjson::Reader reader;
     rapidjson::ParseResult result;
-    // Not kParseFullPrecisionFlag: in the RapidJSON release we build with, its decimal
-    // conversion reads outside a table for numbers with long fractions, which any peer
-    // could send. SIP numbers are unsigned integers, which parse exactly either way.
+    // Numbers as text, converted by the handler: not kParseFullPrecisionFlag, since in the
+    // RapidJSON release we build with its decimal conversion reads outside a table for
+    // numbers with long fractions, which any peer could send.
     auto generate = [&](Document& handler) {
       DepthLimitedHandler limited(handler, kMaxParseDepth);
-      result = reader.Parse<rapidjson::kParseIterativeFlag>(ms, limited);
+      result = reader.Parse<rapidjson::kParseIterativeFlag | rapidjson::kParseNumbersAsStringsFlag>(
+          ms, limited);
       return !result.IsError();
     };
     parsed.Populate(generate);

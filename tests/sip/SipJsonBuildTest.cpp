@@ -75,14 +75,24 @@ TEST(SipJsonHostApi, ParseSerializeRoundTrip) {
   ASSERT_TRUE(msg.Parse(text));
   EXPECT_EQ(msg.CurrentIndex(), 0);
   EXPECT_EQ(msg.Serialize(), text);
-  // Integers survive hops through text exactly; numbers with absurdly long fractions or
-  // exponents (hostile peers) parse or are refused without undefined behaviour.
-  const std::string once = FromText(R"({"d":[4294967295,18446744073709551615,-7]})").Serialize();
-  EXPECT_EQ(FromText(once).Serialize(), once);
+  // Integers survive hops through text exactly, and every other number is the same after
+  // its first hop (an integer beyond 64 bits is a double); numbers with absurdly long
+  // fractions or exponents (hostile peers) parse or are refused without undefined
+  // behaviour, and none beyond the largest double is taken.
+  for (const char* numbers :
+       {R"({"d":[4294967295,18446744073709551615,-7,-9223372036854775808,-0]})",
+        R"({"d":[65588888888888888888888888888888888888000000004087392194332429830,0.1]})",
+        R"({"d":[-2.5e-300,1e-400,-1e-400,1.7976931348623157e308,4.9e-324]})"}) {
+    const std::string once = FromText(numbers).Serialize();
+    EXPECT_EQ(FromText(once).Serialize(), once) << numbers;
+  }
+  EXPECT_EQ(FromText(R"({"d":[-9223372036854775808,1e-400]})").Serialize(),
+            R"({"d":[-9223372036854775808,0.0]})");
   SipJson hostile;
   EXPECT_TRUE(hostile.Parse("{\"a\":0." + std::string(400, '0') + "1}"));
   EXPECT_TRUE(hostile.Parse("{\"a\":1." + std::string(400, '9') + "e-999}"));
   EXPECT_FALSE(hostile.Parse("{\"a\":1e999999999999}"));
+  EXPECT_FALSE(hostile.Parse("{\"a\":1.8e308}"));
 }
 
 TEST(SipJsonHostApi, ParseRejectsToAnEmptyMessageAndBoundsNesting) {
