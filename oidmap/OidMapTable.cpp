@@ -83,6 +83,16 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
   }
 
   std::vector<OidEntry>& oids = entries_[position].oids;
+  // The same bound holds for all modules together: a host that repeats a reply (or many
+  // modules) would otherwise grow one entry without end.
+  const uint32_t room = kMaxInstancesPerReply - static_cast<uint32_t>(oids.size());
+  if (n > room) {
+    EM_TRACE(1,
+             "\nEM_OIDMAP           : WARNING! MID 0x%04X%04X: opcode 0x%04X-0x%04X has %u "
+             "instances in all; only %u more are mapped",
+             MidHigh(mid), MidLow(mid), countOc, countOe, kMaxInstancesPerReply, room);
+    n = room;
+  }
   for (uint32_t i = 0; i < n; ++i) {
     oids.push_back(OidEntry{i, mid});
     if (newEntry) {

@@ -18,7 +18,9 @@
 //
 // Thread safety: InsertTask from any thread, including from inside OnTaskExecution (the
 // queue lock is not held while a task runs). StartSerialization and
-// TerminateSerialization are called by one controlling thread at a time.
+// TerminateSerialization may be called from any thread except the worker: a host may
+// stop the module on one thread while start runs on another, so they take turns on a
+// control lock (the worker object is not safe to start and join at once).
 #ifndef EM_RUNTIME_TASKSERIALIZER_H
 #define EM_RUNTIME_TASKSERIALIZER_H
 
@@ -28,6 +30,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -104,6 +107,7 @@ class CTaskSerializer {
   }
 
   std::unique_ptr<LevelEntry[]> levels_;
+  std::mutex control_;  // held by StartSerialization and TerminateSerialization
   CRecursiveLock queueLock_;
   CEvent wake_;
   CThread worker_;
@@ -177,6 +181,7 @@ bool CTaskSerializer<T>::InsertTask(const T& msg, int32_t level, CEvent* event) 
 
 template <typename T>
 void CTaskSerializer<T>::StartSerialization() {
+  std::lock_guard<std::mutex> control(control_);
   EM_TRACE(4, "\nCTaskSerializer     : StartSerialization!");
   if (worker_.HoldsThread() && worker_.IsAlive()) return;
 
@@ -196,6 +201,7 @@ void CTaskSerializer<T>::StartSerialization() {
 
 template <typename T>
 bool CTaskSerializer<T>::TerminateSerialization() {
+  std::lock_guard<std::mutex> control(control_);
   EM_TRACE(4, "\nCTaskSerializer     : TerminateSerialization!");
   if (!worker_.HoldsThread()) {
     EM_TRACE(5, "\nCTaskSerializer     :   terminated");
