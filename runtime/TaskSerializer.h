@@ -28,6 +28,8 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
 #include <mutex>
@@ -43,7 +45,8 @@
 
 // Real-time priority asked for the worker (SCHED_RR).
 constexpr uint32_t kTaskHandlerPriority = 83;
-// Pause after starting the worker, and after waking it to terminate, so it can run.
+// Pause after starting the worker so it can run, and the longest wait after waking it to
+// terminate before joining it.
 constexpr uint32_t kTaskSettleMs = 100;
 // Time-out handed to the worker's join when terminating (traced, not honoured).
 constexpr uint32_t kTaskJoinTimeoutMs = 2000;
@@ -115,6 +118,11 @@ class CTaskSerializer {
   uint32_t stackSize_ = 0;
   uint32_t levelCount_;
   std::atomic<bool> terminate_{false};  // read by the worker without the lock
+  // Set by the worker after its last trace line, so that terminating does not sleep the
+  // whole settle pause for a worker that has already left.
+  std::mutex leftMutex_;
+  std::condition_variable leftCv_;
+  bool workerLeft_ = false;
 
   uint32_t settleMs_;
   std::string debugName_;
@@ -187,6 +195,10 @@ void CTaskSerializer<T>::StartSerialization() {
 
   wake_.Reset();
   terminate_.store(false, std::memory_order_relaxed);
+  {
+    std::lock_guard<std::mutex> left(leftMutex_);
+    workerLeft_ = false;
+  }
   worker_.SetThreadName(debugName_.c_str(), "_TaskHandler");
   if (!worker_.Start(&CTaskSerializer::ThreadMain, this, kTaskHandlerPriority, 0, stackSize_, 0,
                      1)) {
@@ -223,7 +235,12 @@ bool CTaskSerializer<T>::TerminateSerialization() {
     }
     terminate_.store(true, std::memory_order_relaxed);
     wake_.Set();
-    usleep(static_cast<useconds_t>(settleMs_) * 1000);
+    {
+      // The settle pause ends early once the worker has left: an idle worker takes
+      // microseconds, and the worker's lines still all come before the join's.
+      std::unique_lock<std::mutex> left(leftMutex_);
+      leftCv_.wait_for(left, std::chrono::milliseconds(settleMs_), [this] { return workerLeft_; });
+    }
     worker_.WaitForTermination(kTaskJoinTimeoutMs);
     worker_.Kill();
   }
@@ -233,8 +250,13 @@ bool CTaskSerializer<T>::TerminateSerialization() {
 
 template <typename T>
 void* CTaskSerializer<T>::ThreadMain(void* arg) {
-  static_cast<CTaskSerializer*>(arg)->TaskHandler();
+  auto* self = static_cast<CTaskSerializer*>(arg);
+  self->TaskHandler();
   CThread::TraceThreadReturn();
+  // The serializer outlives this: the terminating thread joins after it wakes.
+  std::lock_guard<std::mutex> left(self->leftMutex_);
+  self->workerLeft_ = true;
+  self->leftCv_.notify_all();
   return nullptr;
 }
 
