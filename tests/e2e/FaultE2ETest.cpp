@@ -331,7 +331,9 @@ TEST_F(FaultE2ETest, CreateStartDeleteCycles_LeaveNoThreadBehind) {
     SCOPED_TRACE(cycle);
     StartOn(host_);
     if (cycle % 3 != 0) module_->Rescan();
-    if (cycle % 3 == 2) EXPECT_EQ(1u, CallSlot<uint32_t>(module_, 6));
+    if (cycle % 3 == 2) {
+      EXPECT_EQ(1u, CallSlot<uint32_t>(module_, 6));
+    }
     Destroy();
     ASSERT_EQ(threads_, ThreadCount());
   }
