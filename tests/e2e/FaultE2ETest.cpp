@@ -238,13 +238,14 @@ TEST_F(FaultE2ETest, CountBroadcastFlooded_InstancesBoundedAndStartCompletes) {
 // Stop (slot 6) or the switch-shutdown notification arrives on another host thread while
 // the module is in the middle of something; the request that is under way is answered.
 TEST_F(FaultE2ETest, StopAndShutdownMidway_EndWithDefinedResults) {
-  enum Phase { kStart, kRescan, kScan };
+  enum Phase { kStarting, kStart, kRescan, kScan };
   struct Case {
     const char* name;
     Phase phase;
     bool stop;  // else switch shutdown
   };
   const Case cases[] = {
+      {"stop while start starts the worker", kStarting, true},
       {"stop during start", kStart, true},   {"shutdown during start", kStart, false},
       {"stop during re-scan", kRescan, true}, {"shutdown during re-scan", kRescan, false},
       {"stop during a scan", kScan, true},    {"shutdown during a scan", kScan, false},
@@ -275,12 +276,19 @@ TEST_F(FaultE2ETest, StopAndShutdownMidway_EndWithDefinedResults) {
         action.join();
       }
     });
-    ASSERT_EQ(1u, module_->Start(&host, context));
+    if (c.phase == kStarting) {
+      std::thread start([&] { EXPECT_EQ(1u, module_->Start(&host, context)); });
+      EXPECT_TRUE(e2e::WaitForTrace("StartSerialization!", 1));
+      result = CallSlot<uint32_t>(module_, 6);
+      start.join();
+    } else {
+      ASSERT_EQ(1u, module_->Start(&host, context));
+    }
     size_t broadcasts = 0;
     for (const auto& sent : host.SentRequests()) {
       if (sent.json.find("\"MI\":4294967295") != std::string::npos) ++broadcasts;
     }
-    armed = c.phase != kStart;
+    armed = c.phase == kRescan || c.phase == kScan;
     module_->Rescan();
     if (c.phase == kScan) {
       EXPECT_TRUE(e2e::WaitForTrace(kReadySet, 1));
