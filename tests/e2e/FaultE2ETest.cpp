@@ -74,6 +74,8 @@ class FaultE2ETest : public e2e::ModuleHostTest {
  protected:
   void SetUp() override {
     ModuleHostTest::SetUp();
+    // A sanitizer's own helper thread starts with the process's first new thread.
+    std::thread([] {}).join();
     threads_ = ThreadCount();
     // Read when a module is created: no query of these tests waits long on a cache.
     setenv("EM_OIDMAP_CACHE_WAIT_MS", "5000", 1);
@@ -84,10 +86,11 @@ class FaultE2ETest : public e2e::ModuleHostTest {
     EXPECT_EQ(threads_, ThreadCount()) << "a thread outlived EM_Delete";
   }
 
+  // Scans of 10 MB or 50,000 replies take minutes under ThreadSanitizer.
   void RescanAndWait() {
     const size_t before = Sink().Count(kReadySet);
     module_->Rescan();
-    ASSERT_TRUE(e2e::WaitForTrace(kReadySet, before + 1));
+    ASSERT_TRUE(e2e::WaitForTrace(kReadySet, before + 1, 600));
   }
 
   uint32_t Query(uint32_t oc, uint32_t ca = 0) {
@@ -165,7 +168,8 @@ TEST_F(FaultE2ETest, LowerModuleFaults_DefinedAnswersAndWellFormedEntriesKept) {
   };
   const Case cases[] = {
       {"none", [](SimModule&) {}, 3, true},
-      {"times out on every opcode", onEvery([](hostsim::ReplyRule& r) { r.delayMs = hostsim::kNeverInTime; }), 2, false},
+      {"times out on every opcode",
+       onEvery([](hostsim::ReplyRule& r) { r.delayMs = hostsim::kNeverInTime; }), 2, false},
       {"answers 20 ms late", onEvery([](hostsim::ReplyRule& r) { r.lateMs = 20; }), 3, true},
       // Status text is read up to its first character that is no digit: these are 0.
       {"ST \" 7\"", statusText(" 7"), 3, true},
