@@ -208,10 +208,11 @@ bool ReadLog(ObjectReader& module, const std::string& where, const char* key, ui
   return true;
 }
 
-// A fault: what an opcode suffers (one of late, timeout, st, wrongType), optionally
-// only every n-th time.
+// A fault: what an opcode suffers (one of late, timeout, st, stText, wrongType, replies),
+// optionally only every n-th time.
 bool ReadFault(ObjectReader& item, SimModule& scratch) {
-  item.AllowOnly({"oc", "oe", "oi", "ca", "every", "lateMs", "timeout", "st", "wrongType"});
+  item.AllowOnly({"oc", "oe", "oi", "ca", "every", "lateMs", "timeout", "st", "stText",
+                  "wrongType", "replies"});
   ReplyRule rule;
   rule.oc = item.RequiredNumber("oc");
   rule.oe = item.OptionalNumber("oe");
@@ -228,6 +229,18 @@ bool ReadFault(ObjectReader& item, SimModule& scratch) {
     rule.status = item.Number("st", 0);
     ++kinds;
   }
+  if (const Value* text = item.Find("stText")) {
+    if (text->IsString()) {
+      rule.statusText = std::string(text->GetString(), text->GetStringLength());
+    } else {
+      item.Fail("member \"stText\" must be a string");
+    }
+    ++kinds;
+  }
+  if (item.Find("replies") != nullptr) {
+    rule.replies = item.Number("replies", 1);
+    ++kinds;
+  }
   for (const char* flag : {"timeout", "wrongType"}) {
     const Value* value = item.Find(flag);
     if (value == nullptr) continue;
@@ -237,7 +250,8 @@ bool ReadFault(ObjectReader& item, SimModule& scratch) {
     ++kinds;
   }
   if (item.ok() && kinds != 1) {
-    item.Fail("needs exactly one of \"lateMs\", \"timeout\", \"st\" and \"wrongType\"");
+    item.Fail("needs exactly one of \"lateMs\", \"timeout\", \"st\", \"stText\", "
+              "\"wrongType\" and \"replies\"");
   }
   if (item.Find("timeout") != nullptr) rule.delayMs = kNeverInTime;
   rule.wrongType = item.Find("wrongType") != nullptr;

@@ -179,11 +179,13 @@ bool SimHost::EnumerateSeCabinets(uint32_t serverCabinet, const uint32_t** seCab
 }
 
 rapidjson::Value SimHost::BuildReply(const rapidjson::Value& request, SimModule* module,
-                                     uint32_t timeoutMs, SipJson::Allocator& allocator) {
+                                     uint32_t timeoutMs, SipJson::Allocator& allocator,
+                                     uint32_t* replies) {
   rapidjson::Value reply(request, allocator);
   reply.RemoveMember("DA");
   SetMember(reply, "MI", module->Mid(), allocator);
   const ModuleAnswer answer = module->Answer(request);
+  if (replies != nullptr) *replies = answer.replies;
   if (answer.delayMs > timeoutMs) {
     // The module would answer too late: report the time-out without waiting for it.
     SetMember(reply, "ST", kStatusTimeout, allocator);
@@ -192,7 +194,12 @@ rapidjson::Value SimHost::BuildReply(const rapidjson::Value& request, SimModule*
   if (answer.delayMs > 0) {
     std::this_thread::sleep_for(std::chrono::milliseconds(answer.delayMs));
   }
-  SetMember(reply, "ST", answer.status, allocator);
+  if (answer.statusText) {
+    reply.RemoveMember("ST");
+    reply.AddMember("ST", rapidjson::Value(answer.statusText->c_str(), allocator), allocator);
+  } else {
+    SetMember(reply, "ST", answer.status, allocator);
+  }
   if (!answer.dataJson.empty()) {
     rapidjson::Document data;
     data.Parse(answer.dataJson.c_str(), answer.dataJson.size());
@@ -245,7 +252,12 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
   if (mi == kAllModules || ca == kAllCabinets) {
     rapidjson::Value replies(rapidjson::kArrayType);
     for (const auto& module : modules) {
-      replies.PushBack(BuildReply(request, module.get(), timeoutMs, allocator), allocator);
+      uint32_t copies = 1;
+      rapidjson::Value reply = BuildReply(request, module.get(), timeoutMs, allocator, &copies);
+      for (uint32_t c = 1; c < copies; ++c) {
+        replies.PushBack(rapidjson::Value(reply, allocator), allocator);
+      }
+      if (copies > 0) replies.PushBack(reply, allocator);
     }
     RecordReplies(recordAt, replies);
     int32_t replyCount = 0;

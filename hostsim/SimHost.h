@@ -10,7 +10,8 @@
 //   for the command), and its reply replaces the request command in place.
 // - A reply command is the request command with the module's MI and ST and, only when
 //   the module answers with data, its DA. No rule, no accepting module or an unknown MI
-//   give ST 0x01. A reply delay above the request's time-out gives ST 0x0F at once,
+//   give ST 0x01. A module may add its reply to a broadcast several times (a fault). A
+//   reply delay above the request's time-out gives ST 0x0F at once,
 //   without DA; a shorter delay is really slept.
 // - Before returning, every reply command is passed to the sending module's OnReply,
 //   with the current index set to it; the index is restored afterwards.
@@ -123,8 +124,10 @@ class SimHost : public CIModuleHost {
  private:
   std::vector<std::shared_ptr<SimModule>> ModulesSnapshot() const;
   // Builds one module's reply to `request` in the message's allocator (may sleep).
+  // `replies` (may be null) gets how many times a broadcast carries it.
   rapidjson::Value BuildReply(const rapidjson::Value& request, SimModule* module,
-                              uint32_t timeoutMs, SipJson::Allocator& allocator);
+                              uint32_t timeoutMs, SipJson::Allocator& allocator,
+                              uint32_t* replies = nullptr);
   void RecordReplies(size_t at, const rapidjson::Value& replies);
 
   mutable std::mutex mutex_;

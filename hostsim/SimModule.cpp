@@ -169,12 +169,16 @@ ModuleAnswer SimModule::Answer(const rapidjson::Value& command) {
   ModuleAnswer answer;
   bool wrongType = false;
   uint32_t lateMs = 0;
+  std::optional<std::string> statusText;
+  uint32_t replies = 1;
   for (ReplyRule& rule : rules_) {
     if (!rule.Matches(oc, oe, oi, ca) || !rule.MatchesData(command)) continue;
     if (rule.every > 1 && ++rule.seen % rule.every != 0) continue;
-    if (rule.wrongType || rule.lateMs > 0) {
+    if (rule.wrongType || rule.lateMs > 0 || rule.statusText || rule.replies != 1) {
       wrongType = wrongType || rule.wrongType;
       lateMs += rule.lateMs;
+      if (rule.statusText && !statusText) statusText = rule.statusText;
+      if (rule.replies != 1) replies = rule.replies;
       continue;
     }
     answer.handled = true;
@@ -202,6 +206,8 @@ ModuleAnswer SimModule::Answer(const rapidjson::Value& command) {
     }
   }
   if (answer.delayMs != kNeverInTime) answer.delayMs += lateMs;
+  answer.statusText = std::move(statusText);
+  answer.replies = replies;
   if (wrongType) {
     answer.handled = true;
     answer.dataJson = OfOtherType(answer.dataJson);

@@ -43,9 +43,12 @@ struct ReplyRule {
   uint32_t every = 1;
   uint32_t seen = 0;  // commands matched so far, for `every`
   // Modifiers keep the answer of the rules after them: its data gets another JSON type,
-  // or it comes lateMs later.
+  // it comes lateMs later, its status is written as this text instead of a number, or a
+  // broadcast gets it `replies` times over (a module that floods the host).
   bool wrongType = false;
   uint32_t lateMs = 0;
+  std::optional<std::string> statusText;
+  uint32_t replies = 1;
   bool fault = false;  // added by AddFault: never replaced by a setter
 
   // True when the rule answers a command with these members (missing members read 0).
@@ -62,6 +65,8 @@ struct ModuleAnswer {
   uint32_t status = kStatusNotHandled;
   std::string dataJson;
   uint32_t delayMs = 0;
+  std::optional<std::string> statusText;  // set: "ST" is this text
+  uint32_t replies = 1;  // reply commands this module adds to a broadcast
 };
 
 class SimModule {

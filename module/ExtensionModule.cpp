@@ -28,15 +28,18 @@ bool CExtensionModule::IsServerCabinetSet() {
 }
 
 std::string CExtensionModule::EventLogSourceName() const {
-  if (host_ != nullptr && host_->GetHostKind() == kHostKindAgentless) {
+  CIModuleHost* host = Host();
+  if (host != nullptr && host->GetHostKind() == kHostKindAgentless) {
     return kEventSourceAgentless;
   }
   return kEventSourceNodeSteward;
 }
 
 uint32_t CExtensionModule::Start(CIModuleHost* host, uint64_t context) {
-  host_ = host;
-  context_ = context;
+  // Events may reach the reply handler on host threads while start runs: the context is
+  // published before the host, and senders read the host first.
+  context_.store(context, std::memory_order_relaxed);
+  host_.store(host, std::memory_order_release);
   if (TraceClient().IsTraceActive()) {
     const std::string source = EventLogSourceName();
     EM_TRACE(4, "\n%-20s: Register event log source \"%s\" ...", GetModuleTag(), source.c_str());
@@ -110,11 +113,12 @@ uint32_t CExtensionModule::Notify(uint32_t code, uint32_t param, uintptr_t extra
 }
 
 void CExtensionModule::SendRequest(SipJson& msg, uint32_t timeoutMs) {
-  if (host_ == nullptr) {
+  CIModuleHost* host = Host();
+  if (host == nullptr) {
     msg.SetStatus(ST_NO_HOST);
     return;
   }
-  host_->SendRequest(context_, msg, timeoutMs);
+  host->SendRequest(Context(), msg, timeoutMs);
 }
 
 void CExtensionModule::SendToAllModules(SipJson& msg, uint32_t timeoutMs) {
@@ -128,20 +132,22 @@ void CExtensionModule::SendToAllCabinets(SipJson& msg, uint32_t timeoutMs) {
 }
 
 void CExtensionModule::AlternateSend(SipJson& msg) {
-  if (host_ == nullptr) {
+  CIModuleHost* host = Host();
+  if (host == nullptr) {
     msg.SetStatus(ST_NO_HOST);
     return;
   }
-  host_->AlternateSend(this, msg, 0);
+  host->AlternateSend(this, msg, 0);
 }
 
 void CExtensionModule::HandBack(SipJson& msg) {
-  if (host_ == nullptr) {
+  CIModuleHost* host = Host();
+  if (host == nullptr) {
     return;
   }
   const uint32_t saved = msg.GetStatus(msg.CurrentIndex());
   msg.SetStatus(ST_EVENT);
-  host_->HandBack(this, msg);
+  host->HandBack(this, msg);
   msg.SetStatus(saved);
 }
 

@@ -4,7 +4,7 @@
 //
 // Thread safety: the base takes no lock. Sends may be made from any thread (host threads
 // and a module's worker); the host is expected to accept concurrent sends. The host
-// pointer is set once by Start, before any request.
+// pointer is set by Start; events that arrive before it is set are not handed back.
 #ifndef EM_MODULE_EXTENSIONMODULE_H
 #define EM_MODULE_EXTENSIONMODULE_H
 
@@ -74,8 +74,8 @@ class CExtensionModule : public CIExtensionModule {
   }
 
   // ---- State ------------------------------------------------------------------------
-  CIModuleHost* Host() const { return host_; }
-  uint64_t Context() const { return context_; }
+  CIModuleHost* Host() const { return host_.load(std::memory_order_acquire); }
+  uint64_t Context() const { return context_.load(std::memory_order_relaxed); }
   // Set by SCN_SWITCH_SHUTDOWN and never cleared: long loops end when it is set.
   bool IsSwitchShutdown() const { return switch_shutdown_.load(std::memory_order_relaxed); }
   // The event-log source name for the attached host (or for no host).
@@ -109,8 +109,9 @@ class CExtensionModule : public CIExtensionModule {
  private:
   void TraceMessage(const SipJson& msg, uint32_t level, const char* suffix);
 
-  CIModuleHost* host_ = nullptr;
-  uint64_t context_ = 0;
+  // Atomic: events can arrive on host threads while Start attaches the host.
+  std::atomic<CIModuleHost*> host_{nullptr};
+  std::atomic<uint64_t> context_{0};
   std::atomic<bool> switch_shutdown_{false};
 };
 

@@ -3,6 +3,7 @@
 // turns module replies and log events into cache entries.
 #include <optional>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "module/DebugClient.h"
@@ -16,6 +17,11 @@ namespace {
 // Log-entry broadcasts and log reads wait this long for the modules.
 constexpr uint32_t kLogReadTimeoutMs = 150000;
 constexpr uint32_t kAllModuleIds = 0xFFFFFFFF;
+// Caches that log events may create for cabinets outside the cabinet list. Each cabinet
+// keeps up to kMaxMsgLogEntries, and a peer that sends events with ever new cabinet
+// numbers would otherwise grow the table without end; the listed cabinets always get
+// theirs.
+constexpr size_t kMaxCabinetCaches = 2 * kMaxCabinets;
 
 // A valid reply that carries data.
 bool ReplyHasData(const SipJson& msg, int32_t index) {
@@ -143,6 +149,7 @@ void COidMapExtModule::RunMessageLogScan(uint32_t cabinet) {
     EM_TRACE(4, "\nEM_OIDMAP           : ... broadcast completed");
 
     std::vector<uint32_t> fallback;
+    std::unordered_set<uint32_t> fallbackSeen;
     bool anyData = false;
     const int32_t count = static_cast<int32_t>(replies.CommandCount());
     for (int32_t i = 0; i < count; ++i) {
@@ -155,7 +162,11 @@ void COidMapExtModule::RunMessageLogScan(uint32_t cabinet) {
         EM_TRACE(3, "\nEM_OIDMAP           : MID 0x%08X: CM_LogMessageArgumentsRead not supported",
                  mid);
         // A reply the host left unanswered names no module: asking "it" would broadcast.
-        if (mid != 0 && mid != kAllModuleIds) fallback.push_back(mid);
+        // A module is asked once however many replies it gave: a flooding module would
+        // otherwise cost two 150 s requests per reply and store its log as often.
+        if (mid != 0 && mid != kAllModuleIds && fallbackSeen.insert(mid).second) {
+          fallback.push_back(mid);
+        }
       }
     }
     if (anyData) {
@@ -265,7 +276,14 @@ uint32_t COidMapExtModule::CollectFromMessage(SipJson& msg) {
   MsgLogCabinetCache* cache = nullptr;
   {
     CRecursiveLockGuard guard(cache_lock_);
-    cache = msg_log_cache_.FindOrCreateCabinetCache(cabinet);
+    cache = msg_log_cache_.FindCabinetCache(cabinet);
+    if (cache == nullptr && !IsKnownCabinet(cabinet) &&
+        msg_log_cache_.CabinetCount() >= kMaxCabinetCaches) {
+      EM_TRACE(1, "\nEM_OIDMAP           : ## ERROR! No message log cache for cabinet %u: too "
+               "many cabinets - log data ignored", cabinet);
+      return 0;
+    }
+    if (cache == nullptr) cache = msg_log_cache_.FindOrCreateCabinetCache(cabinet);
   }
   CMsgLogMerge merge;
   const int32_t count = static_cast<int32_t>(msg.CommandCount());

@@ -54,17 +54,19 @@ size_t COidMapTable::KeyHash::operator()(const Key& k) const {
 
 void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
                                 uint32_t mid, uint32_t n) {
-  if (n > kMaxInstancesPerReply) {
-    EM_TRACE(1,
-             "\nEM_OIDMAP           : WARNING! MID 0x%04X%04X reports %u instances for "
-             "opcode 0x%04X-0x%04X; only %u are mapped",
-             MidHigh(mid), MidLow(mid), n, countOc, countOe, kMaxInstancesPerReply);
-    n = kMaxInstancesPerReply;
-  }
-
   const auto found = index_.try_emplace(Key{countOc, countOe, ca}, entries_.size());
   const size_t position = found.first->second;
   const bool newEntry = found.second;
+  // The bound holds for one reply and for all replies of the entry together: a host that
+  // repeats a reply (or many modules) would otherwise grow one entry without end.
+  const uint32_t room = kMaxInstancesPerReply - (newEntry ? 0 : entries_[position].Count());
+  if (n > room) {
+    EM_TRACE(1,
+             "\nEM_OIDMAP           : WARNING! MID 0x%04X%04X reports %u instances for "
+             "opcode 0x%04X-0x%04X; only %u are mapped",
+             MidHigh(mid), MidLow(mid), n, countOc, countOe, room);
+    n = room;
+  }
   if (newEntry) {
     TableEntry entry;
     entry.oids.reserve(kInitialOidCapacity);

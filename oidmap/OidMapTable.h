@@ -46,7 +46,8 @@ class COidMapTable {
   };
 
   // A module's count is taken from its reply data; more instances than a 16-bit global
-  // index can address (log records carry it in 16 bits) are not entered.
+  // index can address (log records carry it in 16 bits) are not entered, neither for one
+  // reply nor for all replies of one count opcode and cabinet together.
   static constexpr uint32_t kMaxInstancesPerReply = 0x10000;
 
   COidMapTable() = default;

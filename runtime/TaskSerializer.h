@@ -18,7 +18,9 @@
 //
 // Thread safety: InsertTask from any thread, including from inside OnTaskExecution (the
 // queue lock is not held while a task runs). StartSerialization and
-// TerminateSerialization are called by one controlling thread at a time.
+// TerminateSerialization may be called from any thread except the worker: a host may
+// stop the module on one thread while start runs on another, so they take turns on a
+// control lock (the worker object is not safe to start and join at once).
 #ifndef EM_RUNTIME_TASKSERIALIZER_H
 #define EM_RUNTIME_TASKSERIALIZER_H
 
@@ -26,8 +28,11 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
@@ -40,7 +45,8 @@
 
 // Real-time priority asked for the worker (SCHED_RR).
 constexpr uint32_t kTaskHandlerPriority = 83;
-// Pause after starting the worker, and after waking it to terminate, so it can run.
+// Pause after starting the worker so it can run, and the longest wait after waking it to
+// terminate before joining it.
 constexpr uint32_t kTaskSettleMs = 100;
 // Time-out handed to the worker's join when terminating (traced, not honoured).
 constexpr uint32_t kTaskJoinTimeoutMs = 2000;
@@ -104,6 +110,7 @@ class CTaskSerializer {
   }
 
   std::unique_ptr<LevelEntry[]> levels_;
+  std::mutex control_;  // held by StartSerialization and TerminateSerialization
   CRecursiveLock queueLock_;
   CEvent wake_;
   CThread worker_;
@@ -111,6 +118,11 @@ class CTaskSerializer {
   uint32_t stackSize_ = 0;
   uint32_t levelCount_;
   std::atomic<bool> terminate_{false};  // read by the worker without the lock
+  // Set by the worker after its last trace line, so that terminating does not sleep the
+  // whole settle pause for a worker that has already left.
+  std::mutex leftMutex_;
+  std::condition_variable leftCv_;
+  bool workerLeft_ = false;
 
   uint32_t settleMs_;
   std::string debugName_;
@@ -177,11 +189,16 @@ bool CTaskSerializer<T>::InsertTask(const T& msg, int32_t level, CEvent* event) 
 
 template <typename T>
 void CTaskSerializer<T>::StartSerialization() {
+  std::lock_guard<std::mutex> control(control_);
   EM_TRACE(4, "\nCTaskSerializer     : StartSerialization!");
   if (worker_.HoldsThread() && worker_.IsAlive()) return;
 
   wake_.Reset();
   terminate_.store(false, std::memory_order_relaxed);
+  {
+    std::lock_guard<std::mutex> left(leftMutex_);
+    workerLeft_ = false;
+  }
   worker_.SetThreadName(debugName_.c_str(), "_TaskHandler");
   if (!worker_.Start(&CTaskSerializer::ThreadMain, this, kTaskHandlerPriority, 0, stackSize_, 0,
                      1)) {
@@ -196,6 +213,7 @@ void CTaskSerializer<T>::StartSerialization() {
 
 template <typename T>
 bool CTaskSerializer<T>::TerminateSerialization() {
+  std::lock_guard<std::mutex> control(control_);
   EM_TRACE(4, "\nCTaskSerializer     : TerminateSerialization!");
   if (!worker_.HoldsThread()) {
     EM_TRACE(5, "\nCTaskSerializer     :   terminated");
@@ -217,7 +235,12 @@ bool CTaskSerializer<T>::TerminateSerialization() {
     }
     terminate_.store(true, std::memory_order_relaxed);
     wake_.Set();
-    usleep(static_cast<useconds_t>(settleMs_) * 1000);
+    {
+      // The settle pause ends early once the worker has left: an idle worker takes
+      // microseconds, and the worker's lines still all come before the join's.
+      std::unique_lock<std::mutex> left(leftMutex_);
+      leftCv_.wait_for(left, std::chrono::milliseconds(settleMs_), [this] { return workerLeft_; });
+    }
     worker_.WaitForTermination(kTaskJoinTimeoutMs);
     worker_.Kill();
   }
@@ -227,8 +250,13 @@ bool CTaskSerializer<T>::TerminateSerialization() {
 
 template <typename T>
 void* CTaskSerializer<T>::ThreadMain(void* arg) {
-  static_cast<CTaskSerializer*>(arg)->TaskHandler();
+  auto* self = static_cast<CTaskSerializer*>(arg);
+  self->TaskHandler();
   CThread::TraceThreadReturn();
+  // The serializer outlives this: the terminating thread joins after it wakes.
+  std::lock_guard<std::mutex> left(self->leftMutex_);
+  self->workerLeft_ = true;
+  self->leftCv_.notify_all();
   return nullptr;
 }
 

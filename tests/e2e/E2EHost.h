@@ -103,9 +103,9 @@ inline bool Traced(const std::string& line) {
   return hostsim::Sink().HasLine("\nEM_OIDMAP           : " + line);
 }
 
-// Waits up to 30 s until `n` trace lines hold `text`; true when they do.
-inline bool WaitForTrace(const std::string& text, size_t n) {
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
+// Waits up to `seconds` until `n` trace lines hold `text`; true when they do.
+inline bool WaitForTrace(const std::string& text, size_t n, int seconds = 30) {
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(seconds);
   while (hostsim::Sink().Count(text) < n && std::chrono::steady_clock::now() < deadline) {
     std::this_thread::sleep_for(std::chrono::milliseconds(2));
   }

@@ -214,16 +214,4 @@ TEST_F(ModuleE2ETest, Rescan_ProbesIdentLanguagesAndQueuesOneScanPerCabinet) {
   EXPECT_TRUE(e2e::Traced("Ready event SET for message log cache cabinet 5"));
 }
 
-TEST_F(ModuleE2ETest, CreateStartRescanDeleteCycles_AreClean) {
-  host_.AddModule(kMidA).SetInstanceCount(0x0300, 0, 0, 3);
-  host_.AddModule(kMidB).SetInstanceCount(0x0300, 0, 0, 2);
-  for (int round = 0; round < 3; ++round) {
-    StartWithCabinets(0, {1, 2});
-    module_->Rescan();
-    if (round == 1) module_->Stop();
-    Destroy();
-  }
-  EXPECT_EQ(3u, hostsim::Sink().Count(".. Module destroyed successfully!"));
-}
-
 }  // namespace

@@ -119,10 +119,12 @@ TEST(ScenarioTest, FaultsAndKeptWrites_ChangeTheAnswersInOrder) {
   std::string error;
   ASSERT_TRUE(scenario.Parse(R"({"modules": [{"mid": 1, "keepsConfigWrites": true,
       "config": [{"oe": 50, "da": 300}],
-      "rules": [{"oc": 769, "da": {"Speed": 1}}, {"oc": 770, "da": 7},
+      "rules": [{"oc": 769, "da": {"Speed": 1}}, {"oc": 770, "da": 7}, {"oc": 773, "da": 4},
+                {"oc": 774, "da": 5},
                 {"oc": 57346, "oe": 51, "st": 24}],
       "faults": [{"oc": 769, "every": 2, "wrongType": true}, {"oc": 770, "lateMs": 900000},
-                 {"oc": 771, "timeout": true}, {"oc": 772, "st": "0x13"}]}],
+                 {"oc": 771, "timeout": true}, {"oc": 772, "st": "0x13"},
+                 {"oc": 773, "stText": " 7"}, {"oc": 774, "replies": 3}]}],
       "events": [{"atMs": 9, "mid": 1, "oc": 2816, "record": {"code": 1025, "oid": 2}},
                  {"atMs": 3, "mid": 1, "oc": 769, "oi": 1, "da": 5}]})",
                              error))
@@ -141,6 +143,8 @@ TEST(ScenarioTest, FaultsAndKeptWrites_ChangeTheAnswersInOrder) {
       {770, 0, "", 0x0F, ""},   // late beyond the time-out
       {771, 0, "", 0x0F, ""},
       {772, 0, "", 0x13, ""},
+      {773, 0, "", 0x00, "4"},  // ST " 7" is read up to its first digit: 0
+      {774, 0, "", 0x00, "5"},  // one reply unless broadcast
       {57346, 50, "60", 0x00, ""},
       {57345, 50, "", 0x00, "60"},  // the kept write
       {57346, 51, "70", 0x18, ""},  // refused: not kept
@@ -154,6 +158,12 @@ TEST(ScenarioTest, FaultsAndKeptWrites_ChangeTheAnswersInOrder) {
     EXPECT_EQ(msg.GetStatus(0), row.st);
     EXPECT_EQ(data(msg), row.answer);
   }
+  SipJson text = ScenarioRequest{773, 0, 0, 0, 1u, ""}.ToMessage();
+  host.SendRequest(0, text, 5000);
+  EXPECT_EQ(R"(" 7")", ToJsonText(text.Command(0)->FindMember("ST")->value));
+  SipJson flood = ScenarioRequest{774, 0, 0, kAllCabinets, 1u, ""}.ToMessage();
+  host.SendRequest(0, flood, 5000);
+  EXPECT_EQ(3u, flood.CommandCount()) << "a broadcast gets the reply three times";
   ASSERT_EQ(scenario.events.size(), 2u);  // in order of time
   EXPECT_EQ(scenario.events[0].atMs, 3u);
   EXPECT_EQ(data(scenario.events[1].ToMessage()),
