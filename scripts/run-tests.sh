@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
-# Builds and runs every test: the whole suite in the default build, then the suites that
-# exercise threads and the shared object under AddressSanitizer+UBSan and ThreadSanitizer.
+# Builds and runs every test: the whole suite in the default build, the Debian packages as
+# an integrator installs them, then the suites that exercise threads and the shared object
+# under AddressSanitizer+UBSan and ThreadSanitizer.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh --fuzz
@@ -8,6 +9,8 @@ bash scripts/install-deps.sh --fuzz
 cmake --preset default
 cmake --build --preset default
 ctest --preset default
+# The Debian packages, unpacked into a scratch root, with a host built against them.
+bash scripts/check-packages.sh
 
 # Sanitizer runs: the suites named in SANITIZED_SUITES (those that exist).
 SANITIZED_SUITES=(sip_tests runtime_tests module_tests oidmap_tests msglog_tests platform_tests hostsim_tests e2e_tests)

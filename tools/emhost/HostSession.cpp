@@ -20,6 +20,13 @@ using CreateFn = bool (*)(CIExtensionModule**, void*);
 using DeleteFn = unsigned int (*)();
 using NameFn = const char* (*)();
 
+#ifdef EM_EMHOST_INSTALLED
+constexpr const char* kModuleOptionHelp = "extension module to load (default: the installed one)";
+#else
+constexpr const char* kModuleOptionHelp =
+    "extension module to load (default: the one built beside emhost)";
+#endif
+
 }  // namespace
 
 void AddHostOptions(CLI::App& command, HostOptions& options) {
@@ -28,8 +35,7 @@ void AddHostOptions(CLI::App& command, HostOptions& options) {
   command.add_option("SCENARIO", options.scenarioPath,
                      "scenario file, - for standard input (default: the built-in demo)")
       ->type_name("FILE");
-  command.add_option("--module", options.modulePath,
-                     "extension module to load (default: the one built beside emhost)")
+  command.add_option("--module", options.modulePath, kModuleOptionHelp)
       ->type_name("PATH");
   command.add_option("--msgdir", options.msgDir,
                      "directory of EVENTMSG.XML and ERRMSG.XML, made the current one "
