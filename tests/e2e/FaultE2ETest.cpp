@@ -47,6 +47,17 @@ size_t ThreadCount() {
   return n;
 }
 
+// The thread count once it has settled at `expected`, or after 2 s: a joined thread can
+// still be listed for a moment, since the kernel wakes the joiner before it reaps the task.
+size_t ThreadCountSettled(size_t expected) {
+  size_t n = ThreadCount();
+  for (int i = 0; i < 200 && n != expected; ++i) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    n = ThreadCount();
+  }
+  return n;
+}
+
 SipJson LogEvent(uint32_t oc, const std::vector<uint8_t>& records, uint32_t ca = 0) {
   SipJson event(oc, 0, 0, ca);
   event.SetRawData(records, 0xFF);
@@ -83,7 +94,7 @@ class FaultE2ETest : public e2e::ModuleHostTest {
   void TearDown() override {
     ModuleHostTest::TearDown();
     unsetenv("EM_OIDMAP_CACHE_WAIT_MS");
-    EXPECT_EQ(threads_, ThreadCount()) << "a thread outlived EM_Delete";
+    EXPECT_EQ(threads_, ThreadCountSettled(threads_)) << "a thread outlived EM_Delete";
   }
 
   // Scans of 10 MB or 50,000 replies take minutes under ThreadSanitizer.
@@ -216,7 +227,7 @@ TEST_F(FaultE2ETest, LowerModuleFaults_DefinedAnswersAndWellFormedEntriesKept) {
       EXPECT_EQ("B", e2e::DataText(fan));
     }
     Destroy();
-    EXPECT_EQ(threads_, ThreadCount());
+    EXPECT_EQ(threads_, ThreadCountSettled(threads_));
   }
 }
 
@@ -313,7 +324,7 @@ TEST_F(FaultE2ETest, StopAndShutdownMidway_EndWithDefinedResults) {
     if (action.joinable()) action.join();
     host.SetRequestHook(nullptr);
     Destroy();
-    EXPECT_EQ(threads_, ThreadCount());
+    EXPECT_EQ(threads_, ThreadCountSettled(threads_));
   }
 }
 
@@ -347,7 +358,7 @@ TEST_F(FaultE2ETest, CreateStartDeleteCycles_LeaveNoThreadBehind) {
       EXPECT_EQ(1u, CallSlot<uint32_t>(module_, 6));
     }
     Destroy();
-    ASSERT_EQ(threads_, ThreadCount());
+    ASSERT_EQ(threads_, ThreadCountSettled(threads_));
   }
 }
 
