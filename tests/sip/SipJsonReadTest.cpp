@@ -51,6 +51,26 @@ TEST(SipJsonPaths, WrongTypedValuesFallBackPerReader) {
   EXPECT_EQ(msg.GetKey(0, "CA", 4), 4u);
 }
 
+// The one-walk reader of the addressing members reads each as the reader by name does:
+// the first of repeated names, text numbers, wrong types, near-miss names, defaults.
+TEST(SipJsonPaths, HeaderReadsAsReadersByName) {
+  for (const char* text :
+       {R"({"SIP":{"CMD":[{"OC":"0x0310","ST":true,"OI":"12","OE":1.5,"MI":-1,"CA":[1]}]}})",
+        R"({"SIP":{"CMD":[{"OCX":1,"O":2,"OC":3,"OC":4,"ST":5,"ST":6,"mi":7,"MI":"0x8"}]}})",
+        R"({"SIP":{"CMD":[{"CA":7,"OE":9,"OI":null,"MI":{"a":1}}]}})",
+        R"({"SIP":{"CMD":[{}]}})"}) {
+    SipJson msg = FromText(text);
+    const SipJson::Header header = SipJson::HeaderOf(*msg.Command(0));
+    SCOPED_TRACE(text);
+    EXPECT_EQ(header.oc, msg.GetOpcode(0));
+    EXPECT_EQ(header.st, msg.GetStatus(0));
+    EXPECT_EQ(header.oe, msg.GetKey(0, "OE", 0));
+    EXPECT_EQ(header.oi, msg.GetKey(0, "OI", 0));
+    EXPECT_EQ(header.ca, msg.GetKey(0, "CA", 0));
+    EXPECT_EQ(header.mi, msg.GetKey(0, "MI", 0));
+  }
+}
+
 TEST(SipJsonTextNumbers, HexOctalDecimalStopAtFirstInvalidCharacter) {
   const struct { const char* text; uint32_t value; } cases[] = {
       {"0x15", 21}, {"0X1f", 31}, {"017", 15}, {"9", 9},   {"0", 0},   {"0x", 0},  {"08", 0},
