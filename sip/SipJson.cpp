@@ -341,27 +341,27 @@ SipJson::Header SipJson::HeaderOf(const Value& command) {
   Header header;
   if (!command.IsObject()) return header;
   // Each member counts at its first occurrence only, as a look-up by name finds it.
-  enum : unsigned { kOc = 1, kOe = 2, kOi = 4, kCa = 8, kMi = 16, kSt = 32 };
-  unsigned seen = 0;
+  using H = Header;
+  constexpr uint32_t kAll = H::kOc | H::kOe | H::kOi | H::kCa | H::kMi | H::kSt;
   for (const auto& member : command.GetObject()) {
     if (member.name.GetStringLength() != 2) continue;
     const char* name = member.name.GetString();
-    unsigned bit = 0;
+    uint32_t bit = 0;
     uint32_t* target = nullptr;
     uint32_t def = 0;
     switch ((static_cast<unsigned char>(name[0]) << 8) | static_cast<unsigned char>(name[1])) {
-      case ('O' << 8) | 'C': bit = kOc; target = &header.oc; break;
-      case ('O' << 8) | 'E': bit = kOe; target = &header.oe; break;
-      case ('O' << 8) | 'I': bit = kOi; target = &header.oi; break;
-      case ('C' << 8) | 'A': bit = kCa; target = &header.ca; break;
-      case ('M' << 8) | 'I': bit = kMi; target = &header.mi; break;
-      case ('S' << 8) | 'T': bit = kSt; target = &header.st; def = kStatusUnread; break;
+      case ('O' << 8) | 'C': bit = H::kOc; target = &header.oc; break;
+      case ('O' << 8) | 'E': bit = H::kOe; target = &header.oe; break;
+      case ('O' << 8) | 'I': bit = H::kOi; target = &header.oi; break;
+      case ('C' << 8) | 'A': bit = H::kCa; target = &header.ca; break;
+      case ('M' << 8) | 'I': bit = H::kMi; target = &header.mi; break;
+      case ('S' << 8) | 'T': bit = H::kSt; target = &header.st; def = kStatusUnread; break;
       default: continue;
     }
-    if ((seen & bit) != 0) continue;
-    seen |= bit;
+    if ((header.present & bit) != 0) continue;
+    header.present |= bit;
     *target = LenientKey(member.value, def);
-    if (seen == (kOc | kOe | kOi | kCa | kMi | kSt)) break;
+    if (header.present == kAll) break;
   }
   return header;
 }

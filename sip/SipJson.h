@@ -124,9 +124,11 @@ class SipJson {
   // HasKey(index, key) on the command itself.
   static bool HasKeyOf(const Value& command, const char* key);
   // The numeric members that address a command, each as KeyOf(command, name, default)
-  // reads it (the default of ST is 22, of the others 0), read in one walk over the
-  // command's members instead of one walk per member.
+  // reads it (the default of ST is 22, of the others 0), and which of them the command
+  // has (as HasKeyOf tells), read in one walk over its members instead of one per member.
   struct Header {
+    enum : uint32_t { kOc = 1, kOe = 2, kOi = 4, kCa = 8, kMi = 16, kSt = 32 };
+    uint32_t present = 0;  // bits of the members found, whatever their type
     uint32_t oc = 0;
     uint32_t oe = 0;
     uint32_t oi = 0;

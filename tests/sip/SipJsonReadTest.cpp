@@ -60,14 +60,16 @@ TEST(SipJsonPaths, HeaderReadsAsReadersByName) {
         R"({"SIP":{"CMD":[{"CA":7,"OE":9,"OI":null,"MI":{"a":1}}]}})",
         R"({"SIP":{"CMD":[{}]}})"}) {
     SipJson msg = FromText(text);
-    const SipJson::Header header = SipJson::HeaderOf(*msg.Command(0));
-    SCOPED_TRACE(text);
-    EXPECT_EQ(header.oc, msg.GetOpcode(0));
-    EXPECT_EQ(header.st, msg.GetStatus(0));
-    EXPECT_EQ(header.oe, msg.GetKey(0, "OE", 0));
-    EXPECT_EQ(header.oi, msg.GetKey(0, "OI", 0));
-    EXPECT_EQ(header.ca, msg.GetKey(0, "CA", 0));
-    EXPECT_EQ(header.mi, msg.GetKey(0, "MI", 0));
+    const SipJson::Header h = SipJson::HeaderOf(*msg.Command(0));
+    using H = SipJson::Header;
+    const struct { const char* key; uint32_t bit; uint32_t value; uint32_t def; } members[] = {
+        {"OC", H::kOc, h.oc, 0}, {"OE", H::kOe, h.oe, 0}, {"OI", H::kOi, h.oi, 0},
+        {"CA", H::kCa, h.ca, 0}, {"MI", H::kMi, h.mi, 0}, {"ST", H::kSt, h.st, 22}};
+    for (const auto& m : members) {
+      SCOPED_TRACE(std::string(text) + " " + m.key);
+      EXPECT_EQ(m.value, msg.GetKey(0, m.key, m.def));
+      EXPECT_EQ((h.present & m.bit) != 0, msg.HasKey(0, m.key));
+    }
   }
 }
 
