@@ -8,45 +8,21 @@
 #include <malloc.h>
 
 #include <cstdio>
-#include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "bench/BenchRatio.h"
-#include "hostsim/SimLog.h"
+#include "bench/LogReplies.h"
 #include "oidmap/OidMapExtModule.h"
-#include "sip/SipJson.h"
-#include "sip/SipStatus.h"
 
 namespace {
 
-constexpr int kUnified = 0;
-constexpr int kOldStyle = 1;
 constexpr uint32_t kCabinets = 100;
 
 size_t HeapInUse() {
   const struct mallinfo2 info = mallinfo2();
   return info.uordblks + info.hblkhd;
-}
-
-// One reply of `count` records of a form for cabinet `ca` from module `m`, order values
-// interleaving `modules` modules.
-SipJson::Value& AppendReply(SipJson& msg, int form, uint32_t ca, uint32_t m, uint32_t modules,
-                            uint32_t count) {
-  std::vector<uint8_t> bytes;
-  for (uint32_t i = 0; i < count; ++i) {
-    const uint32_t order = i * modules + m + 1;
-    const std::vector<uint8_t> record =
-        form == kUnified ? hostsim::Unified(0x190004, order, {"FAN SYS 1", "1200"}).Encode()
-                         : hostsim::OldStyle(0x3F00, order, 0, 0, {i, m}).Encode();
-    bytes.insert(bytes.end(), record.begin(), record.end());
-  }
-  SipJson reply(form == kUnified ? 0x0B16 : 0x0B00, 0, 0, ca);
-  reply.SetModuleId(0x00010001 + (m << 16));
-  reply.SetRawData(bytes, ST_SUCCESS);
-  const int32_t index = msg.AppendCommand(*reply.Command(0));
-  return *msg.Command(index);
 }
 
 size_t EntriesHeld(COidMapExtModule& module, uint32_t ca) {
@@ -64,7 +40,7 @@ double g_full_caches_bytes = 0;
 void BM_BytesPerEntry(benchmark::State& state) {
   const int form = static_cast<int>(state.range(0));
   SipJson msg;
-  AppendReply(msg, form, 0, 0, 1, kMaxMsgLogEntries);
+  AppendLogReply(msg, form, 0, 0, 1, kMaxMsgLogEntries);
   for (auto _ : state) {
     COidMapExtModule module;
     const size_t before = HeapInUse();
@@ -78,14 +54,14 @@ void BM_BytesPerEntry(benchmark::State& state) {
   }
   state.counters["bytes_per_entry"] = g_bytes_per_entry[form];
 }
-BENCHMARK(BM_BytesPerEntry)->Arg(kUnified)->Arg(kOldStyle)->Iterations(1);
+BENCHMARK(BM_BytesPerEntry)->Arg(kUnifiedForm)->Arg(kOldStyleForm)->Iterations(1);
 
 // 100 cabinets, each full with 1000 unified and 1000 old-style entries.
 void BM_FullCaches(benchmark::State& state) {
   std::vector<SipJson> messages(kCabinets);
   for (uint32_t ca = 0; ca < kCabinets; ++ca) {
-    AppendReply(messages[ca], kUnified, ca, 0, 2, kMaxMsgLogEntries / 2);
-    AppendReply(messages[ca], kOldStyle, ca, 1, 2, kMaxMsgLogEntries / 2);
+    AppendLogReply(messages[ca], kUnifiedForm, ca, 0, 2, kMaxMsgLogEntries / 2);
+    AppendLogReply(messages[ca], kOldStyleForm, ca, 1, 2, kMaxMsgLogEntries / 2);
   }
   for (auto _ : state) {
     COidMapExtModule module;
@@ -110,9 +86,9 @@ BENCHMARK(BM_FullCaches)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 int main(int argc, char** argv) {
   return RunBenchmarks(argc, argv, [](const RatioReporter&) {
-    if (g_bytes_per_entry[kUnified] > 0 && g_bytes_per_entry[kOldStyle] > 0)
+    if (g_bytes_per_entry[kUnifiedForm] > 0 && g_bytes_per_entry[kOldStyleForm] > 0)
       std::printf("bytes per cached entry: unified %.0f, old-style %.0f\n",
-                  g_bytes_per_entry[kUnified], g_bytes_per_entry[kOldStyle]);
+                  g_bytes_per_entry[kUnifiedForm], g_bytes_per_entry[kOldStyleForm]);
     if (g_full_caches_bytes > 0)
       std::printf("%u full caches (%u entries): %.1f MiB\n", kCabinets,
                   kCabinets * kMaxMsgLogEntries, g_full_caches_bytes / (1024.0 * 1024.0));

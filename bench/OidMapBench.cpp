@@ -144,20 +144,22 @@ BENCHMARK(BM_EmptyLoop);
 
 int main(int argc, char** argv) {
   return RunBenchmarks(argc, argv, [](const RatioReporter& reporter) {
-    reporter.PrintRatio("translate(1 cabinet) / bare RapidJSON   ", "BM_TranslateRequest/1",
-                        "BM_BareRapidJson");
-    reporter.PrintRatio("translate(100 cabinets) / bare RapidJSON", "BM_TranslateRequest/100",
-                        "BM_BareRapidJson");
-    reporter.PrintRatio("translate(100 cabinets) / (1 cabinet)   ", "BM_TranslateRequest/100",
-                        "BM_TranslateRequest/1");
-    reporter.PrintRatio("reply(64 instances) / bare RapidJSON     ", "BM_TranslateReply/64",
-                        "BM_BareRapidJson");
-    reporter.PrintRatio("reply(64 instances) / (1 instance)       ", "BM_TranslateReply/64",
-                        "BM_TranslateReply/1");
-    reporter.PrintRatio("trace site off / empty loop              ", "BM_TraceSiteOff",
-                        "BM_EmptyLoop");
-    reporter.PrintRatio("trace site off / one branch              ", "BM_TraceSiteOff",
-                        "BM_OneBranch");
+    const struct {
+      const char* label;
+      const char* numerator;
+      const char* denominator;
+    } ratios[] = {
+        {"translate(1 cabinet) / bare RapidJSON   ", "BM_TranslateRequest/1", "BM_BareRapidJson"},
+        {"translate(100 cabinets) / bare RapidJSON", "BM_TranslateRequest/100", "BM_BareRapidJson"},
+        {"translate(100 cabinets) / (1 cabinet)   ", "BM_TranslateRequest/100",
+         "BM_TranslateRequest/1"},
+        {"reply(64 instances) / bare RapidJSON     ", "BM_TranslateReply/64", "BM_BareRapidJson"},
+        {"reply(64 instances) / (1 instance)       ", "BM_TranslateReply/64",
+         "BM_TranslateReply/1"},
+        {"trace site off / empty loop              ", "BM_TraceSiteOff", "BM_EmptyLoop"},
+        {"trace site off / one branch              ", "BM_TraceSiteOff", "BM_OneBranch"},
+    };
+    for (const auto& r : ratios) reporter.PrintRatio(r.label, r.numerator, r.denominator);
     const double extra = reporter.Get("BM_TraceSiteOff") - reporter.Get("BM_EmptyLoop");
     std::printf("trace site off, beyond an empty loop: %.2f ns\n", extra);
   });

@@ -79,7 +79,8 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
 
   const TableEntry* existing = Find(countOc, countOe, ca);
   const bool newEntry = existing == nullptr;
-  const size_t position = newEntry ? entries_.size() : static_cast<size_t>(existing - entries_.data());
+  const size_t position =
+      newEntry ? entries_.size() : static_cast<size_t>(existing - entries_.data());
   if (newEntry) {
     IndexInsert(Key{countOc, countOe, ca}, position);
     TableEntry entry;

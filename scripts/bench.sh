@@ -49,7 +49,8 @@ rflat=$(after_colon oidmap_bench "reply(64 instances) / (1 instance)")
 trace=$(after_colon oidmap_bench "trace site off / empty loop")
 trace_ns=$(after_colon oidmap_bench "trace site off, beyond an empty loop")
 fwd=$(after_colon request_bench "through the module / bare round trip")
-beyond=$(grep -m1 "beyond the" "$out/startup_bench.txt" | sed 's/.*ms, \([0-9.-]*\) ms beyond.*/\1/')
+beyond=$(grep -m1 "beyond the" "$out/startup_bench.txt" |
+  sed 's/.*ms, \([0-9.-]*\) ms beyond.*/\1/')
 page_ratio=$(after_colon msglog_bench "parsed each query / warm page")
 page_ms=$(after_colon msglog_bench "CPU time per page, warm")
 collect_u=$(grep -m1 "^unified:" "$out/log_collection_bench.txt" | sed 's/.*ratio //')
@@ -65,15 +66,18 @@ row "translated request, 100 / 1 cabinet" "flat (<= 1.2)" "$tflat" "x <= 1.2"
 row "reply to global index, 64 instances / bare RapidJSON" "<= 2x" "$r64" "x <= 2"
 row "reply to global index, 64 / 1 instance" "flat (<= 1.2)" "$rflat" "x <= 1.2"
 row "forwarded request through hostsim / bare round trip" "<= 1.5x" "$fwd" "x <= 1.5"
-row "start-up, 100 cabinets x 4 modules, beyond the 100 ms settle (ms)" "<= 20 ms" "$beyond" "x <= 20"
+row "start-up, 100 cabinets x 4 modules, beyond the 100 ms settle (ms)" "<= 20 ms" "$beyond" \
+  "x <= 20"
 row "2000-entry page, parsed per query / warm" ">= 50x" "$page_ratio" "x >= 50"
 row "2000-entry page, warm (ms)" "<= 2 ms" "$page_ms" "x <= 2"
 row "collect 40,000 / 2,000 entries, per entry, unified" "<= 1.5" "$collect_u" "x <= 1.5"
 row "collect 40,000 / 2,000 entries, per entry, old-style" "<= 1.5" "$collect_o" "x <= 1.5"
 row "trace site with level off / empty loop" "indistinguishable" "$trace" "x <= 1.25"
-row "trace site with level off, beyond an empty loop (ns)" "under a clock cycle (<= 0.2 ns)" "$trace_ns" "x <= 0.2"
+row "trace site with level off, beyond an empty loop (ns)" "under a clock cycle (<= 0.2 ns)" \
+  "$trace_ns" "x <= 0.2"
 row "100 full caches, 200,000 entries (MiB)" "<= 64 MB (61.0 MiB)" "$mib" "x <= 61.0"
 printf '| bytes per cached entry | measured | %s | - |\n' "$bytes"
 echo
-echo "load average (1, 5, 15 min) before the runs: $load_before, after: $(cut -d' ' -f1-3 /proc/loadavg);" \
+load_after=$(cut -d' ' -f1-3 /proc/loadavg)
+echo "load average (1, 5, 15 min) before the runs: $load_before, after: $load_after;" \
   "repetitions: $reps; $(nproc) cores"
