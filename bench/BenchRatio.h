@@ -24,18 +24,28 @@ class RatioReporter : public benchmark::ConsoleReporter {
     // With repetitions the median stands for the run; without, the single iteration run.
     for (const Run& run : runs) {
       if (run.error_occurred) continue;
+      // Kept in nanoseconds whatever unit the benchmark reports in.
+      const double toNs = 1e9 / benchmark::GetTimeUnitMultiplier(run.time_unit);
+      const Times times{run.GetAdjustedCPUTime() * toNs, run.GetAdjustedRealTime() * toNs};
       if (run.run_type == Run::RT_Iteration)
-        nanoseconds_.emplace(run.run_name.str(), run.GetAdjustedCPUTime());
+        nanoseconds_.emplace(run.run_name.str(), times);
       else if (run.aggregate_name == "median")
-        nanoseconds_[run.run_name.str()] = run.GetAdjustedCPUTime();
+        nanoseconds_[run.run_name.str()] = times;
     }
     ConsoleReporter::ReportRuns(runs);
   }
 
-  // CPU time per iteration of the named benchmark; 0 when it did not run.
+  // CPU time per iteration of the named benchmark in nanoseconds; 0 when it did not run.
   double Get(const std::string& name) const {
     const auto it = nanoseconds_.find(name);
-    return it == nanoseconds_.end() ? 0 : it->second;
+    return it == nanoseconds_.end() ? 0 : it->second.cpu;
+  }
+
+  // Wall time per iteration in nanoseconds, for benchmarks that wait or sleep; 0 when it
+  // did not run.
+  double GetRealTime(const std::string& name) const {
+    const auto it = nanoseconds_.find(name);
+    return it == nanoseconds_.end() ? 0 : it->second.real;
   }
 
   // Prints "CPU time ratio <label>: <numerator / denominator>" when both ran.
@@ -47,7 +57,11 @@ class RatioReporter : public benchmark::ConsoleReporter {
   }
 
  private:
-  std::map<std::string, double> nanoseconds_;
+  struct Times {
+    double cpu = 0;
+    double real = 0;
+  };
+  std::map<std::string, Times> nanoseconds_;
 };
 
 // The main of a benchmark program: runs the benchmarks selected on the command line with

@@ -12,7 +12,7 @@
 
 #include "bench/BenchRatio.h"
 
-#include "hostsim/SimLog.h"
+#include "bench/LogReplies.h"
 #include "module/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
 #include "sip/SipJson.h"
@@ -21,28 +21,12 @@
 namespace {
 
 constexpr uint32_t kEntriesPerModule = 2000;
-constexpr int kUnified = 0;
-constexpr int kOldStyle = 1;
 
-// One reply per module; module m's entry i has order value i * modules + m + 1, so that
-// the merge interleaves every reply with every other. Old-style records are of class
-// 0x3F, which asks no module for CSS or designation.
+// One reply per module, every reply interleaved with every other by order value.
 SipJson Replies(int form, uint32_t modules) {
   SipJson msg;
-  for (uint32_t m = 0; m < modules; ++m) {
-    std::vector<uint8_t> bytes;
-    for (uint32_t i = 0; i < kEntriesPerModule; ++i) {
-      const uint32_t order = i * modules + m + 1;
-      const std::vector<uint8_t> record =
-          form == kUnified ? hostsim::Unified(0x190004, order, {"FAN SYS 1", "1200"}).Encode()
-                           : hostsim::OldStyle(0x3F00, order, 0, 0, {i, m}).Encode();
-      bytes.insert(bytes.end(), record.begin(), record.end());
-    }
-    SipJson reply(form == kUnified ? 0x0B16 : 0x0B00, 0, 0, 0);
-    reply.SetModuleId(0x00010001 + (m << 16));
-    reply.SetRawData(bytes, ST_SUCCESS);
-    msg.AppendCommand(*reply.Command(0));
-  }
+  for (uint32_t m = 0; m < modules; ++m)
+    AppendLogReply(msg, form, 0, m, modules, kEntriesPerModule);
   return msg;
 }
 
@@ -64,7 +48,7 @@ void BM_CollectFromMessage(benchmark::State& state) {
 }
 
 BENCHMARK(BM_CollectFromMessage)
-    ->ArgsProduct({{kUnified, kOldStyle}, {1, 20}})
+    ->ArgsProduct({{kUnifiedForm, kOldStyleForm}, {1, 20}})
     ->ArgNames({"form", "modules"});
 
 }  // namespace

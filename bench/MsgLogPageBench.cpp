@@ -167,7 +167,7 @@ int main(int argc, char** argv) {
   }
   RatioReporter reporter;
   benchmark::RunSpecifiedBenchmarks(&reporter);
-  const double warm = reporter.Get("BM_PageWarm");
+  const double warm = reporter.Get("BM_PageWarm") / 1e6;
   if (warm > 0) std::printf("\nCPU time per page, warm: %.3f ms\n", warm);
   reporter.PrintRatio("parsed each query / warm page", "BM_PageParsedEachQuery",
                       "BM_PageWarm");

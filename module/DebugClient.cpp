@@ -182,7 +182,8 @@ bool CDebugTraceConfig::ReadSection(const std::string& path, const std::string& 
 }
 
 CDebugTraceConfig::CDebugTraceConfig(const char* moduleName, std::string configDir,
-                                     Clock clock) {
+                                     Clock clock, std::atomic<bool>* activeFlag)
+    : trace_active_(activeFlag != nullptr ? *activeFlag : own_trace_active_) {
   std::lock_guard<std::mutex> lock(mutex_);
   dir_ = std::move(configDir);
   SetModuleNameLocked(moduleName != nullptr ? moduleName : kTraceModuleName);
@@ -318,6 +319,9 @@ void CDebugTraceConfig::RereadLocked() {
 CDebugClient::CDebugClient(const char* moduleName, std::string configDir, Clock clock)
     : CDebugTraceConfig(moduleName, std::move(configDir), std::move(clock)) {}
 
+CDebugClient::CDebugClient(ProcessWide)
+    : CDebugTraceConfig(kTraceModuleName, kTraceConfigDir, nullptr, &g_traceSitesActive) {}
+
 CDebugClient::~CDebugClient() = default;
 
 uint32_t CDebugClient::Initialise(const char* moduleName) {
@@ -377,8 +381,10 @@ void CDebugClient::Print(uintptr_t /*extra*/, const char* format, ...) {
   va_end(args);
 }
 
+std::atomic<bool> g_traceSitesActive{false};
+
 CDebugClient& TraceClient() {
-  static CDebugClient client;
+  static CDebugClient client{CDebugClient::ProcessWide{}};
   return client;
 }
 

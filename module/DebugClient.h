@@ -72,7 +72,9 @@ class CDebugTraceConfig {
     std::string text;
   };
 
-  CDebugTraceConfig(const char* moduleName, std::string configDir, Clock clock);
+  // `activeFlag`: where the trace-active flag is kept; nullptr keeps it in the object.
+  CDebugTraceConfig(const char* moduleName, std::string configDir, Clock clock,
+                    std::atomic<bool>* activeFlag = nullptr);
 
   // Replaces directory and clock (nullptr: the default clock), then StartUp().
   void Reset(const std::string& configDir, Clock clock);
@@ -81,7 +83,8 @@ class CDebugTraceConfig {
   // Re-reads changed files when the interval in effect has passed since the last check.
   void UpdateIfDue();
 
-  std::atomic<bool> trace_active_{false};
+  std::atomic<bool> own_trace_active_{false};
+  std::atomic<bool>& trace_active_;  // own_trace_active_ or the flag given at construction
   std::atomic<uint32_t> level_{0};
 
  private:
@@ -145,6 +148,11 @@ class CDebugClient : public CDebugTraceConfig {
   CIDebugSink* Sink();
 
  private:
+  friend CDebugClient& TraceClient();
+  // The process-wide client: its trace-active flag is g_traceSitesActive.
+  struct ProcessWide {};
+  explicit CDebugClient(ProcessWide);
+
   std::atomic<CIDebugSink*> sink_{nullptr};
 };
 
@@ -152,12 +160,16 @@ class CDebugClient : public CDebugTraceConfig {
 // use, whichever comes first), with the default directory.
 CDebugClient& TraceClient();
 
+// The trace-active flag of the process-wide client. It is initialised before any code
+// runs (false), so a trace site can test it without a call: with tracing off a site costs
+// one load and one branch.
+extern std::atomic<bool> g_traceSitesActive;
+
 // Guarded trace: the arguments are evaluated only when tracing is active.
-#define EM_TRACE(level, ...)                                   \
-  do {                                                         \
-    CDebugClient& em_trace_client_ = TraceClient();            \
-    if (em_trace_client_.IsTraceActive())                      \
-      em_trace_client_.Trace((level), __VA_ARGS__);            \
+#define EM_TRACE(level, ...)                                          \
+  do {                                                                \
+    if (g_traceSitesActive.load(std::memory_order_relaxed))           \
+      TraceClient().Trace((level), __VA_ARGS__);                      \
   } while (0)
 
 #endif  // EM_MODULE_DEBUGCLIENT_H

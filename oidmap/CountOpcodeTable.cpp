@@ -1,6 +1,7 @@
 #include "oidmap/CountOpcodeTable.h"
 
-#include <unordered_map>
+#include <array>
+#include <cstddef>
 
 // Rows 26 and 27 are the same on purpose: start-up skips a count request it already sent,
 // and look-ups take the first match, so the duplicate never changes a result.
@@ -54,16 +55,50 @@ namespace {
 
 uint64_t PairKey(uint32_t a, uint32_t b) { return (static_cast<uint64_t>(a) << 32) | b; }
 
+// A map from a 64-bit key, built once and then only read: open addressing over a fixed
+// array kept under half full, so that a look-up (one per translated message) is one
+// multiply-hash and almost always one compare, where a node-based map costs a division
+// and a pointer chase.
+template <class V>
+class FlatIndex {
+ public:
+  // The value of `key`, value-initialised when the key is new.
+  V& Insert(uint64_t key) {
+    size_t i = Home(key);
+    while (slots_[i].used && slots_[i].key != key) i = (i + 1) % kSlots;
+    slots_[i].used = true;
+    slots_[i].key = key;
+    return slots_[i].value;
+  }
+  const V* Find(uint64_t key) const {
+    for (size_t i = Home(key); slots_[i].used; i = (i + 1) % kSlots)
+      if (slots_[i].key == key) return &slots_[i].value;
+    return nullptr;
+  }
+
+ private:
+  static constexpr size_t kSlots = 256;
+  static_assert(2 * kCountOpcodeRows < kSlots, "the index must stay under half full");
+  static size_t Home(uint64_t key) { return (key * 0x9E3779B97F4A7C15ULL) >> 56; }
+  struct Slot {
+    uint64_t key = 0;
+    bool used = false;
+    V value{};
+  };
+  std::array<Slot, kSlots> slots_;
+};
+
 // Built by the same walk the look-ups stand for: from row 0 to the first row whose count
 // OC is 0, keeping the first row for each key (later rows only join the per-kind lists).
 struct RowIndexes {
-  std::unordered_map<uint64_t, std::vector<const CountOpcodeRow*>> byKindAndItemOe;
-  std::unordered_map<uint64_t, const CountOpcodeRow*> byItemOcAndOe;
+  FlatIndex<std::vector<const CountOpcodeRow*>> byKindAndItemOe;
+  FlatIndex<const CountOpcodeRow*> byItemOcAndOe;
 
   RowIndexes() {
     for (const CountOpcodeRow* row = kCountOpcodeTable; row->countOc != 0; ++row) {
-      byKindAndItemOe[PairKey(row->kind, row->itemOe)].push_back(row);
-      byItemOcAndOe.emplace(PairKey(row->itemOc, row->itemOe), row);
+      byKindAndItemOe.Insert(PairKey(row->kind, row->itemOe)).push_back(row);
+      const CountOpcodeRow*& first = byItemOcAndOe.Insert(PairKey(row->itemOc, row->itemOe));
+      if (first == nullptr) first = row;
     }
   }
 };
@@ -77,9 +112,8 @@ const RowIndexes& Indexes() {
 
 const std::vector<const CountOpcodeRow*>& FindRowsOfKind(uint32_t kind, uint32_t itemOe) {
   static const std::vector<const CountOpcodeRow*> kNone;
-  const auto& map = Indexes().byKindAndItemOe;
-  auto it = map.find(PairKey(kind, itemOe));
-  return it == map.end() ? kNone : it->second;
+  const auto* rows = Indexes().byKindAndItemOe.Find(PairKey(kind, itemOe));
+  return rows == nullptr ? kNone : *rows;
 }
 
 const CountOpcodeRow* FindFirstRowOfKind(uint32_t kind, uint32_t itemOe) {
@@ -88,7 +122,6 @@ const CountOpcodeRow* FindFirstRowOfKind(uint32_t kind, uint32_t itemOe) {
 }
 
 const CountOpcodeRow* FindFirstItemRow(uint32_t itemOc, uint32_t itemOe) {
-  const auto& map = Indexes().byItemOcAndOe;
-  auto it = map.find(PairKey(itemOc, itemOe));
-  return it == map.end() ? nullptr : it->second;
+  const CountOpcodeRow* const* row = Indexes().byItemOcAndOe.Find(PairKey(itemOc, itemOe));
+  return row == nullptr ? nullptr : *row;
 }

@@ -46,17 +46,33 @@ void WriteOid(SipJson::Value& raw, size_t record, uint32_t oid) {
 
 }  // namespace
 
-size_t COidMapTable::KeyHash::operator()(const Key& k) const {
+size_t COidMapTable::Hash(const Key& k) {
   uint64_t h = ((static_cast<uint64_t>(k.oc) << 32) | k.oe) * 0x9E3779B97F4A7C15ULL;
   h ^= (static_cast<uint64_t>(k.ca) + 0x7F4A7C15ULL) * 0xC2B2AE3D27D4EB4FULL;
   return static_cast<size_t>(h ^ (h >> 29));
 }
 
+void COidMapTable::IndexInsert(const Key& key, size_t position) {
+  if (2 * (entries_.size() + 1) > index_.size()) {
+    // Grow to keep the index at most half full; every entry is entered again.
+    std::vector<Slot> old;
+    old.swap(index_);
+    index_.assign(old.empty() ? 64 : 2 * old.size(), Slot{Key{0, 0, 0}, 0});
+    for (const Slot& slot : old)
+      if (slot.position != 0) IndexInsert(slot.key, slot.position - 1);
+  }
+  const size_t mask = index_.size() - 1;
+  size_t i = Hash(key) & mask;
+  while (index_[i].position != 0) i = (i + 1) & mask;
+  index_[i] = Slot{key, static_cast<uint32_t>(position + 1)};
+}
+
 void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
                                 uint32_t mid, uint32_t n) {
-  const auto found = index_.try_emplace(Key{countOc, countOe, ca}, entries_.size());
-  const size_t position = found.first->second;
-  const bool newEntry = found.second;
+  const TableEntry* existing = Find(countOc, countOe, ca);
+  const bool newEntry = existing == nullptr;
+  const size_t position =
+      newEntry ? entries_.size() : static_cast<size_t>(existing - entries_.data());
   // The bound holds for one reply and for all replies of the entry together: a host that
   // repeats a reply (or many modules) would otherwise grow one entry without end.
   const uint32_t room = kMaxInstancesPerReply - (newEntry ? 0 : entries_[position].Count());
@@ -68,6 +84,7 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
     n = room;
   }
   if (newEntry) {
+    IndexInsert(Key{countOc, countOe, ca}, position);
     TableEntry entry;
     entry.oids.reserve(kInitialOidCapacity);
     entry.countOc = countOc;
@@ -84,7 +101,9 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
              count, count + n, countOc, countOe);
   }
 
-  std::vector<OidEntry>& oids = entries_[position].oids;
+  TableEntry& entry = entries_[position];
+  if (n != 0) entry.runs.push_back(ModuleRun{mid, entry.Count(), n});
+  std::vector<OidEntry>& oids = entry.oids;
   for (uint32_t i = 0; i < n; ++i) {
     oids.push_back(OidEntry{i, mid});
     if (newEntry) {
@@ -109,8 +128,14 @@ void COidMapTable::Clear() {
 
 const COidMapTable::TableEntry* COidMapTable::Find(uint32_t countOc, uint32_t countOe,
                                                    uint32_t ca) const {
-  const auto it = index_.find(Key{countOc, countOe, ca});
-  return it == index_.end() ? nullptr : &entries_[it->second];
+  if (index_.empty()) return nullptr;
+  const Key key{countOc, countOe, ca};
+  const size_t mask = index_.size() - 1;
+  for (size_t i = Hash(key) & mask;; i = (i + 1) & mask) {
+    const Slot& slot = index_[i];
+    if (slot.position == 0) return nullptr;
+    if (slot.key == key) return &entries_[slot.position - 1];
+  }
 }
 
 const std::vector<size_t>* COidMapTable::PositionsOf(uint32_t countOc, uint32_t ca) const {
@@ -119,83 +144,83 @@ const std::vector<size_t>* COidMapTable::PositionsOf(uint32_t countOc, uint32_t 
 }
 
 uint32_t COidMapTable::TranslateMessage(SipJson& msg, int32_t index) const {
-  // Each member is read once: every read resolves the command path again.
-  const uint32_t oc = msg.GetOpcode(index);
+  // The command is resolved once and its addressing members read in one walk: a read by
+  // index walks the envelope and the members again each time. Without a command object
+  // there is nothing to translate.
+  SipJson::Value* command = msg.Command(index);
+  if (!command) return 0;
+  const SipJson::Header header = SipJson::HeaderOf(*command);
+  const uint32_t oc = header.oc;
+  const uint32_t oe = header.oe;
   if (oc == CM_MessageLogReply) return PatchMessageLogReply(msg, index);
-  const uint32_t oe = msg.GetKey(index, "OE", 0);
-  const uint32_t ca = msg.GetKey(index, "CA", 0);
 
-  if (oc == CM_ExtObjectCount) return AnswerCountReply(msg, index, oc, oe, ca);
+  if (oc == CM_ExtObjectCount) return AnswerCountReply(msg, *command, header);
 
   if (oc == CM_ReadConfigurationSpace || oc == CM_WriteConfigurationSpace) {
     const CountOpcodeRow* row = FindFirstRowOfKind(kCountKindConfigValue, oe);
-    return row ? TranslateByStatus(msg, index, ca, row->countOc, row->countOe) : 0;
+    return row ? TranslateByStatus(msg, *command, header, row->countOc, row->countOe) : 0;
   }
 
   if (oc == CM_ExtObjectGet || oc == CM_ExtObjectSet) {
     const CountOpcodeRow* row = FindFirstRowOfKind(kCountKindExtObject, oe);
-    return row ? TranslateByStatus(msg, index, ca, row->countOc, (oe >> 8) & 0xFF) : 0;
+    return row ? TranslateByStatus(msg, *command, header, row->countOc, (oe >> 8) & 0xFF) : 0;
   }
 
-  if (AnswerCountReply(msg, index, oc, oe, ca)) return 1;
+  if (AnswerCountReply(msg, *command, header)) return 1;
   const CountOpcodeRow* row = FindFirstItemRow(oc, oe);
-  return row ? TranslateByStatus(msg, index, ca, row->countOc, row->countOe) : 0;
+  return row ? TranslateByStatus(msg, *command, header, row->countOc, row->countOe) : 0;
 }
 
-uint32_t COidMapTable::AnswerCountReply(SipJson& msg, int32_t index, uint32_t oc, uint32_t oe,
-                                        uint32_t ca) const {
-  const TableEntry* entry = Find(oc, oe, ca);
+uint32_t COidMapTable::AnswerCountReply(SipJson& msg, SipJson::Value& command,
+                                        const SipJson::Header& header) const {
+  const TableEntry* entry = Find(header.oc, header.oe, header.ca);
   if (!entry) return 0;
-  SipJson::Value* command = msg.Command(index);
-  if (!command) return 0;
   // Callers have always read this count as one byte; keep reporting 256 as 0.
-  msg.SetKey(*command, "DA", entry->Count() & 0xFF, false);
+  msg.SetKey(command, "DA", entry->Count() & 0xFF, false);
   return 1;
 }
 
-uint32_t COidMapTable::TranslateByStatus(SipJson& msg, int32_t index, uint32_t ca,
-                                         uint32_t countOc, uint32_t countOe) const {
+uint32_t COidMapTable::TranslateByStatus(SipJson& msg, SipJson::Value& command,
+                                         const SipJson::Header& header, uint32_t countOc,
+                                         uint32_t countOe) const {
   // A missing ST also reads as 0x16: a request that nobody has answered yet.
-  return msg.GetStatus(index) == ST_PENDING ? ToModule(msg, index, ca, countOc, countOe)
-                                            : ToGlobal(msg, index, ca, countOc, countOe);
+  return header.st == ST_PENDING ? ToModule(msg, command, header, countOc, countOe)
+                                 : ToGlobal(msg, command, header, countOc, countOe);
 }
 
 uint32_t COidMapTable::TranslateToModule(SipJson& msg, int32_t index, uint32_t countOc,
                                          uint32_t countOe) const {
-  return ToModule(msg, index, msg.GetKey(index, "CA", 0), countOc, countOe);
+  SipJson::Value* command = msg.Command(index);
+  return command ? ToModule(msg, *command, SipJson::HeaderOf(*command), countOc, countOe) : 0;
 }
 
 uint32_t COidMapTable::TranslateToGlobal(SipJson& msg, int32_t index, uint32_t countOc,
                                          uint32_t countOe) const {
-  return ToGlobal(msg, index, msg.GetKey(index, "CA", 0), countOc, countOe);
+  SipJson::Value* command = msg.Command(index);
+  return command ? ToGlobal(msg, *command, SipJson::HeaderOf(*command), countOc, countOe) : 0;
 }
 
-uint32_t COidMapTable::ToModule(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
+uint32_t COidMapTable::ToModule(SipJson& msg, SipJson::Value& command,
+                                const SipJson::Header& header, uint32_t countOc,
                                 uint32_t countOe) const {
-  const TableEntry* entry = Find(countOc, countOe, ca);
-  if (!entry) return 0;
-  const uint32_t oi = msg.GetKey(index, "OI", 0);
-  if (oi >= entry->Count()) return 0;
-  SipJson::Value* command = msg.Command(index);
-  if (!command) return 0;
-  const OidEntry& target = entry->oids[oi];
-  msg.SetKey(*command, "MI", target.mid, false);
-  msg.SetKey(*command, "OI", target.localId, false);
+  const TableEntry* entry = Find(countOc, countOe, header.ca);
+  if (!entry || header.oi >= entry->Count()) return 0;
+  const OidEntry& target = entry->oids[header.oi];
+  msg.SetKey(command, "MI", target.mid, false);
+  msg.SetKey(command, "OI", target.localId, false);
   return 1;
 }
 
-uint32_t COidMapTable::ToGlobal(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
+uint32_t COidMapTable::ToGlobal(SipJson& msg, SipJson::Value& command,
+                                const SipJson::Header& header, uint32_t countOc,
                                 uint32_t countOe) const {
-  const TableEntry* entry = Find(countOc, countOe, ca);
-  if (!entry || entry->Count() == 0) return 0;
-  SipJson::Value* command = msg.Command(index);
-  if (!command) return 0;
-  const uint32_t oi = msg.GetKey(index, "OI", 0);
-  const uint32_t mi = msg.GetKey(index, "MI", 0);
-  for (uint32_t position = 0; position < entry->Count(); ++position) {
-    const OidEntry& oid = entry->oids[position];
-    if (oid.localId == oi && oid.mid == mi) {
-      msg.SetKey(*command, "OI", position, false);
+  const TableEntry* entry = Find(countOc, countOe, header.ca);
+  if (!entry) return 0;
+  // The first position holding (MI, OI): runs are in position order and a run's local
+  // ids are 0..count-1, so the first run of this module that is long enough holds it.
+  for (const ModuleRun& run : entry->runs) {
+    if (run.mid == header.mi && header.oi < run.count) {
+      msg.SetKey(command, "OI", run.first + header.oi, false);
       return 1;
     }
   }

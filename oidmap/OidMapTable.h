@@ -36,8 +36,19 @@ class COidMapTable {
     uint32_t mid;      // the module that owns the instance
   };
 
+  // The instances that one AddInstances entered: local ids 0..count-1 of `mid` at
+  // positions first..first+count-1.
+  struct ModuleRun {
+    uint32_t mid;
+    uint32_t first;
+    uint32_t count;
+  };
+
   struct TableEntry {
     std::vector<OidEntry> oids;  // position = global index
+    // The same instances by module, in position order: a reply finds its global index in
+    // as many steps as there are modules, however many instances they hold.
+    std::vector<ModuleRun> runs;
     uint32_t countOc = 0;
     uint32_t countOe = 0;
     uint32_t ca = 0;
@@ -111,19 +122,28 @@ class COidMapTable {
     uint32_t ca;
     bool operator==(const Key& o) const { return oc == o.oc && oe == o.oe && ca == o.ca; }
   };
-  struct KeyHash {
-    size_t operator()(const Key& k) const;
+  // A slot of the key index: open addressing with linear probing over a power-of-two
+  // array kept at most half full, so that a look-up is one hash and, almost always, one
+  // compare in one cache line (a node-based map costs a division and a pointer chase).
+  struct Slot {
+    Key key;
+    uint32_t position;  // of the table entry, plus one; 0 marks a free slot
   };
+  static size_t Hash(const Key& k);
+  // Enters a key that the index does not hold yet.
+  void IndexInsert(const Key& key, size_t position);
 
   // Count-reply check: DA := count of the command's own (OC, OE, CA) entry.
-  uint32_t AnswerCountReply(SipJson& msg, int32_t index, uint32_t oc, uint32_t oe,
-                            uint32_t ca) const;
-  uint32_t TranslateByStatus(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
+  // `command` is a command object of `msg` and `header` its addressing members.
+  uint32_t AnswerCountReply(SipJson& msg, SipJson::Value& command,
+                            const SipJson::Header& header) const;
+  uint32_t TranslateByStatus(SipJson& msg, SipJson::Value& command,
+                             const SipJson::Header& header, uint32_t countOc,
                              uint32_t countOe) const;
-  uint32_t ToModule(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
-                    uint32_t countOe) const;
-  uint32_t ToGlobal(SipJson& msg, int32_t index, uint32_t ca, uint32_t countOc,
-                    uint32_t countOe) const;
+  uint32_t ToModule(SipJson& msg, SipJson::Value& command, const SipJson::Header& header,
+                    uint32_t countOc, uint32_t countOe) const;
+  uint32_t ToGlobal(SipJson& msg, SipJson::Value& command, const SipJson::Header& header,
+                    uint32_t countOc, uint32_t countOe) const;
   // One log record at offset `record` of the raw bytes, for one log-entity row.
   uint32_t PatchRecordToGlobal(SipJson::Value& raw, size_t record, uint32_t ca,
                                uint32_t countOc, uint32_t mi) const;
@@ -134,7 +154,7 @@ class COidMapTable {
   const std::vector<size_t>* PositionsOf(uint32_t countOc, uint32_t ca) const;
 
   std::vector<TableEntry> entries_;
-  std::unordered_map<Key, size_t, KeyHash> index_;
+  std::vector<Slot> index_;
   std::unordered_map<uint64_t, std::vector<size_t>> byOcAndCa_;
 };
 

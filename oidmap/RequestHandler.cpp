@@ -20,13 +20,13 @@ struct ClientView {
   uint32_t ci = 0;
 };
 
-ClientView SaveClientView(const SipJson& msg, int32_t i) {
+ClientView SaveClientView(const SipJson::Value& command, const SipJson::Header& header) {
   ClientView view;
-  view.hasOi = msg.HasKey(i, "OI");
-  view.oi = msg.GetKey(i, "OI", 0);
-  view.hasMi = msg.HasKey(i, "MI");
-  view.mi = msg.GetKey(i, "MI", 0);
-  view.ci = msg.GetKey(i, "CI", 0);
+  view.hasOi = (header.present & SipJson::Header::kOi) != 0;
+  view.oi = header.oi;
+  view.hasMi = (header.present & SipJson::Header::kMi) != 0;
+  view.mi = header.mi;
+  view.ci = SipJson::KeyOf(command, "CI", 0);
   return view;
 }
 
@@ -82,11 +82,14 @@ uint32_t COidMapExtModule::OnRequest(SipJson& msg) {
 
 uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
   TraceRequest(msg, 2);
-  msg.CurrentCommand();  // a message without commands gets the one it is answered in
+  // A message without commands gets the one it is answered in. The command's members are
+  // read here once; the reference is not used once the message has been changed.
+  const SipJson::Value& command = msg.CurrentCommand();
+  const SipJson::Header header = SipJson::HeaderOf(command);
   const int32_t i = msg.CurrentIndex();
-  const uint32_t oc = msg.GetOpcode(i);
+  const uint32_t oc = header.oc;
 
-  if (IsThresholdWrite(oc, msg.GetKey(i, "OE", 0))) {
+  if (IsThresholdWrite(oc, header.oe)) {
     EM_TRACE(3, "\nEM_OIDMAP (MMR)     : no broadcast - always handled by EM_THRESH");
     msg.SetStatus(ST_NOT_HANDLED);
     return 0;
@@ -101,9 +104,9 @@ uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
     return 1;
   }
 
-  const ClientView view = SaveClientView(msg, i);
+  const ClientView view = SaveClientView(command, header);
   if (TranslateMessage(msg, i) != 0) {
-    if (IsValidReplyStatus(msg.GetStatus(i))) {
+    if (IsValidReplyStatus(header.st)) {  // translation never changes ST
       return 1;  // the client sent an answer, not a question
     }
     if (TraceClient().IsTraceActive()) {

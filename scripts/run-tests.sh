@@ -45,5 +45,7 @@ cmake --build --preset bench
 ./build/bench/bench/request_bench --benchmark_min_time=0.01 >/dev/null
 ./build/bench/bench/msglog_bench --benchmark_min_time=0.01 >/dev/null
 ./build/bench/bench/registry_bench --benchmark_min_time=0.01 >/dev/null
+./build/bench/bench/startup_bench --benchmark_min_time=0.01 >/dev/null
+./build/bench/bench/cache_memory_bench --benchmark_min_time=0.01 >/dev/null
 echo "benchmarks ran"
 echo "all test suites passed"

@@ -29,10 +29,39 @@ const Value& NullValue() {
   return kNull;
 }
 
+// The first member named `key` (as FindMember finds it). Every read of a message resolves
+// its path member by member, so this is the hot loop of the whole request path: names are
+// compared inline, byte by byte up to the key's NUL, which for the two-letter command
+// members costs a few compares instead of a length scan and a library compare per member.
+template <class Object>
+auto FindKey(Object& object, const char* key) -> decltype(object.MemberBegin()) {
+  auto it = object.MemberBegin();
+  const auto end = object.MemberEnd();
+  for (; it != end; ++it) {
+    const size_t length = it->name.GetStringLength();
+    const char* name = it->name.GetString();
+    size_t i = 0;
+    while (i < length && key[i] != '\0' && name[i] == key[i]) ++i;
+    if (i == length && key[i] == '\0') break;
+  }
+  return it;
+}
+
 const Value& FindIn(const Value& object, const char* key) {
   if (!object.IsObject()) return NullValue();
-  Value::ConstMemberIterator it = object.FindMember(key);
+  Value::ConstMemberIterator it = FindKey(object, key);
   return it == object.MemberEnd() ? NullValue() : it->value;
+}
+
+bool HasKeyIn(const Value& object, const char* key) {
+  return FindKey(object, key) != object.MemberEnd();
+}
+
+bool RemoveKeyFrom(Value& object, const char* key) {
+  Value::MemberIterator it = FindKey(object, key);
+  if (it == object.MemberEnd()) return false;
+  object.RemoveMember(it);
+  return true;
 }
 
 // Low 32 bits of any integer number; false for floating and non-numbers.
@@ -46,6 +75,15 @@ bool IntegerLow32(const Value& v, uint32_t& out) {
     return true;
   }
   return false;
+}
+
+// A numeric member read leniently: integers by their low 32 bits, text as a number (some
+// peers send numbers as text), `def` for anything else.
+uint32_t LenientKey(const Value& v, uint32_t def) {
+  uint32_t value = 0;
+  if (IntegerLow32(v, value)) return value;
+  if (v.IsString()) return SipJson::ParseLenientNumber(v.GetString());
+  return def;
 }
 
 // Low byte of an integer element; anything else counts as 0.
@@ -78,7 +116,7 @@ SipDataForm FormOf(const Value& data) {
     if (!data.Empty() && data[0].IsString()) return SipDataForm::kMultiString;
     return SipDataForm::kNumberList;
   }
-  return data.HasMember("RAW") ? SipDataForm::kRawBytes : SipDataForm::kJsonStruct;
+  return HasKeyIn(data, "RAW") ? SipDataForm::kRawBytes : SipDataForm::kJsonStruct;
 }
 
 // Forwards SAX events to the document and stops the parse once objects and arrays nest
@@ -274,18 +312,18 @@ SipJson::Value* SipJson::CommandArrayForBuilding() {
   if (doc_.IsNull()) BuildEnvelope();
   if (!doc_.IsObject()) return nullptr;
   Allocator& a = doc_.GetAllocator();
-  Value::MemberIterator sip = doc_.FindMember("SIP");
+  Value::MemberIterator sip = FindKey(doc_, "SIP");
   if (sip == doc_.MemberEnd()) {
     Value envelope(rapidjson::kObjectType);
     envelope.AddMember(rapidjson::StringRef("V"), Value(1u), a);
     doc_.AddMember(rapidjson::StringRef("SIP"), envelope, a);
-    sip = doc_.FindMember("SIP");
+    sip = FindKey(doc_, "SIP");
   }
   if (!sip->value.IsObject()) return nullptr;
-  Value::MemberIterator cmd = sip->value.FindMember("CMD");
+  Value::MemberIterator cmd = FindKey(sip->value, "CMD");
   if (cmd == sip->value.MemberEnd()) {
     sip->value.AddMember(rapidjson::StringRef("CMD"), Value(rapidjson::kArrayType), a);
-    cmd = sip->value.FindMember("CMD");
+    cmd = FindKey(sip->value, "CMD");
   }
   return cmd->value.IsArray() ? &cmd->value : nullptr;
 }
@@ -332,12 +370,44 @@ uint32_t SipJson::GetKey(int32_t index, const char* key) const {
 }
 
 uint32_t SipJson::GetKey(int32_t index, const char* key, uint32_t def) const {
-  const Value& v = Member(index, key);
-  uint32_t value = 0;
-  if (IntegerLow32(v, value)) return value;
-  // Some peers send numbers as text.
-  if (v.IsString()) return ParseLenientNumber(v.GetString());
-  return def;
+  return LenientKey(Member(index, key), def);
+}
+
+uint32_t SipJson::KeyOf(const Value& command, const char* key, uint32_t def) {
+  return LenientKey(FindIn(command, key), def);
+}
+
+SipJson::Header SipJson::HeaderOf(const Value& command) {
+  Header header;
+  if (!command.IsObject()) return header;
+  // Each member counts at its first occurrence only, as a look-up by name finds it.
+  using H = Header;
+  constexpr uint32_t kAll = H::kOc | H::kOe | H::kOi | H::kCa | H::kMi | H::kSt;
+  for (const auto& member : command.GetObject()) {
+    if (member.name.GetStringLength() != 2) continue;
+    const char* name = member.name.GetString();
+    uint32_t bit = 0;
+    uint32_t* target = nullptr;
+    uint32_t def = 0;
+    switch ((static_cast<unsigned char>(name[0]) << 8) | static_cast<unsigned char>(name[1])) {
+      case ('O' << 8) | 'C': bit = H::kOc; target = &header.oc; break;
+      case ('O' << 8) | 'E': bit = H::kOe; target = &header.oe; break;
+      case ('O' << 8) | 'I': bit = H::kOi; target = &header.oi; break;
+      case ('C' << 8) | 'A': bit = H::kCa; target = &header.ca; break;
+      case ('M' << 8) | 'I': bit = H::kMi; target = &header.mi; break;
+      case ('S' << 8) | 'T': bit = H::kSt; target = &header.st; def = kStatusUnread; break;
+      default: continue;
+    }
+    if ((header.present & bit) != 0) continue;
+    header.present |= bit;
+    *target = LenientKey(member.value, def);
+    if (header.present == kAll) break;
+  }
+  return header;
+}
+
+bool SipJson::HasKeyOf(const Value& command, const char* key) {
+  return command.IsObject() && HasKeyIn(command, key);
 }
 
 bool SipJson::GetDataValue(int32_t index, uint32_t& value) const {
@@ -497,7 +567,7 @@ uint32_t SipJson::CountCommandsWithData() const {
   uint32_t count = 0;
   for (const Value& command : cmd->GetArray()) {
     const Value& st = FindIn(command, "ST");
-    if (st.IsUint() && IsDataBearingStatus(st.GetUint()) && command.HasMember("DA")) ++count;
+    if (st.IsUint() && IsDataBearingStatus(st.GetUint()) && HasKeyIn(command, "DA")) ++count;
   }
   return count;
 }
@@ -508,13 +578,13 @@ bool SipJson::HasData() const {
 
 bool SipJson::HasKey(int32_t index, const char* key) const {
   const Value* command = Command(index);
-  return command != nullptr && command->HasMember(key);
+  return command != nullptr && HasKeyIn(*command, key);
 }
 
 // ---- Builders ----------------------------------------------------------------------------
 
 void SipJson::SetMember(Value& object, const char* key, Value&& value) {
-  Value::MemberIterator it = object.FindMember(key);
+  Value::MemberIterator it = FindKey(object, key);
   if (it != object.MemberEnd())
     it->value = value;
   else
@@ -550,7 +620,7 @@ bool SipJson::SetKey(const char* key, uint32_t value, bool removeIfZero) {
 bool SipJson::SetKey(Value& command, const char* key, uint32_t value, bool removeIfZero) {
   if (!command.IsObject()) return false;
   if (value == 0 && removeIfZero)
-    command.RemoveMember(key);
+    RemoveKeyFrom(command, key);
   else
     SetMember(command, key, Value(value));
   return true;
@@ -560,7 +630,7 @@ void SipJson::SetRawData(const std::vector<uint8_t>& bytes, uint32_t status) {
   Value& cmd = CurrentCommand();
   if (!cmd.IsObject()) return;
   if (bytes.empty()) {
-    cmd.RemoveMember("DA");
+    RemoveKeyFrom(cmd, "DA");
   } else {
     Allocator& a = doc_.GetAllocator();
     Value raw(rapidjson::kArrayType);
@@ -596,7 +666,7 @@ void SipJson::SetDataStrings(const std::vector<std::string>& strings, uint32_t s
 
 bool SipJson::RemoveKey(const char* key) {
   Value* cmd = ExistingCurrentObject();
-  return cmd != nullptr && cmd->RemoveMember(key);
+  return cmd != nullptr && RemoveKeyFrom(*cmd, key);
 }
 
 int32_t SipJson::AppendCommand(const Value& command) {

@@ -115,6 +115,29 @@ class SipJson {
   // True when the command at index has the member.
   bool HasKey(int32_t index, const char* key) const;
 
+  // ---- Readers on a command object --------------------------------------------------------
+  // For code that reads several members of one command: resolve it once with Command()
+  // and read its members without walking the envelope again. Same results as the readers
+  // by index; a `command` that is not an object has no members.
+  // GetKey(index, key, def) on the command itself.
+  static uint32_t KeyOf(const Value& command, const char* key, uint32_t def);
+  // HasKey(index, key) on the command itself.
+  static bool HasKeyOf(const Value& command, const char* key);
+  // The numeric members that address a command, each as KeyOf(command, name, default)
+  // reads it (the default of ST is 22, of the others 0), and which of them the command
+  // has (as HasKeyOf tells), read in one walk over its members instead of one per member.
+  struct Header {
+    enum : uint32_t { kOc = 1, kOe = 2, kOi = 4, kCa = 8, kMi = 16, kSt = 32 };
+    uint32_t present = 0;  // bits of the members found, whatever their type
+    uint32_t oc = 0;
+    uint32_t oe = 0;
+    uint32_t oi = 0;
+    uint32_t ca = 0;
+    uint32_t mi = 0;
+    uint32_t st = 22;
+  };
+  static Header HeaderOf(const Value& command);
+
   // ---- Builders (current command) ------------------------------------------------------
   // Makes the command {"OC": oc, ["OE": oe], ["OI": oi], "CA": ca} (OE and OI omitted
   // when 0).

@@ -81,6 +81,7 @@ class OidMapTableTest : public ::testing::Test {
     // Cabinet 9: other owners for each count opcode, so that a wrong row shows.
     table_.AddInstances(0x0300, 0, kCab9, kMidA, 3);
     table_.AddInstances(0x0300, 0, kCab9, kMidB, 2);
+    table_.AddInstances(0x0300, 0, kCab9, kMidA, 4);  // A again, with more: positions 5..8
     table_.AddInstances(0x0400, 0, kCab9, kMidC, 4);
     table_.AddInstances(CM_ExtObjectCount, 0x05, kCab9, kMidA, 5);
     table_.AddInstances(CM_ExtObjectCount, 0x1C, kCab9, kMidC, 2);
@@ -110,6 +111,8 @@ TEST_F(OidMapTableTest, Translate_GlobalIndexAndOwnersLocalId) {
       {Request(CM_ReadConfigurationSpace, 0x71, 4, kCab9), kMidB, 1},
       {Request(CM_WriteConfigurationSpace, 0x90, 3, kCab9), kMidC, 3},
       {Reply(CM_ReadConfigurationSpace, 0x71, 1, kCab9, kMidB), kMidB, 4},
+      {Reply(CM_ReadConfigurationSpace, 0x71, 2, kCab9, kMidA), kMidA, 2},  // first position
+      {Reply(CM_ReadConfigurationSpace, 0x71, 3, kCab9, kMidA), kMidA, 8},  // only A's second
       {Request(CM_ExtObjectGet, 0x1C06, 2, kCab9), kMidD, 0},
       {Request(CM_ExtObjectSet, 0x0506, 4, kCab9), kMidA, 4},
       {Reply(CM_ExtObjectGet, 0x1C0F, 1, kCab9, kMidD), kMidD, 3},

@@ -51,6 +51,28 @@ TEST(SipJsonPaths, WrongTypedValuesFallBackPerReader) {
   EXPECT_EQ(msg.GetKey(0, "CA", 4), 4u);
 }
 
+// The one-walk reader of the addressing members reads each as the reader by name does:
+// the first of repeated names, text numbers, wrong types, near-miss names, defaults.
+TEST(SipJsonPaths, HeaderReadsAsReadersByName) {
+  for (const char* text :
+       {R"({"SIP":{"CMD":[{"OC":"0x0310","ST":true,"OI":"12","OE":1.5,"MI":-1,"CA":[1]}]}})",
+        R"({"SIP":{"CMD":[{"OCX":1,"O":2,"OC":3,"OC":4,"ST":5,"ST":6,"mi":7,"MI":"0x8"}]}})",
+        R"({"SIP":{"CMD":[{"CA":7,"OE":9,"OI":null,"MI":{"a":1}}]}})",
+        R"({"SIP":{"CMD":[{}]}})"}) {
+    SipJson msg = FromText(text);
+    const SipJson::Header h = SipJson::HeaderOf(*msg.Command(0));
+    using H = SipJson::Header;
+    const struct { const char* key; uint32_t bit; uint32_t value; uint32_t def; } members[] = {
+        {"OC", H::kOc, h.oc, 0}, {"OE", H::kOe, h.oe, 0}, {"OI", H::kOi, h.oi, 0},
+        {"CA", H::kCa, h.ca, 0}, {"MI", H::kMi, h.mi, 0}, {"ST", H::kSt, h.st, 22}};
+    for (const auto& m : members) {
+      SCOPED_TRACE(std::string(text) + " " + m.key);
+      EXPECT_EQ(m.value, msg.GetKey(0, m.key, m.def));
+      EXPECT_EQ((h.present & m.bit) != 0, msg.HasKey(0, m.key));
+    }
+  }
+}
+
 TEST(SipJsonTextNumbers, HexOctalDecimalStopAtFirstInvalidCharacter) {
   const struct { const char* text; uint32_t value; } cases[] = {
       {"0x15", 21}, {"0X1f", 31}, {"017", 15}, {"9", 9},   {"0", 0},   {"0x", 0},  {"08", 0},
