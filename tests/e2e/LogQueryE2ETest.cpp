@@ -90,6 +90,16 @@ class LogQueryE2ETest : public e2e::ModuleHostTest {
     module.AddRule(e2e::Rule(0x0B20, R"({"RAW":[9,4,7,4]})"));
   }
 
+  // Module A speaking the SEL languages, with `entries` unified records numbered from 1.
+  hostsim::SimModule& ModuleWithLog(uint32_t entries) {
+    hostsim::SimModule& a = host_.AddModule(kMidA);
+    SpeakLanguages(a);
+    std::vector<hostsim::SimUnifiedRecord> records;
+    for (uint32_t n = 1; n <= entries; ++n) records.push_back(Unified(0x040005, n, {"1", "2"}));
+    a.SetLog(0x0B16, std::nullopt, EncodeLog(records));
+    return a;
+  }
+
   void StartAndRescan() {
     StartWithCabinets(0, {});
     module_->Rescan();
@@ -186,11 +196,7 @@ TEST_F(LogQueryE2ETest, FullLife_PageInTheClientsLanguageFromEverySource) {
 }
 
 TEST_F(LogQueryE2ETest, SequenceNumbers_StartIndexAndEmptyAnswer) {
-  hostsim::SimModule& a = host_.AddModule(kMidA);
-  SpeakLanguages(a);
-  std::vector<hostsim::SimUnifiedRecord> records;
-  for (uint32_t n = 1; n <= 2500; ++n) records.push_back(Unified(0x040005, n, {"1", "2"}));
-  a.SetLog(0x0B16, std::nullopt, EncodeLog(records));
+  ModuleWithLog(2500);
   StartAndRescan();
 
   // 2500 collected, the oldest 500 evicted: 501..2500 remain.
@@ -314,11 +320,7 @@ TEST_F(LogQueryE2ETest, RawRecordAndLanguages_AskedBelow) {
 }
 
 TEST_F(LogQueryE2ETest, Stress_SixClientsWhileScansAndEventsRun) {
-  hostsim::SimModule& a = host_.AddModule(kMidA);
-  SpeakLanguages(a);
-  std::vector<hostsim::SimUnifiedRecord> records;
-  for (uint32_t n = 1; n <= 300; ++n) records.push_back(Unified(0x040005, n, {"1", "2"}));
-  a.SetLog(0x0B16, std::nullopt, EncodeLog(records));
+  hostsim::SimModule& a = ModuleWithLog(300);
   a.AddRule(e2e::Rule(0x0B21, "\"A text from below.\""));
   StartAndRescan();
 
