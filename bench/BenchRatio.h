@@ -13,7 +13,9 @@
 
 #include <benchmark/benchmark.h>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
+
+namespace em_oidmap {
 
 class RatioReporter : public benchmark::ConsoleReporter {
  public:
@@ -79,5 +81,7 @@ int RunBenchmarks(int argc, char** argv, Report&& report) {
   benchmark::Shutdown();
   return 0;
 }
+
+}  // namespace em_oidmap
 
 #endif  // EM_BENCH_BENCHRATIO_H

@@ -16,6 +16,8 @@
 #include "bench/LogReplies.h"
 #include "oidmap/OidMapExtModule.h"
 
+using namespace em_oidmap;  // a program of its own: its names are short
+
 namespace {
 
 constexpr uint32_t kCabinets = 100;

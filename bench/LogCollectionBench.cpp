@@ -13,10 +13,12 @@
 #include "bench/BenchRatio.h"
 
 #include "bench/LogReplies.h"
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
 #include "sip/SipJson.h"
 #include "sip/SipStatus.h"
+
+using namespace em_oidmap;  // a program of its own: its names are short
 
 namespace {
 

@@ -11,6 +11,8 @@
 #include "sip/SipJson.h"
 #include "sip/SipStatus.h"
 
+namespace em_oidmap {
+
 constexpr int kUnifiedForm = 0;
 constexpr int kOldStyleForm = 1;
 
@@ -32,5 +34,7 @@ inline void AppendLogReply(SipJson& msg, int form, uint32_t ca, uint32_t m, uint
   reply.SetRawData(bytes, ST_SUCCESS);
   msg.AppendCommand(*reply.Command(0));
 }
+
+}  // namespace em_oidmap
 
 #endif  // EM_BENCH_LOGREPLIES_H

@@ -14,8 +14,10 @@
 #include <benchmark/benchmark.h>
 
 #include "bench/BenchRatio.h"
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "msglog/MsgLogPage.h"
+
+using namespace em_oidmap;  // a program of its own: its names are short
 
 namespace {
 

@@ -13,11 +13,13 @@
 
 #include "bench/BenchRatio.h"
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/OidMapTable.h"
 #include "sip/SipJson.h"
 #include "sip/SipStatus.h"
+
+using namespace em_oidmap;  // a program of its own: its names are short
 
 namespace {
 

@@ -14,6 +14,8 @@
 #include "bench/BenchRatio.h"
 #include "platform/Registry.h"
 
+using namespace em_oidmap;  // a program of its own: its names are short
+
 namespace {
 
 constexpr int kValues = 200000;

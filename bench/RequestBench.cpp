@@ -8,9 +8,11 @@
 
 #include "bench/BenchRatio.h"
 #include "hostsim/SimHost.h"
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
 #include "sip/SipStatus.h"
+
+using namespace em_oidmap;  // a program of its own: its names are short
 
 namespace {
 

@@ -16,6 +16,8 @@
 #include "oidmap/OidMapExtModule.h"
 #include "runtime/TaskSerializer.h"
 
+using namespace em_oidmap;  // a program of its own: its names are short
+
 namespace {
 
 constexpr uint32_t kCabinets = 100;

@@ -12,6 +12,8 @@
 #include <string>
 #include <system_error>
 
+namespace em_oidmap {
+
 namespace fuzz {
 
 // A directory made once per process (on tmpfs when there is one: the registry syncs every
@@ -53,5 +55,7 @@ inline std::string ReadFile(const std::string& path) {
 }
 
 }  // namespace fuzz
+
+}  // namespace em_oidmap
 
 #endif  // EM_FUZZ_FUZZTEMPDIR_H

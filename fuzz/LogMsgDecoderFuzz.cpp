@@ -9,6 +9,8 @@
 
 #include "msglog/LogMsgDecoder.h"
 
+using namespace em_oidmap;  // a program of its own: its names are short
+
 namespace {
 
 const char* kMessages =

@@ -10,9 +10,11 @@
 #include <cstdint>
 #include <vector>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "msglog/LogRecords.h"
 #include "msglog/MsgLogCache.h"
+
+using namespace em_oidmap;  // a program of its own: its names are short
 
 namespace {
 

@@ -19,9 +19,11 @@
 #include "hostsim/DebugSink.h"
 #include "hostsim/Scenario.h"
 #include "hostsim/SimHost.h"
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
 #include "runtime/Event.h"
+
+namespace em_oidmap {
 
 namespace fuzzhost {
 
@@ -125,5 +127,7 @@ inline void CheckWellFormed(const SipJson& msg) {
 }
 
 }  // namespace fuzzhost
+
+}  // namespace em_oidmap
 
 #endif  // EM_FUZZ_MODULEFUZZHOST_H

@@ -5,8 +5,10 @@
 #include <cstdint>
 #include <string>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "msglog/LogMsgFile.h"
+
+using namespace em_oidmap;  // a program of its own: its names are short
 
 namespace {
 

@@ -9,12 +9,14 @@
 #include <string>
 #include <vector>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/OidMapTable.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipJson.h"
 #include "sip/SipStatus.h"
+
+using namespace em_oidmap;  // a program of its own: its names are short
 
 namespace {
 

@@ -9,8 +9,10 @@
 #include <vector>
 
 #include "fuzz/FuzzTempDir.h"
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "platform/Registry.h"
+
+using namespace em_oidmap;  // a program of its own: its names are short
 
 namespace {
 

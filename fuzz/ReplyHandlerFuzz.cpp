@@ -13,6 +13,8 @@
 #include "fuzz/ModuleFuzzHost.h"
 #include "oidmap/Opcodes.h"
 
+using namespace em_oidmap;  // a program of its own: its names are short
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (size == 0) return 0;
   SipJson msg;

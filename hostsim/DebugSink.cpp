@@ -9,10 +9,10 @@
 // The object the module looks up with dlsym(RTLD_DEFAULT, "Debug"): C linkage keeps the
 // symbol name unmangled, default visibility keeps it in the dynamic symbol table.
 extern "C" {
-__attribute__((visibility("default"))) hostsim::CaptureSink Debug;
+__attribute__((visibility("default"))) em_oidmap::hostsim::CaptureSink Debug;
 }
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 
 CaptureSink& Sink() { return Debug; }
 
@@ -93,4 +93,4 @@ void CaptureSink::SetEcho(bool echo, std::FILE* to) {
   echoTo_ = to;
 }
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim

@@ -14,7 +14,7 @@
 
 #include "module/CIDebugSink.h"
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 
 class CaptureSink : public CIDebugSink {
  public:
@@ -51,6 +51,6 @@ class CaptureSink : public CIDebugSink {
 // The exported sink object.
 CaptureSink& Sink();
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim
 
 #endif  // EM_HOSTSIM_DEBUGSINK_H

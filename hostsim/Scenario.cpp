@@ -12,7 +12,7 @@
 #include "hostsim/SimHost.h"
 #include "hostsim/SimLog.h"
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 namespace {
 
 using rapidjson::Value;
@@ -589,4 +589,4 @@ void Scenario::ApplyTo(SimHost& host) const {
   }
 }
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim

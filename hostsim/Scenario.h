@@ -15,7 +15,7 @@
 #include "hostsim/SimModule.h"
 #include "sip/SipJson.h"
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 
 class SimHost;
 
@@ -66,6 +66,6 @@ struct Scenario {
   void ApplyTo(SimHost& host) const;
 };
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim
 
 #endif  // EM_HOSTSIM_SCENARIO_H

@@ -4,7 +4,7 @@
 
 #include "module/CIExtensionModule.h"
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 namespace {
 
 // Context values look like nothing else in a message, so a module that passes a wrong
@@ -304,4 +304,4 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
   return 1;
 }
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim

@@ -35,7 +35,7 @@
 #include "module/CIModuleHost.h"
 #include "sip/SipJson.h"
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 
 constexpr uint32_t kHostKindNodeAgent = 0;
 constexpr size_t kMaxSeCabinets = 255;  // the enumeration's count is 8-bit
@@ -147,6 +147,6 @@ class SimHost : public CIModuleHost {
   std::vector<std::string> alternate_;
 };
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim
 
 #endif  // EM_HOSTSIM_SIMHOST_H

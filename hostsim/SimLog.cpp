@@ -1,6 +1,6 @@
 #include "hostsim/SimLog.h"
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 namespace {
 
 void Put16(std::vector<uint8_t>& out, uint32_t v) {
@@ -96,4 +96,4 @@ std::string RawDataJson(const std::vector<uint8_t>& bytes) {
   return json + "]}";
 }
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim

@@ -12,7 +12,7 @@
 #include <string>
 #include <vector>
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 
 constexpr uint32_t kOcLogEntry = 0x0B00;             // old-style records, OI 0 or 1
 constexpr uint32_t kOcLogMessageArguments = 0x0B16;  // unified records
@@ -61,6 +61,6 @@ std::vector<uint8_t> EncodeLog(const std::vector<SimUnifiedRecord>& records);
 // Raw bytes as the JSON data of a reply: {"RAW":[...]}.
 std::string RawDataJson(const std::vector<uint8_t>& bytes);
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim
 
 #endif  // EM_HOSTSIM_SIMLOG_H

@@ -6,7 +6,7 @@
 #include "hostsim/SimLog.h"
 #include "sip/SipJson.h"
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 
 uint32_t CommandKey(const rapidjson::Value& command, const char* key, uint32_t def) {
   if (!command.IsObject()) return def;
@@ -230,4 +230,4 @@ void SimModule::ClearReceived() {
   received_.clear();
 }
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim

@@ -17,7 +17,7 @@
 
 #include <rapidjson/document.h>
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 
 constexpr uint32_t kStatusOk = 0x00;
 constexpr uint32_t kStatusNotHandled = 0x01;
@@ -132,6 +132,6 @@ uint32_t CommandKey(const rapidjson::Value& command, const char* key, uint32_t d
 std::string ToJsonText(const rapidjson::Value& value);
 std::string QuoteJson(const std::string& text);
 
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim
 
 #endif  // EM_HOSTSIM_SIMMODULE_H

@@ -4,9 +4,11 @@
 #include <cstring>
 #include <string>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "sip/SipJson.h"
 #include "sip/SipStatus.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -265,3 +267,5 @@ uint32_t CExtensionModule::FillModuleInfo(void* moduleInfo, const char* name,
   rec[245] = 0;
   return 1;
 }
+
+}  // namespace em_oidmap

@@ -17,6 +17,8 @@
 
 class SipJson;
 
+namespace em_oidmap {
+
 // Host notification codes.
 constexpr uint32_t SCN_SWITCH_SHUTDOWN = 0x20000;
 constexpr uint32_t SCN_SWITCH_REQUEST_ENABLED = 0x20001;
@@ -114,5 +116,7 @@ class CExtensionModule : public CIExtensionModule {
   std::atomic<uint64_t> context_{0};
   std::atomic<bool> switch_shutdown_{false};
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_MODULE_EXTENSIONMODULE_H

@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+namespace em_oidmap {
+
 namespace {
 
 struct CssRow {
@@ -88,3 +90,5 @@ void CLogLookupCache::StoreDesignation(const std::string& key, const std::string
   std::lock_guard<std::mutex> guard(mutex_);
   designations_[key] = designation;
 }
+
+}  // namespace em_oidmap

@@ -11,6 +11,8 @@
 #include <optional>
 #include <string>
 
+namespace em_oidmap {
+
 // A table row with this opcode asks nothing.
 constexpr uint32_t kNoLookupOpcode = 0xFFFFFFFF;
 
@@ -40,5 +42,7 @@ class CLogLookupCache {
   std::map<std::string, bool> css_;
   std::map<std::string, std::string> designations_;
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_COLLECTIONTABLES_H

@@ -4,7 +4,9 @@
 #include <cstdio>
 #include <cstring>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -319,3 +321,5 @@ int32_t CLogMsgDecoder::Decode(const uint8_t* record, size_t length, std::string
     return 0;
   }
 }
+
+}  // namespace em_oidmap

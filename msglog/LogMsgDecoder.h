@@ -25,6 +25,8 @@
 
 #include "msglog/LogMsgFile.h"
 
+namespace em_oidmap {
+
 // The class and low code byte of an inline-text record: it carries text, not arguments.
 constexpr uint8_t kInlineTextClass = 0x3F;
 // Bytes 8-9 and 10-11 both holding this mark arguments that were never set.
@@ -78,5 +80,7 @@ class CLogMsgDecoder {
   CLogMsgFile::Document file_;
   LogMsgFormat format_;
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_LOGMSGDECODER_H

@@ -7,9 +7,11 @@
 #include <unordered_set>
 #include <utility>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "platform/Registry.h"
 #include "platform/RegistryPaths.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -250,3 +252,5 @@ std::string CLogMsgFile::LanguageName(uint32_t langId) const {
 std::string DefaultRegisteredMessageDirectory() {
   return MessageFileDirectoryFromRegistry(CRegistry::Default());
 }
+
+}  // namespace em_oidmap

@@ -40,6 +40,8 @@
 
 #include "msglog/XmlDocument.h"
 
+namespace em_oidmap {
+
 // The log format in force; it chooses the message file and the record layout.
 enum class LogMsgFormat { kUnified, kOldStyle };
 
@@ -195,5 +197,7 @@ class CLogMsgFile {
 // The registered message file directory, as the registry describes the installation
 // (MessageFileDirectoryFromRegistry on the process-wide registry tree).
 std::string DefaultRegisteredMessageDirectory();
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_LOGMSGFILE_H

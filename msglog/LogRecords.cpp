@@ -6,7 +6,9 @@
 #include <queue>
 #include <utility>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -97,7 +99,7 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
       walk.whole = false;
       break;
     }
-    EM_TRACE(3, "\nEM_OIDMAP           :  Add message log entry 0x%06X (CSS: %s)",
+    EM_MODULE_TRACE(3, " Add message log entry 0x%06X (CSS: %s)",
              entry.ErrorCode, (entry.Flags & 1) ? "yes" : "no");
     ++walk.records;
     walk.end += length;
@@ -146,3 +148,5 @@ std::vector<MsgLogEntry> CMsgLogMerge::Take(size_t keepAtMost) {
   total_ = 0;
   return merged;
 }
+
+}  // namespace em_oidmap

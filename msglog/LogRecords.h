@@ -26,6 +26,8 @@
 #include "msglog/MsgLogCache.h"
 #include "msglog/OldStyleRecord.h"
 
+namespace em_oidmap {
+
 constexpr size_t kUnifiedHeaderBytes = 26;  // a unified record before its strings
 
 // How a walk over one data block ended.
@@ -114,5 +116,7 @@ class CMsgLogMerge {
   std::vector<Source> sources_;
   size_t total_ = 0;
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_LOGRECORDS_H

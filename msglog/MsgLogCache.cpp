@@ -1,6 +1,8 @@
 #include "msglog/MsgLogCache.h"
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
+
+namespace em_oidmap {
 
 MsgLogCabinetCache::MsgLogCabinetCache() {
   ReadyEvent.Create(false, true, nullptr);
@@ -55,10 +57,10 @@ size_t CMsgLogCache::CabinetCount() {
 bool CMsgLogCache::SetCacheReady(uint32_t cabinet, bool set) {
   CRecursiveLockGuard ready_guard(ready_lock_);
   if (set) {
-    EM_TRACE(3, "\nEM_OIDMAP           : SET event for message log cache cabinet %d",
+    EM_MODULE_TRACE(3, "SET event for message log cache cabinet %d",
              static_cast<int>(cabinet));
   } else {
-    EM_TRACE(3, "\nEM_OIDMAP           : RESET event for message log cache cabinet %d",
+    EM_MODULE_TRACE(3, "RESET event for message log cache cabinet %d",
              static_cast<int>(cabinet));
   }
   MsgLogCabinetCache* cache = nullptr;
@@ -71,9 +73,9 @@ bool CMsgLogCache::SetCacheReady(uint32_t cabinet, bool set) {
   }
   const bool ok = set ? cache->ReadyEvent.Set() : cache->ReadyEvent.Reset();
   if (set) {
-    EM_TRACE(3, "\nEM_OIDMAP           : Ready event SET for message log cache cabinet %u", cabinet);
+    EM_MODULE_TRACE(3, "Ready event SET for message log cache cabinet %u", cabinet);
   } else {
-    EM_TRACE(3, "\nEM_OIDMAP           : Ready event RESET for message log cache cabinet %u",
+    EM_MODULE_TRACE(3, "Ready event RESET for message log cache cabinet %u",
              cabinet);
   }
   return ok;
@@ -82,11 +84,11 @@ bool CMsgLogCache::SetCacheReady(uint32_t cabinet, bool set) {
 bool CMsgLogCache::WaitForCacheReady(uint32_t cabinet, uint32_t timeoutMs) {
   MsgLogCabinetCache* cache = FindCabinetCache(cabinet);
   if (cache == nullptr) {
-    EM_TRACE(1, "\nEM_OIDMAP           : ERROR! Cabinet %d not found in message log cache table!",
+    EM_MODULE_TRACE(1, "ERROR! Cabinet %d not found in message log cache table!",
              static_cast<int>(cabinet));
     return false;
   }
-  EM_TRACE(3, "\nEM_OIDMAP           : Wait on event for message log cache cabinet %d (Timeout: %d)",
+  EM_MODULE_TRACE(3, "Wait on event for message log cache cabinet %d (Timeout: %d)",
            static_cast<int>(cabinet), static_cast<int>(timeoutMs / 1000));
   return cache->ReadyEvent.Wait(timeoutMs, false) == EVENT_WAIT_SIGNAL;
 }
@@ -103,16 +105,16 @@ uint32_t CMsgLogCache::StoreEntries(MsgLogCabinetCache& cache,
   uint32_t first = 0;
   if (run != 0) {
     first = cache.last_sequence_number_ + 1;
-    EM_TRACE(4, "\nEM_OIDMAP           :     %u entries stored to messag log cache",
+    EM_MODULE_TRACE(4, "    %u entries stored to messag log cache",
              static_cast<unsigned>(total));
   }
   if (surplus != 0 && TraceClient().IsTraceActive()) {
     for (size_t i = 0; i < evictHeld; ++i) {
-      EM_TRACE(3, "\nEM_OIDMAP           : Remove entry %u from beginning of message log list",
+      EM_MODULE_TRACE(3, "Remove entry %u from beginning of message log list",
                entries[i].SequenceNumber);
     }
     for (size_t i = 0; i < skipRun; ++i) {
-      EM_TRACE(3, "\nEM_OIDMAP           : Remove entry %u from beginning of message log list",
+      EM_MODULE_TRACE(3, "Remove entry %u from beginning of message log list",
                static_cast<uint32_t>(first + i));
     }
   }
@@ -152,3 +154,5 @@ void MsgLogEntryList::clear() {
   storage_.clear();
   head_ = 0;
 }
+
+}  // namespace em_oidmap

@@ -31,6 +31,8 @@
 #include "runtime/Event.h"
 #include "runtime/RecursiveLock.h"
 
+namespace em_oidmap {
+
 // The most entries one cabinet keeps after a store.
 constexpr uint32_t kMaxMsgLogEntries = 2000;
 // How long a query waits for a cabinet's cache to become ready.
@@ -148,5 +150,7 @@ class CMsgLogCache {
   CRecursiveLock ready_lock_;   // held for a whole SetCacheReady
   std::vector<std::unique_ptr<MsgLogCabinetCache>> cabinets_;
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_MSGLOGCACHE_H

@@ -6,8 +6,10 @@
 #include <unordered_map>
 #include <utility>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "msglog/LogMsgDecoder.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -88,10 +90,10 @@ class PageTranslator {
   // The entry's text (empty when no source has one) and its short error code.
   std::string Translate(const MsgLogEntry& entry, uint16_t* shortCode) {
     const bool oldStyle = entry.OldStyle != 0;
-    EM_TRACE(3, "\nEM_OIDMAP           : Translate (%s format based) log entry 0x%08X - CSS: %s",
+    EM_MODULE_TRACE(3, "Translate (%s format based) log entry 0x%08X - CSS: %s",
              oldStyle ? "old style" : "Unified", entry.ErrorCode,
              (entry.Flags & 1) ? "true" : "false");
-    EM_TRACE(4, "\nEM_OIDMAP           :     Decode long text message string (%s SEL message) ...",
+    EM_MODULE_TRACE(4, "    Decode long text message string (%s SEL message) ...",
              oldStyle ? "old style" : "Unified");
     std::string text;
     if (oldStyle) {
@@ -126,10 +128,10 @@ class PageTranslator {
     // A code the modules do not know is asked once per page, not once per entry.
     const auto asked = asked_.find(errorCode);
     if (asked != asked_.end()) return asked->second;
-    EM_TRACE(4, "\nEM_OIDMAP           :     Request long text message string via TCBI ...");
+    EM_MODULE_TRACE(4, "    Request long text message string via TCBI ...");
     text = sources_.requestLongText(errorCode, lang_id_);
     if (!text.empty()) {
-      EM_TRACE(4, "\nEM_OIDMAP           :     ... long text: \"%s\"", text.c_str());
+      EM_MODULE_TRACE(4, "    ... long text: \"%s\"", text.c_str());
       if (sources_.longTexts)
         sources_.longTexts->PutText(MsgTextKind::kLongText, errorCode, lang_id_, text);
     }
@@ -165,7 +167,7 @@ size_t MsgLogPageStartIndex(uint32_t pageNumber, uint32_t sequenceNumber,
 bool BuildMsgLogPage(const MsgLogPageQuery& query, const MsgLogEntry* first,
                      const MsgLogEntry* last, const MsgLogTextSources& sources,
                      std::vector<uint8_t>* data) {
-  EM_TRACE(3, "\nEM_OIDMAP           : GetMsgLogCacheEntries OpCodeExt: 0x%X", query.opCodeExt);
+  EM_MODULE_TRACE(3, "GetMsgLogCacheEntries OpCodeExt: 0x%X", query.opCodeExt);
   const uint16_t langId = static_cast<uint16_t>(query.opCodeExt);
 
   const MsgLogEntry* start =
@@ -184,12 +186,12 @@ bool BuildMsgLogPage(const MsgLogPageQuery& query, const MsgLogEntry* first,
       needUnified ? OpenForm(sources.files, LogMsgFormat::kUnified, langId) : FormTexts(),
       needOldStyle ? OpenForm(sources.files, LogMsgFormat::kOldStyle, langId) : FormTexts());
 
-  EM_TRACE(3,
-           "\nEM_OIDMAP           : Search start index for requested message log sequence "
+  EM_MODULE_TRACE(3,
+           "Search start index for requested message log sequence "
            "number %d ...",
            static_cast<int>(query.sequenceNumber));
   if (count == 0) return false;
-  EM_TRACE(3, "\nEM_OIDMAP           : found start index %d for message log sequence number %d",
+  EM_MODULE_TRACE(3, "found start index %d for message log sequence number %d",
            static_cast<int>(query.firstIndex + static_cast<size_t>(start - first)), static_cast<int>(query.sequenceNumber));
 
   data->reserve(data->size() + count * kReservedBytesPerRecord);
@@ -200,13 +202,15 @@ bool BuildMsgLogPage(const MsgLogPageQuery& query, const MsgLogEntry* first,
       char unknown[32];
       snprintf(unknown, sizeof(unknown), "Unknown error 0x%04X", entry->ErrorCode);
       text = unknown;
-      EM_TRACE(1,
-               "\nEM_OIDMAP           : WARNING! Missing translation for language %s for "
+      EM_MODULE_TRACE(1,
+               "WARNING! Missing translation for language %s for "
                "message error code 0x%04X",
                translator.Language(*entry).c_str(), entry->ErrorCode);
     }
-    EM_TRACE(5, "\nEM_OIDMAP           : Append SIP Msg: \"%s\"", text.c_str());
+    EM_MODULE_TRACE(5, "Append SIP Msg: \"%s\"", text.c_str());
     AppendRecord(*data, *entry, shortCode, text);
   }
   return true;
 }
+
+}  // namespace em_oidmap

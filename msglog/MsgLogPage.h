@@ -29,6 +29,8 @@
 #include "msglog/MsgLogCache.h"
 #include "msglog/MsgTextCache.h"
 
+namespace em_oidmap {
+
 // The most records of one answer, and the factor from page number to start index.
 constexpr uint32_t kMsgLogPageSize = 2000;
 // Byte 2 of every answer record.
@@ -78,5 +80,7 @@ inline bool BuildMsgLogPage(const MsgLogPageQuery& query, const std::vector<MsgL
                             const MsgLogTextSources& sources, std::vector<uint8_t>* data) {
   return BuildMsgLogPage(query, entries.data(), entries.data() + entries.size(), sources, data);
 }
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_MSGLOGPAGE_H

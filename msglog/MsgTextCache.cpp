@@ -5,6 +5,8 @@
 
 #include "msglog/MultiStringParameter.h"
 
+namespace em_oidmap {
+
 bool CMsgTextCache::FindText(MsgTextKind kind, uint32_t errorCode, uint16_t langId,
                              std::string* text) const {
   std::shared_lock<std::shared_mutex> lock(mutex_);
@@ -62,3 +64,5 @@ size_t CMsgTextCache::Size(MsgTextKind kind) const {
   std::shared_lock<std::shared_mutex> lock(mutex_);
   return MapOf(kind).size();
 }
+
+}  // namespace em_oidmap

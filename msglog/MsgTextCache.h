@@ -19,6 +19,8 @@
 #include <unordered_map>
 #include <vector>
 
+namespace em_oidmap {
+
 enum class MsgTextKind { kLongText, kSummary, kCauses, kResolutions };
 
 // The result of asking for one paragraph.
@@ -63,5 +65,7 @@ class CMsgTextCache {
   mutable std::shared_mutex mutex_;  // guards maps_
   Map maps_[4];
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_MSGTEXTCACHE_H

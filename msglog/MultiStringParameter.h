@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+namespace em_oidmap {
+
 // The help-desk text placeholder of resolution paragraphs.
 constexpr const char* kHelpDeskParameter = "%HD%";
 
@@ -17,5 +19,7 @@ constexpr const char* kHelpDeskParameter = "%HD%";
 // false at once when `start` is not below the number of paragraphs or `name` is empty.
 bool ReplaceParameter(std::vector<std::string>& paragraphs, const std::string& name,
                       const std::string& value, size_t start);
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_MULTISTRINGPARAMETER_H

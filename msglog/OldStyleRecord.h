@@ -9,6 +9,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace em_oidmap {
+
 // A record is at least this long; fewer bytes left in a block hold no record.
 constexpr size_t kOldStyleRecordMinBytes = 12;
 // The header that tells a record's length.
@@ -27,5 +29,7 @@ inline size_t OldStyleRecordLength(uint8_t byte0, uint8_t byte1, uint8_t byte3) 
       ((byte1 & 0x3F) == kOldStyleInlineTextClass && byte0 == 0 && byte3 != 0);
   return hasArguments ? static_cast<size_t>(byte3) * 4 + 8 : kOldStyleRecordMinBytes;
 }
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_OLDSTYLERECORD_H

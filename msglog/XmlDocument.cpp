@@ -2,7 +2,9 @@
 
 #include <cstring>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -98,3 +100,5 @@ std::string CXmlDocument::GetData() const {
 std::string CXmlDocument::GetTagName() const {
   return current_ ? std::string(current_.name()) : std::string();
 }
+
+}  // namespace em_oidmap

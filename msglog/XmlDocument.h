@@ -16,6 +16,8 @@
 
 #include <pugixml.hpp>
 
+namespace em_oidmap {
+
 class CXmlDocument {
  public:
   CXmlDocument() = default;
@@ -60,5 +62,7 @@ class CXmlDocument {
   pugi::xml_node level_;    // whose children are walked
   pugi::xml_node current_;  // null: before the level's first element
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_MSGLOG_XMLDOCUMENT_H

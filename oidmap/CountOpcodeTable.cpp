@@ -3,6 +3,8 @@
 #include <array>
 #include <cstddef>
 
+namespace em_oidmap {
+
 // Rows 26 and 27 are the same on purpose: start-up skips a count request it already sent,
 // and look-ups take the first match, so the duplicate never changes a result.
 const CountOpcodeRow kCountOpcodeTable[kCountOpcodeRows + 1] = {
@@ -125,3 +127,5 @@ const CountOpcodeRow* FindFirstItemRow(uint32_t itemOc, uint32_t itemOe) {
   const CountOpcodeRow* const* row = Indexes().byItemOcAndOe.Find(PairKey(itemOc, itemOe));
   return row == nullptr ? nullptr : *row;
 }
+
+}  // namespace em_oidmap

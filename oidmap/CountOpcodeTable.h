@@ -16,6 +16,8 @@
 #include <cstdint>
 #include <vector>
 
+namespace em_oidmap {
+
 // What the item columns of a row name.
 constexpr uint32_t kCountKindItemOpcode = 0;   // item OC whose requests carry an instance in OI
 constexpr uint32_t kCountKindConfigValue = 1;  // item OE = configuration value id (0xE001/0xE002)
@@ -49,5 +51,7 @@ const std::vector<const CountOpcodeRow*>& FindRowsOfKind(uint32_t kind, uint32_t
 // First row of any kind whose item OC equals `itemOc` and item OE equals `itemOe`, or
 // nullptr.
 const CountOpcodeRow* FindFirstItemRow(uint32_t itemOc, uint32_t itemOe);
+
+}  // namespace em_oidmap
 
 #endif  // EM_OIDMAP_COUNTOPCODETABLE_H

@@ -6,11 +6,13 @@
 #include <unordered_set>
 #include <vector>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/OidMapExtModule.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -403,3 +405,5 @@ std::string COidMapExtModule::LookUpDesignation(const OldStyleRecord& record, ui
   EM_TRACE(3, "\nEM_OIDMAP           :     Designation string: \"%s\"", designation.c_str());
   return designation;
 }
+
+}  // namespace em_oidmap

@@ -6,11 +6,13 @@
 #include <string>
 #include <vector>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "msglog/MsgLogPage.h"
 #include "oidmap/OidMapExtModule.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -431,3 +433,5 @@ uint32_t COidMapExtModule::AnswerSelLanguages(SipJson& msg) {
   msg.SetRawData(bytes, ST_SUCCESS);
   return 1;
 }
+
+}  // namespace em_oidmap

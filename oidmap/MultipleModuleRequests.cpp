@@ -3,11 +3,13 @@
 // request. The client's message never carries the broadcast's reply commands.
 #include <vector>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "msglog/OldStyleRecord.h"
 #include "oidmap/OidMapExtModule.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -306,3 +308,5 @@ uint32_t COidMapExtModule::MergeConfigurationRead(SipJson& msg, uint32_t oe) {
   msg.SetDataValue(answer, ST_SUCCESS);
   return 1;
 }
+
+}  // namespace em_oidmap

@@ -3,9 +3,11 @@
 #include <cstdlib>
 #include <utility>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipJson.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -87,3 +89,5 @@ std::string COidMapExtModule::HelpDeskMessage() const {
   std::lock_guard<std::mutex> guard(help_desk_mutex_);
   return help_desk_message_;
 }
+
+}  // namespace em_oidmap

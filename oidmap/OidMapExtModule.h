@@ -39,6 +39,8 @@
 #include "runtime/TaskSerializer.h"
 #include "sip/SipJson.h"
 
+namespace em_oidmap {
+
 constexpr const char* kModuleName = "EM_OIDMAP";
 constexpr const char* kModuleDescription = "OID mapper extension module";
 constexpr int32_t kMaxCabinets = 100;
@@ -201,5 +203,7 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   CRecursiveLock cache_lock_;  // the module's message log cache lock
   CMsgLogCache msg_log_cache_;
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_OIDMAP_OIDMAPEXTMODULE_H

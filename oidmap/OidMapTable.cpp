@@ -1,16 +1,17 @@
 #include "oidmap/OidMapTable.h"
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "msglog/OldStyleRecord.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
 
+namespace em_oidmap {
+
 namespace {
 
 // Table entries start with room for this many OID entries.
 constexpr size_t kInitialOidCapacity = 16;
-
 
 uint64_t OcCaKey(uint32_t oc, uint32_t ca) { return (static_cast<uint64_t>(oc) << 32) | ca; }
 
@@ -313,3 +314,5 @@ uint32_t COidMapTable::PatchRecordToModule(SipJson::Value& raw, size_t record, u
   }
   return 0;
 }
+
+}  // namespace em_oidmap

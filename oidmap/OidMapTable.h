@@ -29,6 +29,8 @@
 
 #include "sip/SipJson.h"
 
+namespace em_oidmap {
+
 class COidMapTable {
  public:
   struct OidEntry {
@@ -157,5 +159,7 @@ class COidMapTable {
   std::vector<Slot> index_;
   std::unordered_map<uint64_t, std::vector<size_t>> byOcAndCa_;
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_OIDMAP_OIDMAPTABLE_H

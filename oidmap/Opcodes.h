@@ -10,6 +10,8 @@
 
 #include <cstdint>
 
+namespace em_oidmap {
+
 // ---- Object requests whose ids are remapped ------------------------------------------
 // Broadcast write that every module must see (answered once all modules replied).
 constexpr uint32_t CM_WriteToAllModules = 0x0310;
@@ -76,5 +78,7 @@ constexpr uint32_t CKT_ConfGabiGroupB = 0x1D;
 // module.
 constexpr uint32_t CKT_ConfThresholdGroupA = 0x310;
 constexpr uint32_t CKT_ConfThresholdGroupB = 0x320;
+
+}  // namespace em_oidmap
 
 #endif  // EM_OIDMAP_OPCODES_H

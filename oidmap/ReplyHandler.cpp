@@ -1,10 +1,12 @@
 // The reply handler (slot 8): every reply and event from a lower module is turned back to
 // the global view and traced; events go on to the host, a cleared log empties its
 // cabinet's cache, and a new log entry is announced with its sequence number.
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -73,3 +75,5 @@ void COidMapExtModule::ClearCabinetCache(uint32_t cabinet) {
   CRecursiveLockGuard guard(cache_lock_);
   msg_log_cache_.ClearCabinet(cabinet);
 }
+
+}  // namespace em_oidmap

@@ -3,10 +3,12 @@
 // log opcodes. Every way out is traced with " (RET)".
 #include <exception>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -159,3 +161,5 @@ uint32_t COidMapExtModule::AnswerLogAvailable(SipJson& msg) {
   EM_TRACE(2, "\nEM_OIDMAP           : Message Log %savailable!", available ? "" : "not ");
   return 1;
 }
+
+}  // namespace em_oidmap

@@ -5,11 +5,13 @@
 #include <string>
 #include <vector>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/OidMapExtModule.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -230,3 +232,5 @@ void COidMapExtModule::QueueMessageLogScans() {
     InsertTask(task, 0, nullptr);
   }
 }
+
+}  // namespace em_oidmap

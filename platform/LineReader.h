@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <string>
 
+namespace em_oidmap {
+
 namespace platform_detail {
 
 struct BoundedLine {
@@ -42,5 +44,7 @@ inline bool ReadBoundedLine(FILE* file, size_t capBytes, BoundedLine* line) {
 }
 
 }  // namespace platform_detail
+
+}  // namespace em_oidmap
 
 #endif  // EM_PLATFORM_LINEREADER_H

@@ -15,8 +15,10 @@
 #include <string>
 #include <vector>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "platform/LineReader.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -354,3 +356,5 @@ bool CopyPrivateProfileSection(const char* fromPath, const char* fromSection,
   }
   return ok;
 }
+
+}  // namespace em_oidmap

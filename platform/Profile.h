@@ -10,6 +10,8 @@
 
 #include <cstdint>
 
+namespace em_oidmap {
+
 constexpr uint32_t kProfileLineBytes = 1024;
 
 // Reads a value, or lists names when `section` or `key` is null:
@@ -54,5 +56,7 @@ bool WritePrivateProfileUInt(const char* section, const char* key, uint32_t valu
 // an empty or missing section).
 bool CopyPrivateProfileSection(const char* fromPath, const char* fromSection,
                                const char* toPath, const char* toSection);
+
+}  // namespace em_oidmap
 
 #endif  // EM_PLATFORM_PROFILE_H

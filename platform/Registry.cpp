@@ -11,8 +11,10 @@
 #include <exception>
 #include <vector>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "runtime/NeverDestroyed.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -496,3 +498,5 @@ bool CRegistry::GetString(HKEY root, const char* path, const char* name, std::st
   CloseKey(key);
   return ok;
 }
+
+}  // namespace em_oidmap

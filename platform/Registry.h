@@ -43,6 +43,8 @@
 #include "platform/RegistryNode.h"
 #include "runtime/RecursiveLock.h"
 
+namespace em_oidmap {
+
 using HKEY = uint32_t;
 using LSTATUS = int32_t;
 
@@ -173,5 +175,7 @@ class CRegistry {
   std::map<HKEY, std::weak_ptr<CRegistryNode>> handles_;
   HKEY next_handle_ = 1;
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_PLATFORM_REGISTRY_H

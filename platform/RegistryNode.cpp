@@ -7,8 +7,10 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "platform/LineReader.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -408,3 +410,5 @@ void CRegistryNode::MergeSorted(std::vector<Entry> added) {
   }
   entries_ = std::move(merged);
 }
+
+}  // namespace em_oidmap

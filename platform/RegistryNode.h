@@ -24,6 +24,8 @@
 
 #include "runtime/RecursiveLock.h"
 
+namespace em_oidmap {
+
 // Entry types, with the operating-system names for the value kinds.
 constexpr int32_t REG_SZ = 1;
 constexpr int32_t REG_EXPAND_SZ = 2;
@@ -116,5 +118,7 @@ class CRegistryNode {
   mutable CRecursiveLock lock_;
   std::vector<Entry> entries_;  // sorted by name, values before keys of the same name
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_PLATFORM_REGISTRYNODE_H

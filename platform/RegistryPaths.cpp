@@ -2,6 +2,8 @@
 
 #include "platform/Registry.h"
 
+namespace em_oidmap {
+
 namespace {
 
 std::string WithBin(std::string root) {
@@ -30,3 +32,5 @@ std::string MessageFileDirectoryFromRegistry(CRegistry& registry) {
   }
   return std::string();
 }
+
+}  // namespace em_oidmap

@@ -4,6 +4,8 @@
 
 #include <string>
 
+namespace em_oidmap {
+
 class CRegistry;
 
 // Key of the agent's installation, below HKEY_LOCAL_MACHINE.
@@ -21,5 +23,7 @@ constexpr const char* kBinDirectoryName = "Bin";
 //   4. "Node Steward" under kNodeStewardUuidKey (the installation root), + "/Bin".
 // The empty string when none is set.
 std::string MessageFileDirectoryFromRegistry(CRegistry& registry);
+
+}  // namespace em_oidmap
 
 #endif  // EM_PLATFORM_REGISTRYPATHS_H

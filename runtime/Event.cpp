@@ -10,9 +10,11 @@
 #include <memory>
 #include <mutex>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "runtime/RecursiveLock.h"
 #include "runtime/NeverDestroyed.h"
+
+namespace em_oidmap {
 
 // The shared event. isSignaled and waiters change under `mutex`; they are atomics only
 // because Check and ChangeAttributes read (and write) them without it.
@@ -460,3 +462,5 @@ int32_t CEvent::Wait(uint32_t timeoutMs, bool trace) {
   }
   return result;
 }
+
+}  // namespace em_oidmap

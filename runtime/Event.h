@@ -22,6 +22,8 @@
 #include <cstddef>
 #include <cstdint>
 
+namespace em_oidmap {
+
 constexpr int32_t EVENT_WAIT_SIGNAL = 0;
 constexpr int32_t EVENT_WAIT_TIMEOUT = 102;
 constexpr int32_t EVENT_WAIT_FAILURE = -1;
@@ -87,5 +89,7 @@ struct NamedEventTableStats {
   size_t capacity;
 };
 NamedEventTableStats GetNamedEventTableStats();
+
+}  // namespace em_oidmap
 
 #endif  // EM_RUNTIME_EVENT_H

@@ -10,6 +10,8 @@
 #include <new>
 #include <utility>
 
+namespace em_oidmap {
+
 template <typename T>
 class NeverDestroyed {
  public:
@@ -25,5 +27,7 @@ class NeverDestroyed {
  private:
   alignas(T) unsigned char storage_[sizeof(T)];
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_RUNTIME_NEVERDESTROYED_H

@@ -1,6 +1,8 @@
 #include "runtime/RecursiveLock.h"
 #include "runtime/NeverDestroyed.h"
 
+namespace em_oidmap {
+
 CRecursiveLock::CRecursiveLock() {
   valid_ = pthread_mutex_init(&mutex_, nullptr) == 0;
 }
@@ -49,3 +51,5 @@ CRecursiveLock& NameTableLock() {
   static NeverDestroyed<CRecursiveLock> lock;
   return lock.Get();
 }
+
+}  // namespace em_oidmap

@@ -19,6 +19,8 @@
 #include <cstdint>
 #include <mutex>
 
+namespace em_oidmap {
+
 class CRecursiveLock {
  public:
   CRecursiveLock();
@@ -56,5 +58,7 @@ using CRecursiveLockGuard = std::lock_guard<CRecursiveLock>;
 CRecursiveLock& EventLock();
 // The process-wide lock over the named-event table. Never destroyed.
 CRecursiveLock& NameTableLock();
+
+}  // namespace em_oidmap
 
 #endif  // EM_RUNTIME_RECURSIVELOCK_H

@@ -2,6 +2,8 @@
 
 #include <cstring>
 
+namespace em_oidmap {
+
 CTaskQueue::CTaskQueue(uint64_t capacityBytes)
     : buffer_(new uint8_t[capacityBytes > 0 ? capacityBytes : 1]()), capacity_(capacityBytes) {}
 
@@ -29,3 +31,5 @@ bool CTaskQueue::Pop(uint64_t& ref) {
   memcpy(&ref, bytes, sizeof bytes);
   return true;
 }
+
+}  // namespace em_oidmap

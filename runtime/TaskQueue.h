@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <memory>
 
+namespace em_oidmap {
+
 class CTaskQueue {
  public:
   static constexpr uint64_t kRefBytes = 8;
@@ -37,5 +39,7 @@ class CTaskQueue {
   std::unique_ptr<uint8_t[]> buffer_;
   uint64_t capacity_;
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_RUNTIME_TASKQUEUE_H

@@ -37,11 +37,13 @@
 #include <utility>
 #include <vector>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "runtime/Event.h"
 #include "runtime/RecursiveLock.h"
 #include "runtime/TaskQueue.h"
 #include "runtime/Thread.h"
+
+namespace em_oidmap {
 
 // Real-time priority asked for the worker (SCHED_RR).
 constexpr uint32_t kTaskHandlerPriority = 83;
@@ -336,5 +338,7 @@ void CTaskSerializer<T>::RunTask(TaskRecord* record, int32_t level) {
     }
   }
 }
+
+}  // namespace em_oidmap
 
 #endif  // EM_RUNTIME_TASKSERIALIZER_H

@@ -2,7 +2,9 @@
 
 #include <utility>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
+
+namespace em_oidmap {
 
 namespace {
 // Thread ids are traced as their low 32 bits.
@@ -161,3 +163,5 @@ void CThread::TraceThreadReturn() {
   EM_TRACE(1, "THREAD_RETURN: ## INFO: Thread = 0x%08X exited, Return = 0x%08x##\n",
            ShortId(pthread_self()), 0u);
 }
+
+}  // namespace em_oidmap

@@ -15,6 +15,8 @@
 #include <cstdint>
 #include <functional>
 
+namespace em_oidmap {
+
 // The POSIX calls CThread makes. Defaults are the real ones.
 struct CThreadOps {
   std::function<int(pthread_attr_t*)> attrInit = pthread_attr_init;
@@ -77,5 +79,7 @@ class CThread {
   uint8_t waitable_ = 0;
   CThreadOps ops_;
 };
+
+}  // namespace em_oidmap
 
 #endif  // EM_RUNTIME_THREAD_H

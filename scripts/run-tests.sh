@@ -13,7 +13,7 @@ ctest --preset default
 bash scripts/check-packages.sh
 
 # Sanitizer runs: the suites named in SANITIZED_SUITES (those that exist).
-SANITIZED_SUITES=(sip_tests runtime_tests module_tests oidmap_tests msglog_tests platform_tests hostsim_tests e2e_tests)
+SANITIZED_SUITES=(sip_tests trace_tests runtime_tests module_tests oidmap_tests msglog_tests platform_tests hostsim_tests e2e_tests)
 for preset in asan tsan; do
   cmake --preset "$preset" >/dev/null
   available=$(cmake --build --preset "$preset" --target help)

@@ -49,6 +49,7 @@ void operator delete[](void* p, std::size_t) noexcept { std::free(p); }
 void operator delete(void* p, const std::nothrow_t&) noexcept { std::free(p); }
 void operator delete[](void* p, const std::nothrow_t&) noexcept { std::free(p); }
 
+namespace em_oidmap {
 namespace {
 
 using e2e::Lib;
@@ -71,3 +72,5 @@ TEST(CreateFailureTest, ConstructorThrows_ExceptionReachesHostAndNothingIsKept) 
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

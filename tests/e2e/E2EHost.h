@@ -19,6 +19,8 @@
 #include "module/CIExtensionModule.h"
 #include "sip/SipJson.h"
 
+namespace em_oidmap {
+
 namespace e2e {
 
 using CreateFn = bool (*)(CIExtensionModule**, void*);
@@ -155,5 +157,7 @@ class ModuleHostTest : public ::testing::Test {
 };
 
 }  // namespace e2e
+
+}  // namespace em_oidmap
 
 #endif  // EM_TESTS_E2E_E2EHOST_H

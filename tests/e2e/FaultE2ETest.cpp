@@ -18,6 +18,8 @@
 #include "E2EHost.h"
 #include "hostsim/SimLog.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using e2e::CallSlot;
@@ -420,3 +422,5 @@ TEST_F(FaultE2ETest, LogEventsForUnknownCabinets_CacheTableBounded) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -10,6 +10,8 @@
 #include "E2EHost.h"
 #include "hostsim/SimLog.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using e2e::kMidA;
@@ -156,3 +158,5 @@ TEST_F(LogCollectionE2ETest, LogEvents_StoreTheirRecordAndAnnounceItsSequenceNum
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

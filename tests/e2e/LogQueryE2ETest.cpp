@@ -18,6 +18,8 @@
 #include "hostsim/Scenario.h"
 #include "hostsim/SimLog.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using e2e::kMidA;
@@ -405,3 +407,5 @@ TEST_F(LogQueryE2ETest, DemoScenario_EveryRequestAnswered) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

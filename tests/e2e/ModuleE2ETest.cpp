@@ -12,6 +12,8 @@
 
 #include "E2EHost.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using e2e::CallSlot;
@@ -215,3 +217,5 @@ TEST_F(ModuleE2ETest, Rescan_ProbesIdentLanguagesAndQueuesOneScanPerCabinet) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

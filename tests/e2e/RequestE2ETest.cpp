@@ -16,6 +16,8 @@
 
 #include "E2EHost.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using e2e::DataText;
@@ -423,3 +425,5 @@ TEST_F(RequestE2ETest, ConcurrentRequestsAndEvents_WhileStartIsRunning) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -7,7 +7,7 @@
 #include "hostsim/SimHost.h"
 #include "hostsim/SimLog.h"
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 namespace {
 
 // The members the demo scenario (played end to end) does not use: the host kind, a failing
@@ -171,4 +171,4 @@ TEST(ScenarioTest, FaultsAndKeptWrites_ChangeTheAnswersInOrder) {
 }
 
 }  // namespace
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim

@@ -12,7 +12,7 @@
 #include "module/ExtensionModule.h"
 #include "tests/sip/SipJsonTestUtil.h"
 
-namespace hostsim {
+namespace em_oidmap::hostsim {
 namespace {
 
 using std::chrono::milliseconds;
@@ -207,4 +207,4 @@ TEST_F(SimHostTest, DeliverEvent_MarksTheEventAndCallsOnReplyOnTheChosenThread) 
 }
 
 }  // namespace
-}  // namespace hostsim
+}  // namespace em_oidmap::hostsim

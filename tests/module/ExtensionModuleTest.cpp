@@ -9,9 +9,11 @@
 
 #include "hostsim/DebugSink.h"
 #include "hostsim/SimHost.h"
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "module/ExtensionModule.h"
 #include "sip/SipJson.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -171,3 +173,5 @@ TEST_F(ExtensionModuleTest, VtableSlots_MatchHostContract) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+namespace em_oidmap {
 
 namespace {
 
@@ -122,3 +123,5 @@ TEST(LogMsgDecoderTest, FormatStringsFromTheSampleFiles) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+namespace em_oidmap {
 
 namespace {
 
@@ -144,3 +145,5 @@ TEST(LogMsgFileTest, ParsesAFileAgainOnlyWhenItChanged) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

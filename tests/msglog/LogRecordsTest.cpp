@@ -12,6 +12,8 @@
 #include "msglog/CollectionTables.h"
 #include "msglog/LogRecords.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using hostsim::EncodeLog;
@@ -289,3 +291,5 @@ TEST(LogRecordsTest, LookupTables_RowsAndFallbacks) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -6,6 +6,8 @@
 
 #include "msglog/MsgLogCache.h"
 
+namespace em_oidmap {
+
 namespace {
 
 std::vector<MsgLogEntry> MakeEntries(size_t n) {
@@ -115,3 +117,5 @@ TEST(MsgLogCacheTest, WaitingReader_SeesCompleteResultOfRun) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

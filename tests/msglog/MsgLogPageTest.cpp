@@ -6,6 +6,8 @@
 #include <string>
 #include <vector>
 
+namespace em_oidmap {
+
 namespace {
 
 // The answer's records as (sequence number, text), split by their own lengths; every record
@@ -99,3 +101,5 @@ TEST(MsgLogPageTest, StartIndexFromPageAndSequenceNumber) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+namespace em_oidmap {
+
 namespace {
 
 TEST(MsgTextCacheTest, LookupsByKindCodeAndLanguage) {
@@ -50,3 +52,5 @@ TEST(MsgTextCacheTest, LookupsByKindCodeAndLanguage) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+namespace em_oidmap {
 
 namespace {
 
@@ -17,3 +18,5 @@ TEST(MultiStringParameterTest, ReplacesTheFirstOccurrenceFromTheStartIndexOn) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

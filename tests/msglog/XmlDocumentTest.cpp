@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+namespace em_oidmap {
+
 namespace {
 
 TEST(XmlDocumentTest, CursorWalksOneLevelAndKeepsPositionOnMiss) {
@@ -44,3 +46,5 @@ TEST(XmlDocumentTest, BadInputLoadsAsFailureAndFindsNothing) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -13,8 +13,10 @@
 #include "hostsim/DebugSink.h"
 #include "hostsim/SimHost.h"
 #include "hostsim/SimLog.h"
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -287,3 +289,5 @@ TEST_F(OidMapExtModuleTest, ConcurrentEventsScanAndReader_NoEntryLostOrRepeated)
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -6,10 +6,12 @@
 #include <gtest/gtest.h>
 
 #include "hostsim/DebugSink.h"
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -253,3 +255,5 @@ TEST(CountOpcodeTable, LookupsMatchFirstMatchWalk) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -10,7 +10,9 @@
 #include <sstream>
 #include <string>
 
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
+
+namespace em_oidmap {
 
 namespace platform_test {
 
@@ -43,5 +45,7 @@ class TempDirTest : public ::testing::Test {
 };
 
 }  // namespace platform_test
+
+}  // namespace em_oidmap
 
 #endif  // EM_TESTS_PLATFORM_TESTUTIL_H

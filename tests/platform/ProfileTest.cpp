@@ -7,6 +7,8 @@
 #include "platform/Profile.h"
 #include "tests/platform/PlatformTestUtil.h"
 
+namespace em_oidmap {
+
 namespace {
 
 class ProfileTest : public platform_test::TempDirTest {
@@ -146,3 +148,5 @@ TEST_F(ProfileTest, NumbersAndSectionCopy) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

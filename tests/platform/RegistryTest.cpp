@@ -14,6 +14,8 @@
 #include "platform/RegistryPaths.h"
 #include "tests/platform/PlatformTestUtil.h"
 
+namespace em_oidmap {
+
 namespace {
 
 class RegistryTest : public platform_test::TempDirTest {
@@ -355,3 +357,5 @@ TEST_F(RegistryTest, MessageFileDirectoryPrecedence) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

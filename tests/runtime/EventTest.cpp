@@ -10,6 +10,8 @@
 
 #include "TestUtil.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using hostsim::Sink;
@@ -186,3 +188,5 @@ TEST_F(EventTest, CopyAssignment_ReopensHandleAndKeepsTheOldReference) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

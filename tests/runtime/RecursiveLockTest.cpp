@@ -5,6 +5,8 @@
 #include <atomic>
 #include <thread>
 
+namespace em_oidmap {
+
 TEST(RecursiveLockTest, OwnerReentersAndOthersWaitForItsLastRelease) {
   CRecursiveLock lock;
   lock.Acquire();
@@ -22,3 +24,5 @@ TEST(RecursiveLockTest, OwnerReentersAndOthersWaitForItsLastRelease) {
   other.join();
   EXPECT_TRUE(got);
 }
+
+}  // namespace em_oidmap

@@ -14,6 +14,8 @@
 #include "runtime/TaskQueue.h"
 #include "sip/SipJson.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using hostsim::Sink;
@@ -197,3 +199,5 @@ TEST_F(TaskSerializerTest, NeverStarted_DestructorFreesQueuedTasksUnrun) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -9,7 +9,9 @@
 #include <thread>
 
 #include "hostsim/DebugSink.h"
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
+
+namespace em_oidmap {
 
 namespace runtime_test {
 
@@ -39,5 +41,7 @@ class TracedTest : public ::testing::Test {
 };
 
 }  // namespace runtime_test
+
+}  // namespace em_oidmap
 
 #endif  // EM_TESTS_RUNTIME_TESTUTIL_H

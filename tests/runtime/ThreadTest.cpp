@@ -8,6 +8,8 @@
 #include "TestUtil.h"
 #include "runtime/Event.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using runtime_test::WaitForTrace;
@@ -79,3 +81,5 @@ TEST_F(ThreadTest, Start_WithKillAliveThread_JoinsTheHeldThreadFirst) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

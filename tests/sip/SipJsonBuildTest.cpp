@@ -9,6 +9,8 @@
 #include "sip/SipJson.h"
 #include "tests/sip/SipJsonTestUtil.h"
 
+namespace em_oidmap {
+
 namespace {
 
 constexpr const char* kEmpty = R"({"SIP":{"V":1,"CMD":[]}})";
@@ -148,3 +150,5 @@ TEST(SipJsonCopies, CopiesAreIndependentAndMovedFromIsUsable) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

@@ -8,6 +8,8 @@
 #include "sip/SipJson.h"
 #include "tests/sip/SipJsonTestUtil.h"
 
+namespace em_oidmap {
+
 namespace {
 
 using Bytes = std::vector<uint8_t>;
@@ -167,3 +169,5 @@ TEST(SipJsonDataForms, OnlyDataBearingStatusesCountAsData) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap

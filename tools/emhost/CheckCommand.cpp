@@ -19,6 +19,8 @@
 #include "MessageFileCheck.h"
 #include "hostsim/Scenario.h"
 
+using namespace em_oidmap;  // emhost is not in the project namespace yet
+
 namespace {
 
 struct CheckOptions {

@@ -22,6 +22,8 @@
 #include "msglog/LogRecords.h"
 #include "msglog/MsgLogPage.h"
 
+using namespace em_oidmap;  // emhost is not in the project namespace yet
+
 namespace {
 
 struct DecodeOptions {

@@ -14,6 +14,8 @@
 #include "DemoScenario.h"
 #include "hostsim/DebugSink.h"
 
+using namespace em_oidmap;  // emhost is not in the project namespace yet
+
 namespace {
 
 using CreateFn = bool (*)(CIExtensionModule**, void*);

@@ -15,6 +15,8 @@
 #include "hostsim/SimHost.h"
 #include "module/CIExtensionModule.h"
 
+using namespace em_oidmap;  // emhost is not in the project namespace yet
+
 // Exit codes of every subcommand.
 constexpr int kExitOk = 0;
 constexpr int kExitModule = 1;  // the module misbehaves or cannot be loaded

@@ -11,6 +11,8 @@
 #include "HostSession.h"
 #include "hostsim/SimModule.h"
 
+using namespace em_oidmap;  // emhost is not in the project namespace yet
+
 namespace {
 
 // A counted kind: its count request and the item request that addresses one instance.

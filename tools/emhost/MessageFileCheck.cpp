@@ -10,6 +10,8 @@
 #include <set>
 #include <string_view>
 
+using namespace em_oidmap;  // emhost is not in the project namespace yet
+
 namespace {
 
 constexpr size_t kMaxOldStyleArgument = 16;  // 16 arguments after the cabinet

@@ -19,6 +19,8 @@
 
 #include "msglog/LogMsgFile.h"
 
+using namespace em_oidmap;  // emhost is not in the project namespace yet
+
 struct MessageFileFinding {
   size_t line = 0;  // 1-based
   std::string what;

@@ -7,6 +7,8 @@
 #include "RequestShorthand.h"
 #include "hostsim/SimModule.h"
 
+using namespace em_oidmap;  // emhost is not in the project namespace yet
+
 namespace {
 
 constexpr uint32_t kOcLogPage = 0x0B10;

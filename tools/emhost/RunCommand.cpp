@@ -22,6 +22,8 @@
 #include "RequestShorthand.h"
 #include "hostsim/SimModule.h"
 
+using namespace em_oidmap;  // emhost is not in the project namespace yet
+
 namespace {
 
 constexpr uint32_t kStatusPending = 0x16;

@@ -1,13 +1,22 @@
-// The four entry points of em_oidmap.so and the single module object they manage.
+// The four entry points of em_oidmap.so and the single module object they manage. This
+// is the top of the shared object: it names the module to the trace client.
 #include <cstdint>
 
 #include "module/CIExtensionModule.h"
-#include "module/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
+#include "trace/DebugClient.h"
 
 #define EM_EXPORT extern "C" __attribute__((visibility("default")))
 
+using em_oidmap::COidMapExtModule;
+using em_oidmap::kModuleName;
+
 namespace {
+
+// The trace configuration is read when the shared object is loaded, under the module's
+// name, not at the first trace line.
+[[maybe_unused]] em_oidmap::CDebugClient& g_load_time_client =
+    em_oidmap::StartTraceClient(kModuleName);
 
 // The one module object of the process; the host calls the entry points from one thread.
 COidMapExtModule* g_module = nullptr;

@@ -1,4 +1,4 @@
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 
 #include <dirent.h>
 #include <dlfcn.h>
@@ -16,12 +16,16 @@
 
 #include "module/CIDebugSink.h"
 
+namespace em_oidmap {
+
 namespace {
 
 // Trace configuration files are a few lines; anything beyond this is not configuration.
 constexpr size_t kMaxTraceFileBytes = 1u << 20;
 
 constexpr const char* kEnvDebugLevel = "KT_LOG_DEBUG_LEVEL";
+// Every line's tag is left-aligned in this many columns.
+constexpr size_t kTagColumns = 20;
 constexpr const char* kEnvDynamicUpdate = "KT_LOG_DYNAMIC_UPDATE";
 
 time_t MonotonicSeconds() {
@@ -144,6 +148,17 @@ bool IsNewer(const struct timespec& a, const struct timespec& b) {
   return a.tv_sec != b.tv_sec ? a.tv_sec > b.tv_sec : a.tv_nsec > b.tv_nsec;
 }
 
+// "\n", the tag left-aligned in 20 columns, ": ", usable as the start of a format.
+std::string LinePrefixOf(const std::string& tag) {
+  std::string prefix = "\n";
+  for (char c : tag) {
+    prefix += c;
+    if (c == '%') prefix += '%';
+  }
+  if (tag.size() < kTagColumns) prefix.append(kTagColumns - tag.size(), ' ');
+  return prefix + ": ";
+}
+
 int IsConfigFile(const struct dirent* entry) {
   return strstr(entry->d_name, ".ini") != nullptr && strncmp(entry->d_name, ".#", 2) != 0;
 }
@@ -186,7 +201,7 @@ CDebugTraceConfig::CDebugTraceConfig(const char* moduleName, std::string configD
     : trace_active_(activeFlag != nullptr ? *activeFlag : own_trace_active_) {
   std::lock_guard<std::mutex> lock(mutex_);
   dir_ = std::move(configDir);
-  SetModuleNameLocked(moduleName != nullptr ? moduleName : kTraceModuleName);
+  SetModuleNameLocked(moduleName != nullptr ? moduleName : "");
   SetClockLocked(std::move(clock));
   StartUpLocked();
 }
@@ -207,8 +222,10 @@ void CDebugTraceConfig::Rename(const char* moduleName) {
 void CDebugTraceConfig::SetModuleNameLocked(const char* moduleName) {
   if (moduleName == nullptr) return;
   module_name_ = moduleName;
-  if (tags_.empty() || tags_.front() != module_name_) tags_.push_front(module_name_);
-  tag_.store(tags_.front().c_str(), std::memory_order_release);
+  if (identities_.empty() || identities_.front().tag != module_name_) {
+    identities_.push_front(Identity{module_name_, LinePrefixOf(module_name_)});
+  }
+  identity_.store(&identities_.front(), std::memory_order_release);
 }
 
 void CDebugTraceConfig::SetClockLocked(Clock clock) {
@@ -319,8 +336,8 @@ void CDebugTraceConfig::RereadLocked() {
 CDebugClient::CDebugClient(const char* moduleName, std::string configDir, Clock clock)
     : CDebugTraceConfig(moduleName, std::move(configDir), std::move(clock)) {}
 
-CDebugClient::CDebugClient(ProcessWide)
-    : CDebugTraceConfig(kTraceModuleName, kTraceConfigDir, nullptr, &g_traceSitesActive) {}
+CDebugClient::CDebugClient(ProcessWide, const char* moduleName)
+    : CDebugTraceConfig(moduleName, kTraceConfigDir, nullptr, &g_traceSitesActive) {}
 
 CDebugClient::~CDebugClient() = default;
 
@@ -352,43 +369,66 @@ CIDebugSink* CDebugClient::Sink() {
   return sink;
 }
 
-void CDebugClient::Trace(uint32_t level, const char* format, ...) {
+bool CDebugClient::Accepts(uint32_t level) {
   UpdateIfDue();
-  if (level > Level()) return;
+  return level <= Level();
+}
+
+void CDebugClient::Write(bool leveled, const char* format, va_list args) {
   CIDebugSink* sink = Sink();
   if (sink == nullptr) return;
+  if (leveled) {
+    sink->TraceV(format, args, ModuleTag());
+  } else {
+    sink->PrintV(format, args, ModuleTag());
+  }
+}
+
+void CDebugClient::Trace(uint32_t level, const char* format, ...) {
+  if (!Accepts(level)) return;
   va_list args;
   va_start(args, format);
-  sink->TraceV(format, args, ModuleTag());
+  Write(true, format, args);
+  va_end(args);
+}
+
+void CDebugClient::TraceModuleLine(uint32_t level, const char* text, ...) {
+  if (!Accepts(level)) return;
+  // The sink formats the line: the prefix and the site's text become one format.
+  const std::string format = std::string(LinePrefix()) + text;
+  va_list args;
+  va_start(args, text);
+  Write(true, format.c_str(), args);
   va_end(args);
 }
 
 void CDebugClient::Print(const char* format, ...) {
-  CIDebugSink* sink = Sink();
-  if (sink == nullptr) return;
   va_list args;
   va_start(args, format);
-  sink->PrintV(format, args, ModuleTag());
+  Write(false, format, args);
   va_end(args);
 }
 
 void CDebugClient::Print(uintptr_t /*extra*/, const char* format, ...) {
-  CIDebugSink* sink = Sink();
-  if (sink == nullptr) return;
   va_list args;
   va_start(args, format);
-  sink->PrintV(format, args, ModuleTag());
+  Write(false, format, args);
   va_end(args);
 }
 
 std::atomic<bool> g_traceSitesActive{false};
 
-CDebugClient& TraceClient() {
-  static CDebugClient client{CDebugClient::ProcessWide{}};
+CDebugClient& ProcessClient(const char* moduleName) {
+  static CDebugClient client{CDebugClient::ProcessWide{}, moduleName};
   return client;
 }
 
-namespace {
-// Reads the configuration when the module is loaded, not at its first trace line.
-[[maybe_unused]] CDebugClient& g_load_time_client = TraceClient();
-}  // namespace
+CDebugClient& StartTraceClient(const char* moduleName) {
+  CDebugClient& client = ProcessClient(moduleName);
+  if (std::strcmp(client.ModuleTag(), moduleName) != 0) client.Initialise(moduleName);
+  return client;
+}
+
+CDebugClient& TraceClient() { return ProcessClient(""); }
+
+}  // namespace em_oidmap

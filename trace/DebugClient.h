@@ -3,7 +3,14 @@
 // KT_LOG_DYNAMIC_UPDATE environment variables), re-reads it while running, and hands
 // every accepted line to the host's "Debug" sink (see CIDebugSink.h).
 //
-// Every trace site tests IsTraceActive() before building arguments: use EM_TRACE.
+// Every trace site tests IsTraceActive() before building arguments: use EM_TRACE, or
+// EM_MODULE_TRACE for a line under the module's own tag.
+//
+// The client knows no module by itself: the top of the program names it (StartTraceClient
+// in the shared object's entry points, when it is loaded). The name is the tag handed to
+// the sink with every line, the configuration section read, and the tag of the line
+// prefix that EM_MODULE_TRACE writes for the layers below the module, which do not know
+// its name.
 //
 // Thread safety: Trace, Print, the accessors and SetTraceLevel may be called from any
 // thread at any time. The configuration values are atomic words (relaxed: each is
@@ -11,12 +18,13 @@
 // files runs on whichever thread traces, guarded by a try-lock: a thread that finds a
 // re-read already in progress skips it instead of waiting. Initialise and Reconfigure
 // take the same lock and wait for it.
-#ifndef EM_MODULE_DEBUGCLIENT_H
-#define EM_MODULE_DEBUGCLIENT_H
+#ifndef EM_TRACE_DEBUGCLIENT_H
+#define EM_TRACE_DEBUGCLIENT_H
 
 #include <sys/types.h>
 
 #include <atomic>
+#include <cstdarg>
 #include <cstdint>
 #include <ctime>
 #include <forward_list>
@@ -26,12 +34,13 @@
 
 class CIDebugSink;
 
+namespace em_oidmap {
+
 // Default trace configuration directory and files.
 constexpr const char* kTraceConfigDir =
     "/opt/VelnorHCP/vital/etc/velnor/HalvoranSuite/TraceConfig";
 constexpr const char* kGlobalTraceFile = "global_trace.ini";
 constexpr const char* kGlobalTraceSection = "GlobalDebugSettings";
-constexpr const char* kTraceModuleName = "EM_OIDMAP";
 // "FileDebugLevel" was never read.
 constexpr uint32_t kTraceLevelNotSet = 0xFFFFFFFFu;
 
@@ -60,7 +69,12 @@ class CDebugTraceConfig {
   }
   uint32_t UpdateInterval() const { return interval_.load(std::memory_order_relaxed); }
   // Module tag passed to the sink with every line. Stays valid for the client's life.
-  const char* ModuleTag() const { return tag_.load(std::memory_order_acquire); }
+  const char* ModuleTag() const { return identity_.load(std::memory_order_acquire)->tag.c_str(); }
+  // "\n", the module tag left-aligned in 20 columns, ": " -- the start of a line of
+  // EM_MODULE_TRACE, as a format (a '%' of the tag doubled). Valid for the client's life.
+  const char* LinePrefix() const {
+    return identity_.load(std::memory_order_acquire)->linePrefix.c_str();
+  }
 
  protected:
   // A configuration section together with the file it came from, as last seen.
@@ -105,15 +119,20 @@ class CDebugTraceConfig {
   std::atomic<uint32_t> configured_interval_{kTraceLevelNotSet};
   std::atomic<uint32_t> interval_{0};
   std::atomic<time_t> last_check_{0};
-  // Tags and clocks are read without the lock, so a replaced one is kept alive (not
+  // The module's name as the lines carry it.
+  struct Identity {
+    std::string tag;
+    std::string linePrefix;
+  };
+  // Identities and clocks are read without the lock, so a replaced one is kept alive (not
   // freed) until the client dies; they change only by Initialise/Reconfigure.
-  std::atomic<const char*> tag_{""};
+  std::atomic<const Identity*> identity_{nullptr};
   std::atomic<const Clock*> clock_{nullptr};
 
   std::mutex mutex_;  // guards everything below
   std::string dir_;
   std::string module_name_;
-  std::forward_list<std::string> tags_;
+  std::forward_list<Identity> identities_;
   std::forward_list<Clock> clocks_;
   Section global_;
   Section module_;
@@ -122,8 +141,8 @@ class CDebugTraceConfig {
 class CDebugClient : public CDebugTraceConfig {
  public:
   // Reads the configuration of `moduleName` from `configDir` at once (start-up).
-  explicit CDebugClient(const char* moduleName = kTraceModuleName,
-                        std::string configDir = kTraceConfigDir, Clock clock = nullptr);
+  explicit CDebugClient(const char* moduleName, std::string configDir = kTraceConfigDir,
+                        Clock clock = nullptr);
   ~CDebugClient() override;                                           // slots 1, 2
   virtual uint32_t Query() { return 0; }                              // slot 3
   // Copies the name as module tag and runs the start-up procedure again. Returns 1.
@@ -137,6 +156,9 @@ class CDebugClient : public CDebugTraceConfig {
       __attribute__((format(printf, 2, 3)));
   virtual void Print(uintptr_t extra, const char* format, ...)        // slot 7
       __attribute__((format(printf, 3, 4)));
+  // Leveled line under the module's tag: LinePrefix() followed by `text` (the line's own
+  // words and their conversions), as Trace writes it.
+  void TraceModuleLine(uint32_t level, const char* text, ...) __attribute__((format(printf, 3, 4)));
 
   // For tools and tests: sets the level (and the trace-active flag) directly.
   void SetTraceLevel(uint32_t level);
@@ -148,16 +170,26 @@ class CDebugClient : public CDebugTraceConfig {
   CIDebugSink* Sink();
 
  private:
-  friend CDebugClient& TraceClient();
+  friend CDebugClient& ProcessClient(const char* moduleName);
   // The process-wide client: its trace-active flag is g_traceSitesActive.
   struct ProcessWide {};
-  explicit CDebugClient(ProcessWide);
+  CDebugClient(ProcessWide, const char* moduleName);
+
+  // Performs the dynamic configuration update; true when a line of `level` is written.
+  bool Accepts(uint32_t level);
+  // Hands one line to the sink: leveled (slot 9) or not (slot 8).
+  void Write(bool leveled, const char* format, va_list args);
 
   std::atomic<CIDebugSink*> sink_{nullptr};
 };
 
-// The process-wide trace client, constructed when the module is loaded (or at first
-// use, whichever comes first), with the default directory.
+// Starts the process-wide trace client under `moduleName` (its tag and configuration
+// section) with the default directory, unless it already runs under that name; a client
+// that runs under another name (or none) takes the name and starts up again. The top of
+// the program calls it once, before anything is traced: em_oidmap.so when it is loaded.
+CDebugClient& StartTraceClient(const char* moduleName);
+// The process-wide trace client. Used before StartTraceClient, it starts without a name:
+// an empty tag, and no configuration file section of its own.
 CDebugClient& TraceClient();
 
 // The trace-active flag of the process-wide client. It is initialised before any code
@@ -166,10 +198,21 @@ CDebugClient& TraceClient();
 extern std::atomic<bool> g_traceSitesActive;
 
 // Guarded trace: the arguments are evaluated only when tracing is active.
-#define EM_TRACE(level, ...)                                          \
-  do {                                                                \
-    if (g_traceSitesActive.load(std::memory_order_relaxed))           \
-      TraceClient().Trace((level), __VA_ARGS__);                      \
+#define EM_TRACE(level, ...)                                                   \
+  do {                                                                         \
+    if (::em_oidmap::g_traceSitesActive.load(std::memory_order_relaxed))       \
+      ::em_oidmap::TraceClient().Trace((level), __VA_ARGS__);                  \
   } while (0)
 
-#endif  // EM_MODULE_DEBUGCLIENT_H
+// Guarded trace of a line under the module's tag: EM_MODULE_TRACE(3, "text %d", n) writes
+// "\nEM_OIDMAP           : text 5" in em_oidmap.so. For layers below the module, which
+// do not know its name; the text stays a literal at the site.
+#define EM_MODULE_TRACE(level, ...)                                            \
+  do {                                                                         \
+    if (::em_oidmap::g_traceSitesActive.load(std::memory_order_relaxed))       \
+      ::em_oidmap::TraceClient().TraceModuleLine((level), __VA_ARGS__);        \
+  } while (0)
+
+}  // namespace em_oidmap
+
+#endif  // EM_TRACE_DEBUGCLIENT_H

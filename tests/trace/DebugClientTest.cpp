@@ -1,4 +1,4 @@
-#include "module/DebugClient.h"
+#include "trace/DebugClient.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>
@@ -13,6 +13,8 @@
 #include <gtest/gtest.h>
 
 #include "hostsim/DebugSink.h"
+
+namespace em_oidmap {
 
 namespace {
 
@@ -169,3 +171,5 @@ TEST_F(DebugClientTest, DynamicUpdate_ConcurrentTracersWhileFilesChange) {
 }
 
 }  // namespace
+
+}  // namespace em_oidmap
