@@ -5,6 +5,8 @@
 //   std::vector<int> values_ GUARDED_BY(mutex_);
 //   ...
 //   CMutexLock lock(mutex_);            // std::lock_guard
+//   if (!mutex_.TryLock()) return;      // a try-lock, then
+//   CMutexLock lock(mutex_, std::adopt_lock);
 //   CMutexUniqueLock lock(mutex_);      // with a std::condition_variable:
 //   while (!ready_) lock.Wait(cv_);     //   waits release and retake the mutex
 //
@@ -43,6 +45,8 @@ class CAPABILITY("mutex") CMutex {
 class SCOPED_CAPABILITY CMutexLock {
  public:
   explicit CMutexLock(CMutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
+  // Takes over a mutex the caller has locked (after a successful TryLock).
+  CMutexLock(CMutex& mutex, std::adopt_lock_t) REQUIRES(mutex) : mutex_(mutex) {}
   ~CMutexLock() RELEASE() { mutex_.Unlock(); }
   CMutexLock(const CMutexLock&) = delete;
   CMutexLock& operator=(const CMutexLock&) = delete;

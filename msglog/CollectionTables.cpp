@@ -68,26 +68,26 @@ std::string LogLookupKey(uint8_t codeClass, uint8_t codeLow, uint16_t objectId,
 }
 
 std::optional<bool> CLogLookupCache::FindCss(const std::string& key) const {
-  std::lock_guard<std::mutex> guard(mutex_);
+  CMutexLock guard(mutex_);
   const auto it = css_.find(key);
   if (it == css_.end()) return std::nullopt;
   return it->second;
 }
 
 void CLogLookupCache::StoreCss(const std::string& key, bool css) {
-  std::lock_guard<std::mutex> guard(mutex_);
+  CMutexLock guard(mutex_);
   css_[key] = css;
 }
 
 std::optional<std::string> CLogLookupCache::FindDesignation(const std::string& key) const {
-  std::lock_guard<std::mutex> guard(mutex_);
+  CMutexLock guard(mutex_);
   const auto it = designations_.find(key);
   if (it == designations_.end()) return std::nullopt;
   return it->second;
 }
 
 void CLogLookupCache::StoreDesignation(const std::string& key, const std::string& designation) {
-  std::lock_guard<std::mutex> guard(mutex_);
+  CMutexLock guard(mutex_);
   designations_[key] = designation;
 }
 

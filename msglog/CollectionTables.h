@@ -7,9 +7,10 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
+
+#include "base/Mutex.h"
 
 namespace em_oidmap {
 
@@ -38,9 +39,9 @@ class CLogLookupCache {
   void StoreDesignation(const std::string& key, const std::string& designation);
 
  private:
-  mutable std::mutex mutex_;
-  std::map<std::string, bool> css_;
-  std::map<std::string, std::string> designations_;
+  mutable CMutex mutex_;
+  std::map<std::string, bool> css_ GUARDED_BY(mutex_);
+  std::map<std::string, std::string> designations_ GUARDED_BY(mutex_);
 };
 
 }  // namespace em_oidmap

@@ -195,7 +195,7 @@ CLogMsgFile::Document CLogMsgFile::TryLoad(LoadedFile& slot, const std::string& 
 }
 
 CLogMsgFile::Document CLogMsgFile::OpenDocument(LogMsgFormat format) {
-  std::lock_guard<std::mutex> lock(open_mutex_);
+  CMutexLock lock(open_mutex_);
   LoadedFile* slots = loaded_[format == LogMsgFormat::kUnified ? 0 : 1];
   const char* fileName = MessageFileName(format);
   EM_TRACE(4, "\nCLogMsgFile         : Use event messages file \"%s\" for decoding", fileName);
@@ -224,12 +224,12 @@ bool CLogMsgFile::OpenFromText(const std::string& xml) {
 }
 
 void CLogMsgFile::SetCurrent(Document doc) {
-  std::lock_guard<std::mutex> lock(doc_mutex_);
+  CMutexLock lock(doc_mutex_);
   doc_ = std::move(doc);
 }
 
 CLogMsgFile::Document CLogMsgFile::CurrentDocument() const {
-  std::lock_guard<std::mutex> lock(doc_mutex_);
+  CMutexLock lock(doc_mutex_);
   return doc_;
 }
 

@@ -31,13 +31,13 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <unordered_map>
 #include <utility>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "msglog/XmlDocument.h"
 
 namespace em_oidmap {
@@ -182,15 +182,18 @@ class CLogMsgFile {
     Document doc;
   };
 
-  Document TryLoad(LoadedFile& slot, const std::string& dir, const char* fileName);
-  void SetCurrent(Document doc);
+  Document TryLoad(LoadedFile& slot, const std::string& dir, const char* fileName)
+      REQUIRES(open_mutex_);
+  void SetCurrent(Document doc) EXCLUDES(doc_mutex_);
 
   std::string current_dir_;
   DirectoryProvider registered_dir_;
-  std::mutex open_mutex_;  // serialises Open, so a changed file is parsed once
-  LoadedFile loaded_[2][2];  // [format][0 = current directory, 1 = registered one]
-  mutable std::mutex doc_mutex_;  // guards doc_
-  Document doc_;
+  // Serialises Open, so a changed file is parsed once. Taken before doc_mutex_.
+  CMutex open_mutex_ ACQUIRED_BEFORE(doc_mutex_);
+  // [format][0 = current directory, 1 = registered one]
+  LoadedFile loaded_[2][2] GUARDED_BY(open_mutex_);
+  mutable CMutex doc_mutex_;
+  Document doc_ GUARDED_BY(doc_mutex_);
   std::atomic<uint64_t> parse_count_{0};
 };
 

@@ -95,7 +95,7 @@ bool CMsgLogCache::WaitForCacheReady(uint32_t cabinet, uint32_t timeoutMs) {
 
 uint32_t CMsgLogCache::StoreEntries(MsgLogCabinetCache& cache,
                                     std::vector<MsgLogEntry>&& newest, size_t unseen) {
-  std::lock_guard<std::mutex> guard(cache.entries_mutex_);
+  CMutexLock guard(cache.entries_mutex_);
   MsgLogEntryList& entries = cache.entries_;
   const size_t run = unseen + newest.size();
   const size_t total = entries.size() + run;
@@ -133,7 +133,7 @@ bool CMsgLogCache::ClearCabinet(uint32_t cabinet) {
   if (cache == nullptr) {
     return false;
   }
-  std::lock_guard<std::mutex> guard(cache->entries_mutex_);
+  CMutexLock guard(cache->entries_mutex_);
   cache->entries_.clear();
   return true;
 }

@@ -23,11 +23,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "runtime/Event.h"
 #include "runtime/RecursiveLock.h"
 
@@ -93,9 +93,9 @@ class MsgLogCabinetCache {
 
  private:
   friend class CMsgLogCache;
-  std::mutex entries_mutex_;         // guards the two members below
-  uint32_t last_sequence_number_ = 0;  // only ever grows
-  MsgLogEntryList entries_;          // oldest first
+  CMutex entries_mutex_;
+  uint32_t last_sequence_number_ GUARDED_BY(entries_mutex_) = 0;  // only ever grows
+  MsgLogEntryList entries_ GUARDED_BY(entries_mutex_);            // oldest first
 };
 
 class CMsgLogCache {
@@ -136,7 +136,7 @@ class CMsgLogCache {
   bool ReadEntries(uint32_t cabinet, F&& fn) {
     MsgLogCabinetCache* cache = FindCabinetCache(cabinet);
     if (cache == nullptr) return false;
-    std::lock_guard<std::mutex> guard(cache->entries_mutex_);
+    CMutexLock guard(cache->entries_mutex_);
     fn(static_cast<const MsgLogEntryList&>(cache->entries_), cache->last_sequence_number_);
     return true;
   }
@@ -144,11 +144,11 @@ class CMsgLogCache {
   size_t CabinetCount();
 
  private:
-  MsgLogCabinetCache* FindLocked(uint32_t cabinet);
+  MsgLogCabinetCache* FindLocked(uint32_t cabinet) REQUIRES(table_lock_);
 
-  CRecursiveLock table_lock_;   // guards cabinets_
-  CRecursiveLock ready_lock_;   // held for a whole SetCacheReady
-  std::vector<std::unique_ptr<MsgLogCabinetCache>> cabinets_;
+  CRecursiveLock ready_lock_ ACQUIRED_BEFORE(table_lock_);  // held for a whole SetCacheReady
+  CRecursiveLock table_lock_;
+  std::vector<std::unique_ptr<MsgLogCabinetCache>> cabinets_ GUARDED_BY(table_lock_);
 };
 
 }  // namespace em_oidmap

@@ -1,6 +1,5 @@
 #include "msglog/MsgTextCache.h"
 
-#include <mutex>
 #include <utility>
 
 #include "msglog/MultiStringParameter.h"
@@ -9,7 +8,7 @@ namespace em_oidmap {
 
 bool CMsgTextCache::FindText(MsgTextKind kind, uint32_t errorCode, uint16_t langId,
                              std::string* text) const {
-  std::shared_lock<std::shared_mutex> lock(mutex_);
+  CReaderLock lock(mutex_);
   const Map& map = MapOf(kind);
   const auto it = map.find(Key(errorCode, langId));
   if (it == map.end()) return false;
@@ -19,7 +18,7 @@ bool CMsgTextCache::FindText(MsgTextKind kind, uint32_t errorCode, uint16_t lang
 
 bool CMsgTextCache::FindParagraphs(MsgTextKind kind, uint32_t errorCode, uint16_t langId,
                                    std::vector<std::string>* paragraphs) const {
-  std::shared_lock<std::shared_mutex> lock(mutex_);
+  CReaderLock lock(mutex_);
   const Map& map = MapOf(kind);
   const auto it = map.find(Key(errorCode, langId));
   if (it == map.end()) return false;
@@ -30,7 +29,7 @@ bool CMsgTextCache::FindParagraphs(MsgTextKind kind, uint32_t errorCode, uint16_
 ParagraphLookup CMsgTextCache::FindParagraph(MsgTextKind kind, uint32_t errorCode,
                                              uint16_t langId, uint32_t number,
                                              std::string* text) const {
-  std::shared_lock<std::shared_mutex> lock(mutex_);
+  CReaderLock lock(mutex_);
   const Map& map = MapOf(kind);
   const auto it = map.find(Key(errorCode, langId));
   if (it == map.end()) return ParagraphLookup::kNotCached;
@@ -48,7 +47,7 @@ bool CMsgTextCache::PutText(MsgTextKind kind, uint32_t errorCode, uint16_t langI
 bool CMsgTextCache::PutParagraphs(MsgTextKind kind, uint32_t errorCode, uint16_t langId,
                                   std::vector<std::string> paragraphs) {
   if (paragraphs.empty()) return false;
-  std::unique_lock<std::shared_mutex> lock(mutex_);
+  CWriterLock lock(mutex_);
   maps_[static_cast<size_t>(kind)][Key(errorCode, langId)] = std::move(paragraphs);
   return true;
 }
@@ -61,7 +60,7 @@ bool CMsgTextCache::PutResolutions(uint32_t errorCode, uint16_t langId,
 }
 
 size_t CMsgTextCache::Size(MsgTextKind kind) const {
-  std::shared_lock<std::shared_mutex> lock(mutex_);
+  CReaderLock lock(mutex_);
   return MapOf(kind).size();
 }
 

@@ -14,10 +14,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <shared_mutex>
 #include <string>
 #include <unordered_map>
 #include <vector>
+
+#include "base/Mutex.h"
 
 namespace em_oidmap {
 
@@ -60,10 +61,12 @@ class CMsgTextCache {
   static uint64_t Key(uint32_t errorCode, uint16_t langId) {
     return (static_cast<uint64_t>(errorCode) << 16) | langId;
   }
-  const Map& MapOf(MsgTextKind kind) const { return maps_[static_cast<size_t>(kind)]; }
+  const Map& MapOf(MsgTextKind kind) const REQUIRES_SHARED(mutex_) {
+    return maps_[static_cast<size_t>(kind)];
+  }
 
-  mutable std::shared_mutex mutex_;  // guards maps_
-  Map maps_[4];
+  mutable CSharedMutex mutex_;
+  Map maps_[4] GUARDED_BY(mutex_);
 };
 
 }  // namespace em_oidmap

@@ -62,12 +62,12 @@ const COidMapTable& COidMapExtModule::MapTable() const {
 }
 
 std::vector<uint32_t> COidMapExtModule::CabinetList() const {
-  std::lock_guard<std::mutex> guard(cabinet_mutex_);
+  CMutexLock guard(cabinet_mutex_);
   return std::vector<uint32_t>(cabinets_.begin(), cabinets_.begin() + cabinet_count_);
 }
 
 bool COidMapExtModule::IsKnownCabinet(uint32_t cabinet) const {
-  std::lock_guard<std::mutex> guard(cabinet_mutex_);
+  CMutexLock guard(cabinet_mutex_);
   for (int32_t i = 0; i < cabinet_count_; ++i) {
     if (cabinets_[static_cast<size_t>(i)] == cabinet) {
       return true;
@@ -77,7 +77,7 @@ bool COidMapExtModule::IsKnownCabinet(uint32_t cabinet) const {
 }
 
 std::set<uint16_t> COidMapExtModule::SupportedSelLanguages() const {
-  std::lock_guard<std::mutex> guard(language_mutex_);
+  CMutexLock guard(language_mutex_);
   std::set<uint16_t> ids;
   for (const auto& lang : sel_languages_) {
     ids.insert(lang.first);
@@ -86,7 +86,7 @@ std::set<uint16_t> COidMapExtModule::SupportedSelLanguages() const {
 }
 
 std::string COidMapExtModule::HelpDeskMessage() const {
-  std::lock_guard<std::mutex> guard(help_desk_mutex_);
+  CMutexLock guard(help_desk_mutex_);
   return help_desk_message_;
 }
 

@@ -22,12 +22,12 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "module/ExtensionModule.h"
 #include "msglog/CollectionTables.h"
 #include "msglog/LogRecords.h"
@@ -175,21 +175,21 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   std::vector<std::unique_ptr<COidMapTable>> tables_;  // written only by start
   std::atomic<const COidMapTable*> active_table_{nullptr};
   // Set while start runs, so that requests of other threads wait for the table.
-  std::mutex start_mutex_;
+  CMutex start_mutex_;
   std::condition_variable start_done_;
-  bool start_running_ = false;
-  std::thread::id start_thread_;
+  bool start_running_ GUARDED_BY(start_mutex_) = false;
+  std::thread::id start_thread_ GUARDED_BY(start_mutex_);
   std::atomic<bool> start_running_flag_{false};
   std::set<uint32_t> already_requested_;       // count opcode keys of one cabinet's check
-  std::map<uint16_t, uint16_t> sel_languages_;  // used as a set
-  std::string help_desk_message_;
-  std::array<uint32_t, kMaxCabinets> cabinets_{};
-  int32_t cabinet_count_ = 1;
 
   // The re-scan rebuilds the cabinet list and languages while request threads read them.
-  mutable std::mutex cabinet_mutex_;
-  mutable std::mutex language_mutex_;
-  mutable std::mutex help_desk_mutex_;
+  mutable CMutex cabinet_mutex_;
+  mutable CMutex language_mutex_;
+  mutable CMutex help_desk_mutex_;
+  std::map<uint16_t, uint16_t> sel_languages_ GUARDED_BY(language_mutex_);  // used as a set
+  std::string help_desk_message_ GUARDED_BY(help_desk_mutex_);
+  std::array<uint32_t, kMaxCabinets> cabinets_ GUARDED_BY(cabinet_mutex_){};
+  int32_t cabinet_count_ GUARDED_BY(cabinet_mutex_) = 1;
 
   // ---- Message log queries and texts (LogQueries.cpp) ----
   CLogMsgFile message_files_;  // both message files, parsed again only when changed

@@ -24,7 +24,7 @@ uint32_t COidMapExtModule::Start(CIModuleHost* host, uint64_t context) {
   EM_TRACE(2, "%s", kSeparator);
   EM_TRACE(2, "\nEM_OIDMAP           : ## Start");
   {
-    std::lock_guard<std::mutex> guard(start_mutex_);
+    CMutexLock guard(start_mutex_);
     start_running_ = true;
     start_thread_ = std::this_thread::get_id();
     start_running_flag_.store(true, std::memory_order_release);
@@ -33,7 +33,7 @@ uint32_t COidMapExtModule::Start(CIModuleHost* host, uint64_t context) {
   struct StartDone {
     COidMapExtModule* self;
     ~StartDone() {
-      std::lock_guard<std::mutex> guard(self->start_mutex_);
+      CMutexLock guard(self->start_mutex_);
       self->start_running_ = false;
       self->start_running_flag_.store(false, std::memory_order_release);
       self->start_done_.notify_all();
@@ -97,7 +97,7 @@ void COidMapExtModule::BuildCabinetList() {
       count = i + 1;
     }
   }
-  std::lock_guard<std::mutex> guard(cabinet_mutex_);
+  CMutexLock guard(cabinet_mutex_);
   cabinets_ = list;
   cabinet_count_ = count;
 }
@@ -106,12 +106,15 @@ bool COidMapExtModule::WaitForStartCompleted() {
   if (!start_running_flag_.load(std::memory_order_acquire)) {
     return true;
   }
-  std::unique_lock<std::mutex> lock(start_mutex_);
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(kStartWaitMs);
+  CMutexUniqueLock lock(start_mutex_);
   if (start_thread_ == std::this_thread::get_id()) {
     return true;  // a host that offers requests on the starting thread itself
   }
-  return start_done_.wait_for(lock, std::chrono::milliseconds(kStartWaitMs),
-                              [this] { return !start_running_; });
+  while (start_running_) {
+    if (!lock.WaitUntil(start_done_, deadline)) return !start_running_;
+  }
+  return true;
 }
 
 void COidMapExtModule::CheckOidMapping(COidMapTable& table, uint32_t cabinet) {
@@ -176,7 +179,7 @@ void COidMapExtModule::ReadHelpDeskMessage() {
   }
   EM_TRACE(2, "\nEM_OIDMAP           : SEL resolution help desk message: \"%s\" (from config space)",
            text.c_str());
-  std::lock_guard<std::mutex> guard(help_desk_mutex_);
+  CMutexLock guard(help_desk_mutex_);
   help_desk_message_ = text;
 }
 
@@ -214,7 +217,7 @@ void COidMapExtModule::ReadSelLanguages() {
     request.GetDataBytes(i, bytes);
   }
   // The set is what this answer reports: a language no longer reported is gone.
-  std::lock_guard<std::mutex> guard(language_mutex_);
+  CMutexLock guard(language_mutex_);
   sel_languages_.clear();
   for (size_t b = 0; b + 1 < bytes.size(); b += 2) {  // an odd last byte is ignored
     const uint16_t id = static_cast<uint16_t>(bytes[b] | (bytes[b + 1] << 8));

@@ -147,6 +147,10 @@ bool CRegistry::RestoreFrom(const std::string& path, std::shared_ptr<CRegistryNo
 
 void CRegistry::SetupTree(bool force) {
   CRecursiveLockGuard guard(lock_);
+  SetupTreeLocked(force);
+}
+
+void CRegistry::SetupTreeLocked(bool force) {
   EM_TRACE(2, "CRegistry: SetupTree(): ForceSetup=%d, MIsSetup=%d, MIsDirty=%d\n",
            force ? 1 : 0, is_setup_ ? 1 : 0, is_dirty_ ? 1 : 0);
   if (is_setup_ && !force) return;
@@ -193,9 +197,8 @@ void CRegistry::InitClass() {
   SetupTree(true);
 }
 
-void CRegistry::EnsureSetup() {
-  CRecursiveLockGuard guard(lock_);
-  if (!is_setup_) SetupTree(false);
+void CRegistry::EnsureSetupLocked() {
+  if (!is_setup_) SetupTreeLocked(false);
 }
 
 bool CRegistry::WriteTempFile(const std::string& text) {
@@ -233,6 +236,10 @@ void CRegistry::SyncDirectory() {
 
 bool CRegistry::SaveTree() {
   CRecursiveLockGuard guard(lock_);
+  return SaveTreeLocked();
+}
+
+bool CRegistry::SaveTreeLocked() {
   if (!is_dirty_ || !root_) return true;
   // The whole text first, so that the file calls are few and a test can stop at each.
   char* buffer = nullptr;
@@ -271,7 +278,7 @@ bool CRegistry::SaveTree() {
 
 void CRegistry::Changed() {
   is_dirty_ = true;
-  SaveTree();
+  SaveTreeLocked();
 }
 
 std::shared_ptr<CRegistryNode> CRegistry::NodeOf(HKEY hKey) const {
@@ -319,7 +326,7 @@ std::shared_ptr<CRegistryNode> CRegistry::OpenPointer(
 LSTATUS CRegistry::OpenKey(HKEY hKey, const char* subKey, HKEY* result) {
   EM_TRACE(4, "\nCRegistry::Open \"%s\", hKey = %d\n", OrNull(subKey), static_cast<int>(hKey));
   CRecursiveLockGuard guard(lock_);
-  EnsureSetup();
+  EnsureSetupLocked();
   if (result == nullptr) return ERROR_INVALID_PARAMETER;
   std::shared_ptr<CRegistryNode> start = NodeOf(hKey);
   if (!start) return ERROR_INVALID_HANDLE;
@@ -332,7 +339,7 @@ LSTATUS CRegistry::OpenKey(HKEY hKey, const char* subKey, HKEY* result) {
 LSTATUS CRegistry::CreateKey(HKEY hKey, const char* subKey, HKEY* result) {
   EM_TRACE(4, "CRegistry::CreateKey \"%s\"\n", OrNull(subKey));
   CRecursiveLockGuard guard(lock_);
-  EnsureSetup();
+  EnsureSetupLocked();
   if (result == nullptr) return ERROR_INVALID_PARAMETER;
   std::shared_ptr<CRegistryNode> start = NodeOf(hKey);
   if (!start) return ERROR_INVALID_HANDLE;
@@ -358,7 +365,7 @@ LSTATUS CRegistry::QueryValue(HKEY hKey, const char* name, uint32_t* type, uint8
     return ERROR_INVALID_PARAMETER;
   }
   CRecursiveLockGuard guard(lock_);
-  EnsureSetup();
+  EnsureSetupLocked();
   std::shared_ptr<CRegistryNode> node = NodeOf(hKey);
   if (!node) return ERROR_INVALID_HANDLE;
   RegistryValue value;
@@ -401,7 +408,7 @@ LSTATUS CRegistry::SetValue(HKEY hKey, const char* name, int32_t type, const uin
                             uint32_t size) {
   EM_TRACE(4, "CRegistry::SetValue \"%s\" %d %d\n", OrNull(name), type, static_cast<int>(size));
   CRecursiveLockGuard guard(lock_);
-  EnsureSetup();
+  EnsureSetupLocked();
   std::shared_ptr<CRegistryNode> node = NodeOf(hKey);
   if (!node) return ERROR_INVALID_HANDLE;
   const std::string valueName = name ? name : "";
@@ -450,7 +457,7 @@ LSTATUS CRegistry::SetValue(HKEY hKey, const char* name, int32_t type, const uin
 LSTATUS CRegistry::DeleteValue(HKEY hKey, const char* name) {
   EM_TRACE(4, "CRegistry::DeleteValue \"%s\"\n", OrNull(name));
   CRecursiveLockGuard guard(lock_);
-  EnsureSetup();
+  EnsureSetupLocked();
   std::shared_ptr<CRegistryNode> node = NodeOf(hKey);
   if (!node) return ERROR_INVALID_HANDLE;
   if (!node->DeleteValue(name ? name : "")) return ERROR_FILE_NOT_FOUND;
@@ -461,7 +468,7 @@ LSTATUS CRegistry::DeleteValue(HKEY hKey, const char* name) {
 LSTATUS CRegistry::DeleteKey(HKEY hKey, const char* subKey) {
   EM_TRACE(4, "CRegistry::DeleteKey \"%s\"\n", OrNull(subKey));
   CRecursiveLockGuard guard(lock_);
-  EnsureSetup();
+  EnsureSetupLocked();
   std::shared_ptr<CRegistryNode> node = NodeOf(hKey);
   if (!node) return ERROR_INVALID_HANDLE;
   std::vector<std::string> parts = SplitPath(subKey);

@@ -151,29 +151,37 @@ class CRegistry {
 
  private:
   bool RestoreFrom(const std::string& path, std::shared_ptr<CRegistryNode>* root);
+  void SetupTreeLocked(bool force) REQUIRES(lock_);
+  bool SaveTreeLocked() REQUIRES(lock_);
   // Writes `text` to "registry.new" and syncs it; false (and no file) on failure.
-  bool WriteTempFile(const std::string& text);
+  bool WriteTempFile(const std::string& text) REQUIRES(lock_);
   void SyncDirectory();
-  void EnsureSetup();
+  void EnsureSetupLocked() REQUIRES(lock_);
   // The node behind a handle, or null for an unknown, closed or deleted key.
-  std::shared_ptr<CRegistryNode> NodeOf(HKEY hKey) const;
+  std::shared_ptr<CRegistryNode> NodeOf(HKEY hKey) const REQUIRES(lock_);
   // Follows `path` below `start`; `create` adds missing elements. Null when an element
   // is missing or not creatable.
   std::shared_ptr<CRegistryNode> OpenPointer(const std::shared_ptr<CRegistryNode>& start,
-                                             const char* path, bool create);
-  HKEY NewHandle(const std::shared_ptr<CRegistryNode>& node);
-  void Changed();
+                                             const char* path, bool create) REQUIRES(lock_);
+  HKEY NewHandle(const std::shared_ptr<CRegistryNode>& node) REQUIRES(lock_);
+  // Marks the tree dirty and saves it.
+  void Changed() REQUIRES(lock_);
 
   const std::string directory_;
   RegistryFileIo* const io_;
-  std::string tree_path_, backup_path_, temp_path_, defaults_path_;
 
+  // Public operations take the lock and may call each other while they hold it (it is
+  // recursive); the private ones that need it say so.
   mutable CRecursiveLock lock_;
-  std::shared_ptr<CRegistryNode> root_;
-  bool is_setup_ = false;
-  bool is_dirty_ = false;
-  std::map<HKEY, std::weak_ptr<CRegistryNode>> handles_;
-  HKEY next_handle_ = 1;
+  std::string tree_path_ GUARDED_BY(lock_);
+  std::string backup_path_ GUARDED_BY(lock_);
+  std::string temp_path_ GUARDED_BY(lock_);
+  std::string defaults_path_ GUARDED_BY(lock_);
+  std::shared_ptr<CRegistryNode> root_ GUARDED_BY(lock_);
+  bool is_setup_ GUARDED_BY(lock_) = false;
+  bool is_dirty_ GUARDED_BY(lock_) = false;
+  std::map<HKEY, std::weak_ptr<CRegistryNode>> handles_ GUARDED_BY(lock_);
+  HKEY next_handle_ GUARDED_BY(lock_) = 1;
 };
 
 }  // namespace em_oidmap

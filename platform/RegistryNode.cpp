@@ -289,26 +289,32 @@ bool CRegistryNode::Write(FILE* file) const {
   return ferror(file) == 0;
 }
 
+// The entries one Read gathers for its node before they are merged in.
+struct CRegistryNode::PendingEntries {
+  std::vector<Entry> entries;
+  std::unordered_map<std::string, size_t> valueAt;  // name -> index in entries
+  std::unordered_map<std::string, std::shared_ptr<CRegistryNode>> keys;
+
+  void SetValue(std::string name, RegistryValue value) {
+    auto found = valueAt.find(name);
+    if (found != valueAt.end()) {
+      entries[found->second].value = std::move(value);  // a later line wins, as SetValue
+      return;
+    }
+    valueAt.emplace(name, entries.size());
+    Entry entry;
+    entry.name = std::move(name);
+    entry.value = std::move(value);
+    entries.push_back(std::move(entry));
+  }
+};
+
 size_t CRegistryNode::Read(FILE* file) {
   // The node's lines are gathered apart and sorted once at the end: inserting each into
   // the sorted entries would shift the array per line, quadratic for a file in reverse
   // order. The lock is taken for lookups and the final merge only, not across a child's
   // reading, so that nesting does not pile up locks.
-  std::vector<Entry> pending;
-  std::unordered_map<std::string, size_t> pendingValue;  // name -> index in pending
-  std::unordered_map<std::string, std::shared_ptr<CRegistryNode>> pendingKey;
-  auto setValue = [&](std::string name, RegistryValue value) {
-    auto found = pendingValue.find(name);
-    if (found != pendingValue.end()) {
-      pending[found->second].value = std::move(value);  // a later line wins, as SetValue
-      return;
-    }
-    pendingValue.emplace(name, pending.size());
-    Entry entry;
-    entry.name = std::move(name);
-    entry.value = std::move(value);
-    pending.push_back(std::move(entry));
-  };
+  PendingEntries pending;
   size_t created = 0;
   platform_detail::BoundedLine line;
   while (platform_detail::ReadBoundedLine(file, kRegistryLineBytes, &line)) {
@@ -319,60 +325,69 @@ size_t CRegistryNode::Read(FILE* file) {
                static_cast<int>(kRegistryLineBytes - 1), t.c_str());
     }
     if (t[0] == '[') {
-      size_t close = t.find(']');
-      if (close == std::string::npos) continue;
-      std::string name = t.substr(1, close - 1);
-      if (depth_ + 1 > kRegistryMaxDepth) {
-        EM_TRACE(1, "CRegistry: WARNING: key \"%s\" nested deeper than %d levels skipped\n",
-                 name.c_str(), kRegistryMaxDepth);
-        SkipSubTree(file);
-        continue;
-      }
-      // A repeated header adds to the key read before, as AddKey would.
-      std::shared_ptr<CRegistryNode> child = FindKey(name);
-      if (!child) {
-        std::shared_ptr<CRegistryNode>& slot = pendingKey[name];
-        if (!slot) {
-          slot = std::make_shared<CRegistryNode>();
-          slot->depth_ = depth_ + 1;
-          Entry entry;
-          entry.name = name;
-          entry.value.type = REG_KEY;
-          entry.child = slot;
-          pending.push_back(std::move(entry));
-        }
-        child = slot;
-      }
-      created += 1 + child->Read(file);
-      continue;
+      created += ReadSubKey(file, t, pending);
+    } else if (ReadValueLine(t, pending)) {
+      ++created;
     }
-    size_t eq = t.find('=');
-    if (eq == std::string::npos) continue;
-    std::string name = t.substr(0, eq);
-    const char* marker = t.c_str() + eq;
-    if (strncmp(marker, "=s=", 3) == 0) {
-      setValue(std::move(name), RegistryValue::String(marker + 3, REG_SZ));
-    } else if (strncmp(marker, "=es=", 4) == 0) {
-      setValue(std::move(name), RegistryValue::String(marker + 4, REG_EXPAND_SZ));
-    } else if (strncmp(marker, "=d=", 3) == 0) {
-      int32_t number = 0;
-      if (!ParseDecimal(marker + 3, &number)) continue;
-      setValue(std::move(name), RegistryValue::Number(number));
-    } else if (strncmp(marker, "=b=", 3) == 0) {
-      bool junk = false;
-      std::vector<uint8_t> bytes = ParseHexBytes(marker + 3, &junk);
-      if (junk) {
-        EM_TRACE(1, "CRegistry: WARNING: binary value \"%s\" holds junk after %d bytes\n",
-                 name.c_str(), static_cast<int>(bytes.size()));
-      }
-      setValue(std::move(name), RegistryValue::Binary(std::move(bytes)));
-    } else {
-      continue;
-    }
-    ++created;
   }
-  MergeSorted(std::move(pending));
+  MergeSorted(std::move(pending.entries));
   return created;
+}
+
+size_t CRegistryNode::ReadSubKey(FILE* file, const std::string& header,
+                                 PendingEntries& pending) {
+  size_t close = header.find(']');
+  if (close == std::string::npos) return 0;
+  std::string name = header.substr(1, close - 1);
+  if (depth_ + 1 > kRegistryMaxDepth) {
+    EM_TRACE(1, "CRegistry: WARNING: key \"%s\" nested deeper than %d levels skipped\n",
+             name.c_str(), kRegistryMaxDepth);
+    SkipSubTree(file);
+    return 0;
+  }
+  // A repeated header adds to the key read before, as AddKey would.
+  std::shared_ptr<CRegistryNode> child = FindKey(name);
+  if (!child) {
+    std::shared_ptr<CRegistryNode>& slot = pending.keys[name];
+    if (!slot) {
+      slot = std::make_shared<CRegistryNode>();
+      slot->depth_ = depth_ + 1;
+      Entry entry;
+      entry.name = name;
+      entry.value.type = REG_KEY;
+      entry.child = slot;
+      pending.entries.push_back(std::move(entry));
+    }
+    child = slot;
+  }
+  return 1 + child->Read(file);
+}
+
+bool CRegistryNode::ReadValueLine(const std::string& t, PendingEntries& pending) {
+  size_t eq = t.find('=');
+  if (eq == std::string::npos) return false;
+  std::string name = t.substr(0, eq);
+  const char* marker = t.c_str() + eq;
+  if (strncmp(marker, "=s=", 3) == 0) {
+    pending.SetValue(std::move(name), RegistryValue::String(marker + 3, REG_SZ));
+  } else if (strncmp(marker, "=es=", 4) == 0) {
+    pending.SetValue(std::move(name), RegistryValue::String(marker + 4, REG_EXPAND_SZ));
+  } else if (strncmp(marker, "=d=", 3) == 0) {
+    int32_t number = 0;
+    if (!ParseDecimal(marker + 3, &number)) return false;
+    pending.SetValue(std::move(name), RegistryValue::Number(number));
+  } else if (strncmp(marker, "=b=", 3) == 0) {
+    bool junk = false;
+    std::vector<uint8_t> bytes = ParseHexBytes(marker + 3, &junk);
+    if (junk) {
+      EM_TRACE(1, "CRegistry: WARNING: binary value \"%s\" holds junk after %d bytes\n",
+               name.c_str(), static_cast<int>(bytes.size()));
+    }
+    pending.SetValue(std::move(name), RegistryValue::Binary(std::move(bytes)));
+  } else {
+    return false;
+  }
+  return true;
 }
 
 void CRegistryNode::MergeSorted(std::vector<Entry> added) {

@@ -107,16 +107,22 @@ class CRegistryNode {
   };
 
   // Index of the first entry not ordered before (name, isKey), or the end.
-  size_t LowerBound(const std::string& name, bool isKey) const;
+  size_t LowerBound(const std::string& name, bool isKey) const REQUIRES(lock_);
   // Index of the entry, or -1.
-  long Find(const std::string& name, bool isKey) const;
-  bool HasSubKeysLocked() const;
+  long Find(const std::string& name, bool isKey) const REQUIRES(lock_);
+  bool HasSubKeysLocked() const REQUIRES(lock_);
   // Adds entries whose (name, isKey) pairs are distinct, in O((n + m) log m).
-  void MergeSorted(std::vector<Entry> added);
+  void MergeSorted(std::vector<Entry> added) EXCLUDES(lock_);
+  // Parts of Read: a "[name]" line and the sub-key's own lines after it, and a value
+  // line. Each returns the entries it created.
+  struct PendingEntries;
+  size_t ReadSubKey(FILE* file, const std::string& header, PendingEntries& pending);
+  static bool ReadValueLine(const std::string& line, PendingEntries& pending);
 
   int depth_ = 0;
   mutable CRecursiveLock lock_;
-  std::vector<Entry> entries_;  // sorted by name, values before keys of the same name
+  // Sorted by name, values before keys of the same name.
+  std::vector<Entry> entries_ GUARDED_BY(lock_);
 };
 
 }  // namespace em_oidmap

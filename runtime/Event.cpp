@@ -8,25 +8,51 @@
 #include <cerrno>
 #include <cstring>
 #include <memory>
-#include <mutex>
 
-#include "trace/DebugClient.h"
-#include "runtime/RecursiveLock.h"
+#include "base/ThreadAnnotations.h"
 #include "runtime/NeverDestroyed.h"
+#include "runtime/RecursiveLock.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
+
+// The POSIX mutex of an event, a capability. Its lock can fail (the result is traced by
+// Wait), and the mutex is then not held although the analysis counts it as taken: every
+// Unlock is conditional on the lock's result, held in an EventMutexHold.
+class CAPABILITY("mutex") CEventMutex {
+ public:
+  int Init() { return pthread_mutex_init(&mutex_, nullptr); }
+  void Destroy() { pthread_mutex_destroy(&mutex_); }
+  int Lock() ACQUIRE() NO_THREAD_SAFETY_ANALYSIS { return pthread_mutex_lock(&mutex_); }
+  void Unlock() RELEASE() NO_THREAD_SAFETY_ANALYSIS { pthread_mutex_unlock(&mutex_); }
+  pthread_mutex_t* Native() { return &mutex_; }
+
+ private:
+  pthread_mutex_t mutex_;
+};
 
 // The shared event. isSignaled and waiters change under `mutex`; they are atomics only
 // because Check and ChangeAttributes read (and write) them without it.
 struct CEventObject {
   pthread_cond_t cond;
-  pthread_mutex_t mutex;
-  uint32_t refCount = 1;  // under EventLock()
+  CEventMutex mutex;
+  uint32_t refCount GUARDED_BY(EventLock()) = 1;
   std::atomic<uint8_t> isManual{0};
   std::atomic<uint8_t> isSignaled{0};
   std::unique_ptr<char[]> name;  // private copy, or none
   std::atomic<uint32_t> waiters{0};
   pthread_condattr_t condAttr;  // kept for the event's life
+
+  // Waits on the condition until signalled or, with a deadline, until then; retried after
+  // an interruption. Returns the wait's result.
+  int WaitLocked(const timespec* deadline) REQUIRES(mutex) {
+    int rc = 0;
+    do {
+      rc = deadline != nullptr ? pthread_cond_timedwait(&cond, mutex.Native(), deadline)
+                               : pthread_cond_wait(&cond, mutex.Native());
+    } while (rc == EINTR);
+    return rc;
+  }
 };
 
 namespace {
@@ -63,11 +89,11 @@ struct NameEntry {
   uintptr_t reserved = 0;        // always 0
 };
 
-// The process-wide table of named events, kept sorted by name. REQUIRES: every member
-// is called with NameTableLock() held.
+// The process-wide table of named events, kept sorted by name. Every member is called
+// with NameTableLock() held.
 class NamedEventTable {
  public:
-  NameEntry* Find(const char* name) {
+  NameEntry* Find(const char* name) REQUIRES(NameTableLock()) {
     NameEntry* begin = entries_.get();
     NameEntry* end = begin + count_;
     NameEntry* it = std::lower_bound(begin, end, name, [](const NameEntry& e, const char* n) {
@@ -78,7 +104,7 @@ class NamedEventTable {
   }
 
   // Appends an entry with a copy of `name`; the caller sorts afterwards.
-  NameEntry* Append(const char* name) {
+  NameEntry* Append(const char* name) REQUIRES(NameTableLock()) {
     if (count_ >= capacity_) Grow();
     NameEntry* entry = &entries_[count_++];
     entry->name = CopyName(name);
@@ -88,23 +114,23 @@ class NamedEventTable {
   }
 
   // Frees the entry's name and drops it: it sorts to the end and falls out of the count.
-  void Remove(NameEntry* entry) {
+  void Remove(NameEntry* entry) REQUIRES(NameTableLock()) {
     entry->name.reset();
     entry->event = nullptr;
     Sort();
     --count_;
   }
 
-  void Sort() {
+  void Sort() REQUIRES(NameTableLock()) {
     std::sort(entries_.get(), entries_.get() + count_, [](const NameEntry& a, const NameEntry& b) {
       return CompareNames(a.name.get(), b.name.get()) < 0;
     });
   }
 
-  NamedEventTableStats Stats() const { return {count_, capacity_}; }
+  NamedEventTableStats Stats() const REQUIRES(NameTableLock()) { return {count_, capacity_}; }
 
  private:
-  void Grow() {
+  void Grow() REQUIRES(NameTableLock()) {
     size_t capacity = count_ + 16;
     std::unique_ptr<NameEntry[]> grown(new NameEntry[capacity]());
     std::move(entries_.get(), entries_.get() + count_, grown.get());
@@ -112,9 +138,9 @@ class NamedEventTable {
     capacity_ = capacity;
   }
 
-  std::unique_ptr<NameEntry[]> entries_;
-  size_t count_ = 0;
-  size_t capacity_ = 0;
+  std::unique_ptr<NameEntry[]> entries_ GUARDED_BY(NameTableLock());
+  size_t count_ GUARDED_BY(NameTableLock()) = 0;
+  size_t capacity_ GUARDED_BY(NameTableLock()) = 0;
 };
 
 // Never destroyed, like the locks: events may be released during static destruction.
@@ -123,23 +149,40 @@ NamedEventTable& Table() {
   return table.Get();
 }
 
-// Counts the calling thread as a waiter for its scope. Leaving it (normally, or through
-// a cancellation unwinding out of the condition wait) undoes the count and unlocks.
+// Holds an event's mutex for a scope, when it could be locked: Rc() is the lock's result.
+// Leaving the scope (normally, or through a cancellation unwinding out of the condition
+// wait, which takes the mutex again first) unlocks it.
+class SCOPED_CAPABILITY EventMutexHold {
+ public:
+  explicit EventMutexHold(CEventObject* ev) ACQUIRE(ev->mutex)
+      : mutex_(ev->mutex), rc_(mutex_.Lock()) {}
+  ~EventMutexHold() RELEASE() NO_THREAD_SAFETY_ANALYSIS {
+    if (rc_ == 0) mutex_.Unlock();
+  }
+  EventMutexHold(const EventMutexHold&) = delete;
+  EventMutexHold& operator=(const EventMutexHold&) = delete;
+
+  int Rc() const { return rc_; }
+  bool Locked() const { return rc_ == 0; }
+
+ private:
+  CEventMutex& mutex_;
+  const int rc_;
+};
+
+// Counts the calling thread as a waiter for its scope (also when a cancellation unwinds
+// out of it).
 class WaiterScope {
  public:
-  WaiterScope(CEventObject* ev, bool locked) : ev_(ev), locked_(locked) {
+  explicit WaiterScope(CEventObject* ev) : ev_(ev) {
     ev_->waiters.fetch_add(1, std::memory_order_relaxed);
   }
-  ~WaiterScope() {
-    ev_->waiters.fetch_sub(1, std::memory_order_relaxed);
-    if (locked_) pthread_mutex_unlock(&ev_->mutex);
-  }
+  ~WaiterScope() { ev_->waiters.fetch_sub(1, std::memory_order_relaxed); }
   WaiterScope(const WaiterScope&) = delete;
   WaiterScope& operator=(const WaiterScope&) = delete;
 
  private:
   CEventObject* ev_;
-  bool locked_;
 };
 
 // Runs one of Wait's trace calls. An exception from the trace client is swallowed and
@@ -162,6 +205,91 @@ const char* WaitWord(int32_t result) {
     case EVENT_WAIT_TIMEOUT: return "TIMEOUT";
     default: return "FAILURE";
   }
+}
+
+int WakeWaiters(CEventObject* ev) {
+  return LoadManual(ev) ? pthread_cond_broadcast(&ev->cond) : pthread_cond_signal(&ev->cond);
+}
+
+// A new event object, or nullptr when its condition variable or mutex cannot be made
+// (traced). `name` is only traced.
+std::unique_ptr<CEventObject> MakeEventObject(bool isSignaled, bool isManual,
+                                              const char* name) {
+  auto ev = std::make_unique<CEventObject>();
+  ev->isManual.store(isManual ? 1 : 0, std::memory_order_relaxed);
+  ev->isSignaled.store(isSignaled ? 1 : 0, std::memory_order_relaxed);
+  const char* shownName = name != nullptr ? name : "anon";
+
+  int rc = pthread_condattr_init(&ev->condAttr);
+  if (rc == 0) {
+    rc = pthread_condattr_setclock(&ev->condAttr, CLOCK_MONOTONIC);
+    if (rc != 0) pthread_condattr_destroy(&ev->condAttr);
+  }
+  if (rc != 0) {
+    EM_TRACE(3,
+             "pthread_condattr_setclock(): ## ERROR ##: Set CLOCK_MONOTONIC failed (ret=%d) for "
+             "event %p <%s> (IsSignaled=%d)\n",
+             rc, static_cast<void*>(ev.get()), shownName, isSignaled ? 1 : 0);
+    return nullptr;
+  }
+  rc = pthread_cond_init(&ev->cond, &ev->condAttr);
+  if (rc != 0) {
+    pthread_condattr_destroy(&ev->condAttr);
+    EM_TRACE(3,
+             "pthread_cond_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p "
+             "<%s> (IsSignaled=%d)\n",
+             rc, static_cast<void*>(ev.get()), shownName, isSignaled ? 1 : 0);
+    return nullptr;
+  }
+  rc = ev->mutex.Init();
+  if (rc != 0) {
+    pthread_cond_destroy(&ev->cond);
+    pthread_condattr_destroy(&ev->condAttr);
+    EM_TRACE(3,
+             "pthread_mutex_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p "
+             "<%s> (IsSignaled=%d)\n",
+             rc, static_cast<void*>(ev.get()), shownName, isSignaled ? 1 : 0);
+    return nullptr;
+  }
+  return ev;
+}
+
+// Wait on an event found signalled: an auto-reset event is consumed.
+int32_t TakeSignal(CEventObject* ev, bool trace) REQUIRES(ev->mutex) {
+  if (!LoadManual(ev)) ev->isSignaled.store(0, std::memory_order_relaxed);
+  // Traced before the unlock, while the event is certainly alive.
+  const bool traced = !trace || TraceQuietly([&] {
+    EM_TRACE(5,
+             "event %p <%s> (IsManual=%d) has been already signaled --> New state: "
+             "IsSignaled=%d\n",
+             static_cast<void*>(ev), NameOf(ev), LoadManual(ev), LoadSignaled(ev));
+  });
+  return traced ? EVENT_WAIT_SIGNAL : EVENT_WAIT_FAILURE;
+}
+
+// Sleeps on the event until it is woken or `timeoutMs` has passed; `waitRc` gets the
+// wait's result. False (without sleeping) when the trace of the deadline failed.
+bool SleepOnEvent(CEventObject* ev, uint32_t timeoutMs, bool trace, int* waitRc)
+    REQUIRES(ev->mutex) {
+  if (timeoutMs == EVENT_WAIT_FOREVER) {
+    *waitRc = ev->WaitLocked(nullptr);
+    return true;
+  }
+  timespec now{};
+  clock_gettime(CLOCK_MONOTONIC, &now);
+  const timespec deadline = EventDeadline(now, timeoutMs);
+  if (trace && !TraceQuietly([&] {
+        EM_TRACE(5,
+                 "prepare time for waiting on event %p <%s> (ts_beg:sec=%ld,"
+                 "ts_beg:nsec=%ld) -> (ts:sec=%ld,ts:nsec=%ld)\n",
+                 static_cast<void*>(ev), NameOf(ev), static_cast<long>(now.tv_sec),
+                 static_cast<long>(now.tv_nsec), static_cast<long>(deadline.tv_sec),
+                 static_cast<long>(deadline.tv_nsec));
+      })) {
+    return false;
+  }
+  *waitRc = ev->WaitLocked(&deadline);
+  return true;
 }
 
 }  // namespace
@@ -199,69 +327,40 @@ CEvent& CEvent::operator=(const CEvent& other) {
 void CEvent::Create(bool isSignaled, bool isManual, const char* name) {
   event_ = nullptr;
   closed_.store(false, std::memory_order_relaxed);
+  if (name == nullptr) {
+    event_ = MakeEventObject(isSignaled, isManual, nullptr).release();
+  } else if (!CreateNamed(isSignaled, isManual, name)) {
+    return;  // an existing event shared, or nothing made (both traced)
+  }
+  if (event_ == nullptr) return;
+  EM_TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(event_),
+           NameOf(event_), LoadSignaled(event_));
+}
 
-  std::unique_lock<CRecursiveLock> eventLock(EventLock(), std::defer_lock);
-  if (name != nullptr) {
-    eventLock.lock();
-    CEventObject* existing = nullptr;
-    {
-      CRecursiveLockGuard tableGuard(NameTableLock());
-      NameEntry* entry = Table().Find(name);
-      if (entry != nullptr) existing = entry->event;
+bool CEvent::CreateNamed(bool isSignaled, bool isManual, const char* name) {
+  CRecursiveLockGuard eventLock(EventLock());
+  CEventObject* existing = nullptr;
+  {
+    CRecursiveLockGuard tableGuard(NameTableLock());
+    NameEntry* entry = Table().Find(name);
+    if (entry != nullptr) existing = entry->event;
+  }
+  if (existing != nullptr) {
+    ++existing->refCount;
+    event_ = existing;
+    // Traced before the lock goes: another thread's Release may free the event after.
+    EM_TRACE(3, "refCount for event %p <%s> incremented (IsSignaled=%d)\n",
+             static_cast<void*>(existing), NameOf(existing), LoadSignaled(existing));
+    if (LoadManual(existing) != static_cast<uint8_t>(isManual)) {
+      EM_TRACE(1, "WARNING: manual setting mismatch for event %p <%s>\n",
+               static_cast<void*>(existing), NameOf(existing));
     }
-    if (existing != nullptr) {
-      ++existing->refCount;
-      event_ = existing;
-      // Traced before the lock goes: another thread's Release may free the event after.
-      EM_TRACE(3, "refCount for event %p <%s> incremented (IsSignaled=%d)\n",
-               static_cast<void*>(existing), NameOf(existing), LoadSignaled(existing));
-      if (LoadManual(existing) != static_cast<uint8_t>(isManual)) {
-        EM_TRACE(1, "WARNING: manual setting mismatch for event %p <%s>\n",
-                 static_cast<void*>(existing), NameOf(existing));
-      }
-      return;
-    }
+    return false;
   }
-
-  auto ev = std::make_unique<CEventObject>();
-  ev->isManual.store(isManual ? 1 : 0, std::memory_order_relaxed);
-  ev->isSignaled.store(isSignaled ? 1 : 0, std::memory_order_relaxed);
-  const char* shownName = name != nullptr ? name : "anon";
-
-  int rc = pthread_condattr_init(&ev->condAttr);
-  if (rc == 0) {
-    rc = pthread_condattr_setclock(&ev->condAttr, CLOCK_MONOTONIC);
-    if (rc != 0) pthread_condattr_destroy(&ev->condAttr);
-  }
-  if (rc != 0) {
-    EM_TRACE(3,
-             "pthread_condattr_setclock(): ## ERROR ##: Set CLOCK_MONOTONIC failed (ret=%d) for "
-             "event %p <%s> (IsSignaled=%d)\n",
-             rc, static_cast<void*>(ev.get()), shownName, isSignaled ? 1 : 0);
-    return;
-  }
-  rc = pthread_cond_init(&ev->cond, &ev->condAttr);
-  if (rc != 0) {
-    pthread_condattr_destroy(&ev->condAttr);
-    EM_TRACE(3,
-             "pthread_cond_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p "
-             "<%s> (IsSignaled=%d)\n",
-             rc, static_cast<void*>(ev.get()), shownName, isSignaled ? 1 : 0);
-    return;
-  }
-  rc = pthread_mutex_init(&ev->mutex, nullptr);
-  if (rc != 0) {
-    pthread_cond_destroy(&ev->cond);
-    pthread_condattr_destroy(&ev->condAttr);
-    EM_TRACE(3,
-             "pthread_mutex_init(), CLOCK_MONOTONIC: ## ERROR ##: failed (ret=%d) on event %p "
-             "<%s> (IsSignaled=%d)\n",
-             rc, static_cast<void*>(ev.get()), shownName, isSignaled ? 1 : 0);
-    return;
-  }
-
-  if (name != nullptr) {
-    ev->name = CopyName(name);
+  std::unique_ptr<CEventObject> ev = MakeEventObject(isSignaled, isManual, name);
+  if (!ev) return false;
+  ev->name = CopyName(name);
+  {
     CRecursiveLockGuard tableGuard(NameTableLock());
     NamedEventTable& table = Table();
     NameEntry* entry = table.Find(name);
@@ -271,9 +370,7 @@ void CEvent::Create(bool isSignaled, bool isManual, const char* name) {
     table.Sort();
   }
   event_ = ev.release();
-  if (eventLock.owns_lock()) eventLock.unlock();
-  EM_TRACE(5, "creating event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(event_),
-           NameOf(event_), LoadSignaled(event_));
+  return true;
 }
 
 void CEvent::Release() {
@@ -294,18 +391,17 @@ void CEvent::Release() {
       if (entry != nullptr) Table().Remove(entry);
     }
   }
-
   // Threads still inside Wait hold the mutex or sleep on the condition variable.
-  pthread_mutex_lock(&ev->mutex);
-  while (ev->waiters.load(std::memory_order_relaxed) != 0) {
-    pthread_mutex_unlock(&ev->mutex);
+  for (;;) {
+    {
+      EventMutexHold hold(ev);
+      if (ev->waiters.load(std::memory_order_relaxed) == 0) break;
+    }
     usleep(kReleasePollUs);
-    pthread_mutex_lock(&ev->mutex);
   }
-  pthread_mutex_unlock(&ev->mutex);
   pthread_cond_destroy(&ev->cond);
   pthread_condattr_destroy(&ev->condAttr);
-  pthread_mutex_destroy(&ev->mutex);
+  ev->mutex.Destroy();
   EM_TRACE(5, "deleting event %p <%s> (IsSignaled=%d)\n", static_cast<void*>(ev), NameOf(ev),
            LoadSignaled(ev));
   delete ev;
@@ -331,40 +427,37 @@ bool CEvent::ChangeAttributes(bool isSignaled, bool isManual) {
   return true;
 }
 
-bool CEvent::Set() {
-  CEventObject* ev = event_;
-  if (ev == nullptr || !IsOpen()) return false;
-  int lockRc = pthread_mutex_lock(&ev->mutex);
-  EM_TRACE(5, "Set event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(ev),
-           NameOf(ev), LoadSignaled(ev));
-  ev->isSignaled.store(1, std::memory_order_relaxed);
-  int wakeRc = LoadManual(ev) ? pthread_cond_broadcast(&ev->cond) : pthread_cond_signal(&ev->cond);
-  if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
-  sched_yield();  // let a woken thread run
-  return wakeRc == 0;
-}
+bool CEvent::Set() { return Wake(false); }
 
-bool CEvent::Pulse() {
+bool CEvent::Pulse() { return Wake(true); }
+
+bool CEvent::Wake(bool pulse) {
   CEventObject* ev = event_;
   if (ev == nullptr || !IsOpen()) return false;
-  int lockRc = pthread_mutex_lock(&ev->mutex);
-  EM_TRACE(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(ev),
-           NameOf(ev), LoadSignaled(ev));
-  ev->isSignaled.store(0, std::memory_order_relaxed);
-  int wakeRc = LoadManual(ev) ? pthread_cond_broadcast(&ev->cond) : pthread_cond_signal(&ev->cond);
-  if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
-  sched_yield();
+  int wakeRc = 0;
+  {
+    EventMutexHold hold(ev);
+    if (pulse) {
+      EM_TRACE(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n",
+               static_cast<void*>(ev), NameOf(ev), LoadSignaled(ev));
+    } else {
+      EM_TRACE(5, "Set event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(ev),
+               NameOf(ev), LoadSignaled(ev));
+    }
+    ev->isSignaled.store(pulse ? 0 : 1, std::memory_order_relaxed);
+    wakeRc = WakeWaiters(ev);
+  }
+  sched_yield();  // let a woken thread run
   return wakeRc == 0;
 }
 
 bool CEvent::Reset() {
   CEventObject* ev = event_;
   if (ev == nullptr || !IsOpen()) return false;
-  int lockRc = pthread_mutex_lock(&ev->mutex);
+  EventMutexHold hold(ev);
   EM_TRACE(5, "Reset event %p <%s>: IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(ev),
            NameOf(ev), LoadSignaled(ev));
   ev->isSignaled.store(0, std::memory_order_relaxed);
-  if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
   return true;
 }
 
@@ -383,11 +476,11 @@ bool CEvent::Close() {
   EM_TRACE(5, "Close event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(ev),
            NameOf(ev), LoadSignaled(ev));
   closed_.store(true, std::memory_order_relaxed);
-  int lockRc = pthread_mutex_lock(&ev->mutex);
-  ev->isSignaled.store(1, std::memory_order_relaxed);
-  if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
-  int wakeRc = LoadManual(ev) ? pthread_cond_broadcast(&ev->cond) : pthread_cond_signal(&ev->cond);
-  return wakeRc == 0;
+  {
+    EventMutexHold hold(ev);
+    ev->isSignaled.store(1, std::memory_order_relaxed);
+  }
+  return WakeWaiters(ev) == 0;
 }
 
 int32_t CEvent::Wait(uint32_t timeoutMs, bool trace) {
@@ -404,46 +497,14 @@ int32_t CEvent::Wait(uint32_t timeoutMs, bool trace) {
     return EVENT_WAIT_FAILURE;
   }
 
-  int lockRc = pthread_mutex_lock(&ev->mutex);
-  if (LoadSignaled(ev)) {
-    if (!LoadManual(ev)) ev->isSignaled.store(0, std::memory_order_relaxed);
-    // Traced before the unlock, while the event is certainly alive.
-    bool traced = !trace || TraceQuietly([&] {
-      EM_TRACE(5,
-               "event %p <%s> (IsManual=%d) has been already signaled --> New state: "
-               "IsSignaled=%d\n",
-               static_cast<void*>(ev), NameOf(ev), LoadManual(ev), LoadSignaled(ev));
-    });
-    if (lockRc == 0) pthread_mutex_unlock(&ev->mutex);
-    return traced ? EVENT_WAIT_SIGNAL : EVENT_WAIT_FAILURE;
-  }
+  EventMutexHold hold(ev);
+  if (LoadSignaled(ev)) return TakeSignal(ev, trace);
 
   int32_t result = EVENT_WAIT_FAILURE;
   int waitRc = 0;
-  WaiterScope scope(ev, lockRc == 0);
-  if (lockRc == 0) {
-    if (timeoutMs != EVENT_WAIT_FOREVER) {
-      timespec now{};
-      clock_gettime(CLOCK_MONOTONIC, &now);
-      timespec deadline = EventDeadline(now, timeoutMs);
-      if (trace && !TraceQuietly([&] {
-            EM_TRACE(5,
-                     "prepare time for waiting on event %p <%s> (ts_beg:sec=%ld,"
-                     "ts_beg:nsec=%ld) -> (ts:sec=%ld,ts:nsec=%ld)\n",
-                     static_cast<void*>(ev), NameOf(ev), static_cast<long>(now.tv_sec),
-                     static_cast<long>(now.tv_nsec), static_cast<long>(deadline.tv_sec),
-                     static_cast<long>(deadline.tv_nsec));
-          })) {
-        return EVENT_WAIT_FAILURE;
-      }
-      do {
-        waitRc = pthread_cond_timedwait(&ev->cond, &ev->mutex, &deadline);
-      } while (waitRc == EINTR);
-    } else {
-      do {
-        waitRc = pthread_cond_wait(&ev->cond, &ev->mutex);
-      } while (waitRc == EINTR);
-    }
+  WaiterScope waiter(ev);
+  if (hold.Locked()) {
+    if (!SleepOnEvent(ev, timeoutMs, trace, &waitRc)) return EVENT_WAIT_FAILURE;
     // A wake-up counts as a signal even with the flag cleared (Pulse).
     if (waitRc == 0 || LoadSignaled(ev)) {
       result = EVENT_WAIT_SIGNAL;
@@ -455,8 +516,8 @@ int32_t CEvent::Wait(uint32_t timeoutMs, bool trace) {
   // Traced while still counted as a waiter: a concurrent last Release cannot free the
   // event under us.
   if (trace && !TraceQuietly([&] {
-        EM_TRACE(5, "%s(%d,%d) on event %p <%s> (IsSignaled=%d)\n", WaitWord(result), lockRc,
-                 waitRc, static_cast<void*>(ev), NameOf(ev), LoadSignaled(ev));
+        EM_TRACE(5, "%s(%d,%d) on event %p <%s> (IsSignaled=%d)\n", WaitWord(result),
+                 hold.Rc(), waitRc, static_cast<void*>(ev), NameOf(ev), LoadSignaled(ev));
       })) {
     return EVENT_WAIT_FAILURE;
   }

@@ -78,6 +78,12 @@ class CEvent {
   const CEventObject* Object() const { return event_; }
 
  private:
+  // Create of a named event: shares the event of that name (false) or makes one and
+  // enters it in the table (true; false too when it cannot be made).
+  bool CreateNamed(bool isSignaled, bool isManual, const char* name);
+  // Set (pulse false) or Pulse.
+  bool Wake(bool pulse);
+
   CEventObject* event_ = nullptr;
   // Read by other threads sharing the handle while the owner closes it.
   std::atomic<bool> closed_{false};

@@ -1,9 +1,12 @@
 // CRecursiveLock: a POSIX mutex that its owner thread may take again. It counts the
 // owner's acquisitions and opens the mutex when the count drops back to 0.
 //
-// It is BasicLockable (lock()/unlock()), so scopes use
+// Scopes hold it with
 //     CRecursiveLockGuard guard(lock);
-// like std::lock_guard.
+// like std::lock_guard. It is a capability of the thread-safety analysis, which does not
+// know re-entry: a function that takes the lock while its caller may already hold it says
+// so in a comment, and the analysis sees it taken once (nested guards of the same lock in
+// one function would be reported as a double acquisition, so there are none).
 //
 // If the mutex failed to initialise, the lock is "invalid" and Acquire/Release do
 // nothing at all: callers run unprotected rather than fail.
@@ -17,11 +20,12 @@
 
 #include <atomic>
 #include <cstdint>
-#include <mutex>
+
+#include "base/ThreadAnnotations.h"
 
 namespace em_oidmap {
 
-class CRecursiveLock {
+class CAPABILITY("mutex") CRecursiveLock {
  public:
   CRecursiveLock();
   // If the destroying thread still owns the lock, it is opened before the mutex goes.
@@ -29,12 +33,8 @@ class CRecursiveLock {
   CRecursiveLock(const CRecursiveLock&) = delete;
   CRecursiveLock& operator=(const CRecursiveLock&) = delete;
 
-  void Acquire();
-  void Release();
-
-  // BasicLockable spelling, for std::lock_guard / std::unique_lock.
-  void lock() { Acquire(); }
-  void unlock() { Release(); }
+  void Acquire() ACQUIRE();
+  void Release() RELEASE();
 
   // True when the mutex initialised without error.
   bool IsValid() const { return valid_; }
@@ -51,7 +51,19 @@ class CRecursiveLock {
   bool valid_ = false;
 };
 
-using CRecursiveLockGuard = std::lock_guard<CRecursiveLock>;
+// Holds a CRecursiveLock for a scope.
+class SCOPED_CAPABILITY CRecursiveLockGuard {
+ public:
+  explicit CRecursiveLockGuard(CRecursiveLock& lock) ACQUIRE(lock) : lock_(lock) {
+    lock_.Acquire();
+  }
+  ~CRecursiveLockGuard() RELEASE() { lock_.Release(); }
+  CRecursiveLockGuard(const CRecursiveLockGuard&) = delete;
+  CRecursiveLockGuard& operator=(const CRecursiveLockGuard&) = delete;
+
+ private:
+  CRecursiveLock& lock_;
+};
 
 // The process-wide lock over event reference counts and the creation of named events.
 // Taken before NameTableLock() when both are needed. Never destroyed.

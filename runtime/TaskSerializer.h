@@ -21,6 +21,10 @@
 // TerminateSerialization may be called from any thread except the worker: a host may
 // stop the module on one thread while start runs on another, so they take turns on a
 // control lock (the worker object is not safe to start and join at once).
+//
+// Locks: control_ (start and terminate), then queueLock_ (the queues; held around
+// OnQueueFull and OnQueueEmpty, never while a task runs), then leftMutex_ (the worker's
+// last word). The accepting flags and the terminate flag are atomics, read without a lock.
 #ifndef EM_RUNTIME_TASKSERIALIZER_H
 #define EM_RUNTIME_TASKSERIALIZER_H
 
@@ -32,11 +36,11 @@
 #include <condition_variable>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "base/Mutex.h"
 #include "trace/DebugClient.h"
 #include "runtime/Event.h"
 #include "runtime/RecursiveLock.h"
@@ -87,7 +91,10 @@ class CTaskSerializer {
   bool TerminateSerialization();
 
   // Debug name traced when the worker starts (empty when not configured).
-  void SetWorkerDebugName(std::string name) { debugName_ = std::move(name); }
+  void SetWorkerDebugName(std::string name) EXCLUDES(control_) {
+    CMutexLock control(control_);
+    debugName_ = std::move(name);
+  }
 
  private:
   struct TaskRecord {
@@ -95,7 +102,6 @@ class CTaskSerializer {
     T message;
   };
   struct LevelEntry {
-    std::unique_ptr<CTaskQueue> queue;
     std::atomic<uint8_t> accepting{0};  // cleared without the lock on terminate
     uint8_t runnable = 1;
   };
@@ -112,8 +118,10 @@ class CTaskSerializer {
   }
 
   std::unique_ptr<LevelEntry[]> levels_;
-  std::mutex control_;  // held by StartSerialization and TerminateSerialization
+  CMutex control_ ACQUIRED_BEFORE(queueLock_);  // held by Start- and TerminateSerialization
   CRecursiveLock queueLock_;
+  // One queue per level; empty once the destructor has freed them.
+  std::vector<std::unique_ptr<CTaskQueue>> queues_ GUARDED_BY(queueLock_);
   CEvent wake_;
   CThread worker_;
   [[maybe_unused]] uint64_t reserved_ = 0;  // not used by any operation
@@ -122,16 +130,16 @@ class CTaskSerializer {
   std::atomic<bool> terminate_{false};  // read by the worker without the lock
   // Set by the worker after its last trace line, so that terminating does not sleep the
   // whole settle pause for a worker that has already left.
-  std::mutex leftMutex_;
+  CMutex leftMutex_;
   std::condition_variable leftCv_;
-  bool workerLeft_ = false;
+  bool workerLeft_ GUARDED_BY(leftMutex_) = false;
 
   uint32_t settleMs_;
-  std::string debugName_;
+  std::string debugName_ GUARDED_BY(control_);
   // Tasks dropped by TerminateSerialization. They are never run and their events are
   // never set (waiters must use a time-out); they are only kept here so that the
   // destructor can free them instead of leaking them.
-  std::vector<std::unique_ptr<TaskRecord>> dropped_;
+  std::vector<std::unique_ptr<TaskRecord>> dropped_ GUARDED_BY(control_);
 };
 
 template <typename T>
@@ -140,9 +148,12 @@ CTaskSerializer<T>::CTaskSerializer(uint32_t levels, uint32_t queueBytes, uint32
     : worker_(true, std::move(threadOps)), levelCount_(levels), settleMs_(settleMs) {
   wake_.Create(false, true, nullptr);
   levels_.reset(new LevelEntry[levels]);
-  for (uint32_t i = 0; i < levels; ++i) {
-    levels_[i].queue = std::make_unique<CTaskQueue>(queueBytes);
-    levels_[i].runnable = 1;
+  {
+    CRecursiveLockGuard guard(queueLock_);
+    for (uint32_t i = 0; i < levels; ++i) {
+      queues_.push_back(std::make_unique<CTaskQueue>(queueBytes));
+      levels_[i].runnable = 1;
+    }
   }
   EM_TRACE(4, "\nCTaskSerializer     : Enable all Tasks");
   for (uint32_t i = 0; i < levels; ++i) levels_[i].accepting.store(1, std::memory_order_relaxed);
@@ -153,10 +164,11 @@ CTaskSerializer<T>::~CTaskSerializer() {
   TerminateSerialization();
   {
     CRecursiveLockGuard guard(queueLock_);
-    for (uint32_t i = 0; i < levelCount_; ++i) {
+    for (const std::unique_ptr<CTaskQueue>& queue : queues_) {
       uint64_t ref = 0;
-      while (levels_[i].queue->Pop(ref)) delete RecordOf(ref);
+      while (queue->Pop(ref)) delete RecordOf(ref);
     }
+    queues_.clear();
     levels_.reset();
   }
   EM_TRACE(4, "\n\nCTaskSerializer     : Class destroyed!");
@@ -177,7 +189,7 @@ bool CTaskSerializer<T>::InsertTask(const T& msg, int32_t level, CEvent* event) 
   std::unique_ptr<TaskRecord> record(new TaskRecord{event, msg});
 
   CRecursiveLockGuard guard(queueLock_);
-  if (levels_[level].queue->Push(RefOf(record.get()))) {
+  if (queues_[static_cast<size_t>(level)]->Push(RefOf(record.get()))) {
     record.release();  // owned by the queue, then by the worker
     EM_TRACE(5, "\nCTaskSerializer     : Task with priority %d inserted into task queue!", level);
     wake_.Set();  // under the lock: see the reset in TaskHandler
@@ -191,14 +203,14 @@ bool CTaskSerializer<T>::InsertTask(const T& msg, int32_t level, CEvent* event) 
 
 template <typename T>
 void CTaskSerializer<T>::StartSerialization() {
-  std::lock_guard<std::mutex> control(control_);
+  CMutexLock control(control_);
   EM_TRACE(4, "\nCTaskSerializer     : StartSerialization!");
   if (worker_.HoldsThread() && worker_.IsAlive()) return;
 
   wake_.Reset();
   terminate_.store(false, std::memory_order_relaxed);
   {
-    std::lock_guard<std::mutex> left(leftMutex_);
+    CMutexLock left(leftMutex_);
     workerLeft_ = false;
   }
   worker_.SetThreadName(debugName_.c_str(), "_TaskHandler");
@@ -215,7 +227,7 @@ void CTaskSerializer<T>::StartSerialization() {
 
 template <typename T>
 bool CTaskSerializer<T>::TerminateSerialization() {
-  std::lock_guard<std::mutex> control(control_);
+  CMutexLock control(control_);
   EM_TRACE(4, "\nCTaskSerializer     : TerminateSerialization!");
   if (!worker_.HoldsThread()) {
     EM_TRACE(5, "\nCTaskSerializer     :   terminated");
@@ -228,10 +240,10 @@ bool CTaskSerializer<T>::TerminateSerialization() {
     }
     {
       CRecursiveLockGuard guard(queueLock_);
-      for (uint32_t i = 0; i < levelCount_; ++i) {
+      for (const std::unique_ptr<CTaskQueue>& queue : queues_) {
         uint64_t ref = 0;
-        while (levels_[i].queue->Pop(ref)) dropped_.emplace_back(RecordOf(ref));
-        levels_[i].queue->Clear();
+        while (queue->Pop(ref)) dropped_.emplace_back(RecordOf(ref));
+        queue->Clear();
       }
       EM_TRACE(4, "\nCTaskSerializer     : All pending tasks removed from queues!");
     }
@@ -240,8 +252,11 @@ bool CTaskSerializer<T>::TerminateSerialization() {
     {
       // The settle pause ends early once the worker has left: an idle worker takes
       // microseconds, and the worker's lines still all come before the join's.
-      std::unique_lock<std::mutex> left(leftMutex_);
-      leftCv_.wait_for(left, std::chrono::milliseconds(settleMs_), [this] { return workerLeft_; });
+      const auto deadline =
+          std::chrono::steady_clock::now() + std::chrono::milliseconds(settleMs_);
+      CMutexUniqueLock left(leftMutex_);
+      while (!workerLeft_ && left.WaitUntil(leftCv_, deadline)) {
+      }
     }
     worker_.WaitForTermination(kTaskJoinTimeoutMs);
     worker_.Kill();
@@ -256,7 +271,7 @@ void* CTaskSerializer<T>::ThreadMain(void* arg) {
   self->TaskHandler();
   CThread::TraceThreadReturn();
   // The serializer outlives this: the terminating thread joins after it wakes.
-  std::lock_guard<std::mutex> left(self->leftMutex_);
+  CMutexLock left(self->leftMutex_);
   self->workerLeft_ = true;
   self->leftCv_.notify_all();
   return nullptr;
@@ -279,7 +294,7 @@ void CTaskSerializer<T>::TaskHandler() {
       CRecursiveLockGuard guard(queueLock_);
       for (int32_t l = static_cast<int32_t>(levelCount_) - 1; l >= 0; --l) {
         uint64_t ref = 0;
-        if (levels_[l].runnable && levels_[l].queue->Pop(ref)) {
+        if (levels_[l].runnable && queues_[static_cast<size_t>(l)]->Pop(ref)) {
           record = RecordOf(ref);
           level = l;
           break;
@@ -297,7 +312,7 @@ void CTaskSerializer<T>::TaskHandler() {
     RunTask(record, level);
     {
       CRecursiveLockGuard guard(queueLock_);
-      if (!levels_[level].queue->HasTask()) OnQueueEmpty(level);
+      if (!queues_[static_cast<size_t>(level)]->HasTask()) OnQueueEmpty(level);
     }
     // The wake event stays set, so the next wait returns at once until the queues are empty.
     if (terminate_.load(std::memory_order_relaxed)) break;

@@ -199,7 +199,7 @@ bool CDebugTraceConfig::ReadSection(const std::string& path, const std::string& 
 CDebugTraceConfig::CDebugTraceConfig(const char* moduleName, std::string configDir,
                                      Clock clock, std::atomic<bool>* activeFlag)
     : trace_active_(activeFlag != nullptr ? *activeFlag : own_trace_active_) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  CMutexLock lock(mutex_);
   dir_ = std::move(configDir);
   SetModuleNameLocked(moduleName != nullptr ? moduleName : "");
   SetClockLocked(std::move(clock));
@@ -207,14 +207,14 @@ CDebugTraceConfig::CDebugTraceConfig(const char* moduleName, std::string configD
 }
 
 void CDebugTraceConfig::Reset(const std::string& configDir, Clock clock) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  CMutexLock lock(mutex_);
   dir_ = configDir;
   SetClockLocked(std::move(clock));
   StartUpLocked();
 }
 
 void CDebugTraceConfig::Rename(const char* moduleName) {
-  std::lock_guard<std::mutex> lock(mutex_);
+  CMutexLock lock(mutex_);
   SetModuleNameLocked(moduleName);
   StartUpLocked();
 }
@@ -294,8 +294,8 @@ void CDebugTraceConfig::UpdateIfDue() {
   if (now >= last && now < last + interval) return;
   // One thread per interval does the check; the others go on tracing.
   if (!last_check_.compare_exchange_strong(last, now, std::memory_order_relaxed)) return;
-  std::unique_lock<std::mutex> lock(mutex_, std::try_to_lock);
-  if (!lock.owns_lock()) return;
+  if (!mutex_.TryLock()) return;
+  CMutexLock lock(mutex_, std::adopt_lock);
   RereadLocked();
 }
 

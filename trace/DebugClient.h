@@ -29,8 +29,9 @@
 #include <ctime>
 #include <forward_list>
 #include <functional>
-#include <mutex>
 #include <string>
+
+#include "base/Mutex.h"
 
 class CIDebugSink;
 
@@ -104,10 +105,10 @@ class CDebugTraceConfig {
  private:
   // Resets everything and reads the configuration of the current module from the
   // current directory.
-  void StartUpLocked();
-  void SetModuleNameLocked(const char* moduleName);
-  void SetClockLocked(Clock clock);
-  void RereadLocked();
+  void StartUpLocked() REQUIRES(mutex_);
+  void SetModuleNameLocked(const char* moduleName) REQUIRES(mutex_);
+  void SetClockLocked(Clock clock) REQUIRES(mutex_);
+  void RereadLocked() REQUIRES(mutex_);
   // Reads section `name` of `path` into `out` (file, modification time, size, text).
   // Returns whether the section is there.
   static bool ReadSection(const std::string& path, const std::string& name, Section* out);
@@ -129,13 +130,13 @@ class CDebugTraceConfig {
   std::atomic<const Identity*> identity_{nullptr};
   std::atomic<const Clock*> clock_{nullptr};
 
-  std::mutex mutex_;  // guards everything below
-  std::string dir_;
-  std::string module_name_;
-  std::forward_list<Identity> identities_;
-  std::forward_list<Clock> clocks_;
-  Section global_;
-  Section module_;
+  CMutex mutex_;
+  std::string dir_ GUARDED_BY(mutex_);
+  std::string module_name_ GUARDED_BY(mutex_);
+  std::forward_list<Identity> identities_ GUARDED_BY(mutex_);
+  std::forward_list<Clock> clocks_ GUARDED_BY(mutex_);
+  Section global_ GUARDED_BY(mutex_);
+  Section module_ GUARDED_BY(mutex_);
 };
 
 class CDebugClient : public CDebugTraceConfig {
