@@ -29,7 +29,7 @@ size_t HeapInUse() {
 
 size_t EntriesHeld(COidMapExtModule& module, uint32_t ca) {
   size_t held = 0;
-  module.MsgLogCache().ReadEntries(ca, [&](const MsgLogEntryList& list, uint32_t) {
+  module.LogStore().Cache().ReadEntries(ca, [&](const MsgLogEntryList& list, uint32_t) {
     held = list.size();
   });
   return held;
@@ -46,7 +46,7 @@ void BM_BytesPerEntry(benchmark::State& state) {
   for (auto _ : state) {
     COidMapExtModule module;
     const size_t before = HeapInUse();
-    module.CollectFromMessage(msg);
+    module.Collector().CollectFromMessage(msg);
     const size_t after = HeapInUse();
     if (EntriesHeld(module, 0) != kMaxMsgLogEntries) {
       state.SkipWithError("the cache is not full");
@@ -70,7 +70,7 @@ void BM_FullCaches(benchmark::State& state) {
     const size_t before = HeapInUse();
     size_t held = 0;
     for (uint32_t ca = 0; ca < kCabinets; ++ca) {
-      module.CollectFromMessage(messages[ca]);
+      module.Collector().CollectFromMessage(messages[ca]);
       held += EntriesHeld(module, ca);
     }
     const size_t after = HeapInUse();

@@ -37,13 +37,13 @@ void BM_CollectFromMessage(benchmark::State& state) {
   const uint32_t modules = static_cast<uint32_t>(state.range(1));
   SipJson msg = Replies(form, modules);
   COidMapExtModule module;
-  module.CollectFromMessage(msg);  // the cache is full from here on
+  module.Collector().CollectFromMessage(msg);  // the cache is full from here on
   const uint32_t entries = modules * kEntriesPerModule;
   for (auto _ : state) {
-    benchmark::DoNotOptimize(module.CollectFromMessage(msg));
+    benchmark::DoNotOptimize(module.Collector().CollectFromMessage(msg));
   }
   size_t held = 0;
-  module.MsgLogCache().ReadEntries(0, [&](const MsgLogEntryList& list, uint32_t) { held = list.size(); });
+  module.LogStore().Cache().ReadEntries(0, [&](const MsgLogEntryList& list, uint32_t) { held = list.size(); });
   if (held != kMaxMsgLogEntries) state.SkipWithError("the cache is not full");
   state.SetItemsProcessed(static_cast<int64_t>(state.iterations()) * entries);
   state.counters["entries"] = entries;

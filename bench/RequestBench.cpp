@@ -10,6 +10,7 @@
 #include "hostsim/SimHost.h"
 #include "trace/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
+#include "oidmap/Timeouts.h"
 #include "sip/SipStatus.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short

@@ -55,8 +55,8 @@ void BM_StartUp(benchmark::State& state) {
     state.ResumeTiming();
     module->Start(host.get(), context);
     state.PauseTiming();
-    const bool complete = module->IsMappingNeeded() &&
-                          module->MsgLogCache().CabinetCount() == kCabinets;
+    const bool complete = module->Mapper().IsMappingNeeded() &&
+                          module->LogStore().Cache().CabinetCount() == kCabinets;
     module->Stop();
     module.reset();
     host.reset();

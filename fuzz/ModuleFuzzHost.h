@@ -76,8 +76,8 @@ inline Instance* Make(const hostsim::Scenario& scenario, uint32_t seCounts) {
   in->module.SetServerCabinet(scenario.serverCabinet);
   Check(in->module.Start(&in->host, in->host.Attach(&in->module)) == 1);
   in->module.Rescan();
-  in->cabinets = in->module.CabinetList();
-  for (uint32_t ca : in->cabinets) Check(in->module.MsgLogCache().WaitForCacheReady(ca, 60000));
+  in->cabinets = in->module.Cabinets().CabinetList();
+  for (uint32_t ca : in->cabinets) Check(in->module.LogStore().Cache().WaitForCacheReady(ca, 60000));
   in->drained.Create(false, false, nullptr);
   return in;
 }
@@ -95,8 +95,8 @@ inline Instance& Pick(uint8_t selector) {
     setenv("EM_OIDMAP_CACHE_WAIT_MS", "1", 1);  // read when a module is created
     TraceClient().SetTraceLevel(5);
     static Instance* made[2] = {MakeFromText(nullptr, 2), MakeFromText(kSingleModule, 0)};
-    Check(made[0]->module.IsMappingNeeded() && made[0]->cabinets.size() == 3 &&
-          !made[1]->module.IsMappingNeeded());
+    Check(made[0]->module.Mapper().IsMappingNeeded() && made[0]->cabinets.size() == 3 &&
+          !made[1]->module.Mapper().IsMappingNeeded());
     // The workers must be gone before exit destroys the trace client they write to (a host
     // stops and deletes its modules before it ends).
     std::atexit([] {

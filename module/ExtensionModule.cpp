@@ -177,8 +177,8 @@ void CExtensionModule::TraceMessage(const SipJson& msg, uint32_t level, const ch
   const uint32_t oi = msg.GetKey(i, "OI", 0);
   const uint32_t mi = msg.GetKey(i, "MI", 0);
   const uint32_t st = msg.GetStatus(i);
-  const uint32_t mi_hi = mi >> 16;
-  const uint32_t mi_lo = mi & 0xFFFF;
+  const uint32_t mi_hi = MidHigh(mi);
+  const uint32_t mi_lo = MidLow(mi);
   const SipDataForm form = msg.GetDataForm(i);
   const bool is_value = form == SipDataForm::kBoolean || form == SipDataForm::kInteger;
   const bool is_struct = form == SipDataForm::kJsonStruct;

@@ -29,6 +29,11 @@ constexpr uint32_t SCN_POWERSTATE_RESUME = 0x40002;
 constexpr uint32_t SCN_POWERSTATE_AC_OFFLINE = 0x40003;
 constexpr uint32_t SCN_POWERSTATE_AC_ONLINE = 0x40004;
 
+// A module id is traced as its upper and lower 16 bits, high half first
+// ("MID 0x%04X%04X").
+constexpr uint32_t MidHigh(uint32_t mid) { return mid >> 16; }
+constexpr uint32_t MidLow(uint32_t mid) { return mid & 0xFFFF; }
+
 // The module information record is at least this long; shorter records are refused.
 constexpr uint32_t kModuleInfoMinSize = 246;
 

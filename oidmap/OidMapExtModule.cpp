@@ -1,40 +1,37 @@
 #include "oidmap/OidMapExtModule.h"
 
-#include <cstdlib>
 #include <utility>
 
-#include "trace/DebugClient.h"
 #include "oidmap/Opcodes.h"
-#include "sip/SipJson.h"
+#include "oidmap/Timeouts.h"
 
 namespace em_oidmap {
-
 namespace {
 
-// How long log queries wait for a cabinet's cache: EM_OIDMAP_CACHE_WAIT_MS when it is set
-// to a number (tests and diagnosis), else the standard wait.
-uint32_t CacheWaitMs() {
-  const char* text = std::getenv("EM_OIDMAP_CACHE_WAIT_MS");
-  if (text == nullptr || *text == '\0') return kCacheWaitMs;
-  return SipJson::ParseLenientNumber(text);
-}
+constexpr const char* kSeparator =
+    "\n------------------------------------------------------------------------------------------\n";
 
 }  // namespace
 
 COidMapExtModule::COidMapExtModule(std::string messageFileDir)
     : CExtensionModule(),
       CTaskSerializer<SipJson>(1, kTaskQueueBytes),
-      message_files_(std::move(messageFileDir)),
-      cache_wait_ms_(CacheWaitMs()) {
-  EM_TRACE(5, "\nEM_OIDMAP           : -> Constructor...");
-  EM_TRACE(5, "\nEM_OIDMAP           : <- Constructor");
+      link_(*this, [this](const SipJson& task) { return InsertTask(task, 0, nullptr); }),
+      cabinets_(link_),
+      mapper_(link_),
+      log_store_(cabinets_),
+      collector_(link_, mapper_, log_store_),
+      queries_(link_, cabinets_, log_store_, collector_, std::move(messageFileDir)),
+      multiple_(link_, mapper_, log_store_) {
+  OIDMAP_TRACE(5, "-> Constructor...");
+  OIDMAP_TRACE(5, "<- Constructor");
 }
 
 COidMapExtModule::~COidMapExtModule() {
   // The pair only brackets the call: members are torn down after both lines.
-  EM_TRACE(5, "\nEM_OIDMAP           : -> Destructor...");
-  EM_TRACE(5, "\nEM_OIDMAP           : <- Destructor");
-  // The worker must be gone before the members it uses are destroyed; the serializer
+  OIDMAP_TRACE(5, "-> Destructor...");
+  OIDMAP_TRACE(5, "<- Destructor");
+  // The worker must be gone before the components it uses are destroyed; the serializer
   // base would only stop it after them.
   TerminateSerialization();
 }
@@ -43,51 +40,61 @@ uint32_t COidMapExtModule::GetModuleInfo(void* moduleInfo) {
   return FillModuleInfo(moduleInfo, kModuleName, kModuleDescription);
 }
 
+uint32_t COidMapExtModule::Start(CIModuleHost* host, uint64_t context) {
+  EM_TRACE(2, "%s", kSeparator);
+  OIDMAP_TRACE(2, "## Start");
+  // Whatever way start ends, the requests held back meanwhile go on.
+  CStartGate::ClosedScope closed(start_gate_);
+  CExtensionModule::Start(host, context);
+  StartSerialization();
+
+  mapper_.BeginTable();
+  OIDMAP_TRACE(2, "## Server's cabinet number = %d", static_cast<int>(ServerCabinet()));
+  cabinets_.BuildCabinetList();
+  for (uint32_t cabinet : cabinets_.CabinetList()) {
+    if (IsSwitchShutdown()) {
+      break;
+    }
+    mapper_.CheckCabinet(cabinet);
+    log_store_.InitCabinet(cabinet);
+  }
+  mapper_.PublishTable();
+
+  cabinets_.ReadHelpDeskMessage();
+  OIDMAP_TRACE(2, "## Start completed! ##");
+  EM_TRACE(2, "%s", kSeparator);
+  return 1;
+}
+
 uint32_t COidMapExtModule::Stop() {
   TerminateSerialization();
   return 1;
 }
 
-uint32_t COidMapExtModule::TranslateMessage(SipJson& msg, int32_t index) {
-  const COidMapTable* table = active_table_.load(std::memory_order_acquire);
-  if (table == nullptr) {
-    return 0;  // mapping not needed, or start has not finished the table yet
+void COidMapExtModule::Rescan() {
+  cabinets_.ProbeIdentModule();
+  cabinets_.BuildCabinetList();
+  cabinets_.ReadSelLanguages();
+  collector_.QueueMessageLogScans(cabinets_.CabinetList());
+}
+
+void COidMapExtModule::OnTaskExecution(SipJson& task, int32_t /*level*/) {
+  const int32_t i = task.CurrentIndex();
+  const uint32_t oc = task.GetOpcode(i);
+  switch (oc) {
+    case CM_TaskLogScan:
+      collector_.RunLogScan(task.GetKey(i, "CA"));
+      break;
+    case CM_TaskMessageLogScan:
+      collector_.RunMessageLogScan(task.GetKey(i, "CA"));
+      break;
+    case CM_LogMessageRaw:
+      queries_.RunRawLogTask(task);
+      break;
+    default:
+      if (IsMessageTextOpcode(oc)) queries_.RunTextTask(task);
+      break;
   }
-  return table->TranslateMessage(msg, index);
-}
-
-const COidMapTable& COidMapExtModule::MapTable() const {
-  static const COidMapTable kEmpty;
-  return tables_.empty() ? kEmpty : *tables_.back();
-}
-
-std::vector<uint32_t> COidMapExtModule::CabinetList() const {
-  CMutexLock guard(cabinet_mutex_);
-  return std::vector<uint32_t>(cabinets_.begin(), cabinets_.begin() + cabinet_count_);
-}
-
-bool COidMapExtModule::IsKnownCabinet(uint32_t cabinet) const {
-  CMutexLock guard(cabinet_mutex_);
-  for (int32_t i = 0; i < cabinet_count_; ++i) {
-    if (cabinets_[static_cast<size_t>(i)] == cabinet) {
-      return true;
-    }
-  }
-  return false;
-}
-
-std::set<uint16_t> COidMapExtModule::SupportedSelLanguages() const {
-  CMutexLock guard(language_mutex_);
-  std::set<uint16_t> ids;
-  for (const auto& lang : sel_languages_) {
-    ids.insert(lang.first);
-  }
-  return ids;
-}
-
-std::string COidMapExtModule::HelpDeskMessage() const {
-  CMutexLock guard(help_desk_mutex_);
-  return help_desk_message_;
 }
 
 }  // namespace em_oidmap

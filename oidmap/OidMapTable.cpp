@@ -1,8 +1,9 @@
 #include "oidmap/OidMapTable.h"
 
-#include "trace/DebugClient.h"
+#include "module/ExtensionModule.h"
 #include "msglog/OldStyleRecord.h"
 #include "oidmap/CountOpcodeTable.h"
+#include "oidmap/ModuleTrace.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
 
@@ -14,9 +15,6 @@ namespace {
 constexpr size_t kInitialOidCapacity = 16;
 
 uint64_t OcCaKey(uint32_t oc, uint32_t ca) { return (static_cast<uint64_t>(oc) << 32) | ca; }
-
-uint32_t MidHigh(uint32_t mid) { return mid >> 16; }
-uint32_t MidLow(uint32_t mid) { return mid & 0xFFFF; }
 
 // The "RAW" byte array of a command's data, or nullptr when the data is not raw bytes.
 // Log records only ever travel as raw bytes; other data forms hold no records.
@@ -78,8 +76,8 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
   // repeats a reply (or many modules) would otherwise grow one entry without end.
   const uint32_t room = kMaxInstancesPerReply - (newEntry ? 0 : entries_[position].Count());
   if (n > room) {
-    EM_TRACE(1,
-             "\nEM_OIDMAP           : WARNING! MID 0x%04X%04X reports %u instances for "
+    OIDMAP_TRACE(1,
+             "WARNING! MID 0x%04X%04X reports %u instances for "
              "opcode 0x%04X-0x%04X; only %u are mapped",
              MidHigh(mid), MidLow(mid), n, countOc, countOe, room);
     n = room;
@@ -93,12 +91,12 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
     entry.ca = ca;
     entries_.push_back(std::move(entry));
     byOcAndCa_[OcCaKey(countOc, ca)].push_back(position);
-    EM_TRACE(3, "\nEM_OIDMAP           : Add map table entry %d for opcode 0x%04X-0x%04X",
+    OIDMAP_TRACE(3, "Add map table entry %d for opcode 0x%04X-0x%04X",
              static_cast<int>(position), countOc, countOe);
   } else {
     const uint32_t count = entries_[position].Count();
-    EM_TRACE(2,
-             "\nEM_OIDMAP           : Increment map count (%d->%d) for opcode 0x%04X-0x%04X",
+    OIDMAP_TRACE(2,
+             "Increment map count (%d->%d) for opcode 0x%04X-0x%04X",
              count, count + n, countOc, countOe);
   }
 
@@ -108,13 +106,13 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
   for (uint32_t i = 0; i < n; ++i) {
     oids.push_back(OidEntry{i, mid});
     if (newEntry) {
-      EM_TRACE(2,
-               "\nEM_OIDMAP           : Counter OC 0x%04X: Map instance id 0x%04X to MID "
+      OIDMAP_TRACE(2,
+               "Counter OC 0x%04X: Map instance id 0x%04X to MID "
                "0x%04X%04X (added OID entry to new table entry)",
                countOc, i, MidHigh(mid), MidLow(mid));
     } else {
-      EM_TRACE(2,
-               "\nEM_OIDMAP           : Counter OC 0x%04X: Map instance id 0x%04X to MID "
+      OIDMAP_TRACE(2,
+               "Counter OC 0x%04X: Map instance id 0x%04X to MID "
                "0x%04X%04X (added OID entry)",
                countOc, i, MidHigh(mid), MidLow(mid));
     }
@@ -271,18 +269,18 @@ uint32_t COidMapTable::PatchRecordToGlobal(SipJson::Value& raw, size_t record, u
   const std::vector<size_t>* positions = PositionsOf(countOc, ca);
   if (!positions) return 0;
   const TableEntry& entry = entries_[positions->front()];
-  EM_TRACE(3, "\nEM_OIDMAP           : OID map table entry for CABID 0x%04X OC 0x%04X found!",
+  OIDMAP_TRACE(3, "OID map table entry for CABID 0x%04X OC 0x%04X found!",
            ca, countOc);
   const uint32_t oid = ReadOid(raw, record);
   for (uint32_t position = 0; position < entry.Count(); ++position) {
     const OidEntry& candidate = entry.oids[position];
-    EM_TRACE(3, "\nEM_OIDMAP           : Compare map table values:");
-    EM_TRACE(3, "\nEM_OIDMAP           :   MsgLog OID 0x%04X <-> MAP OID 0x%04X", oid,
+    OIDMAP_TRACE(3, "Compare map table values:");
+    OIDMAP_TRACE(3, "  MsgLog OID 0x%04X <-> MAP OID 0x%04X", oid,
              candidate.localId);
-    EM_TRACE(3, "\nEM_OIDMAP           :   SIP MID 0x%04X%04X <-> MAP MID 0x%08X%08X",
+    OIDMAP_TRACE(3, "  SIP MID 0x%04X%04X <-> MAP MID 0x%08X%08X",
              MidHigh(mi), MidLow(mi), MidHigh(candidate.mid), MidLow(candidate.mid));
     if (candidate.localId == oid && candidate.mid == mi) {
-      EM_TRACE(2, "\nEM_OIDMAP           : Messag log reply OID patched from 0x%04X to 0x%04X",
+      OIDMAP_TRACE(2, "Messag log reply OID patched from 0x%04X to 0x%04X",
                oid, position);
       WriteOid(raw, record, position);
       return 1;

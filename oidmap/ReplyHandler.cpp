@@ -1,13 +1,12 @@
 // The reply handler (slot 8): every reply and event from a lower module is turned back to
 // the global view and traced; events go on to the host, a cleared log empties its
 // cabinet's cache, and a new log entry is announced with its sequence number.
-#include "trace/DebugClient.h"
+#include "oidmap/ModuleTrace.h"
 #include "oidmap/OidMapExtModule.h"
 #include "oidmap/Opcodes.h"
 #include "sip/SipStatus.h"
 
 namespace em_oidmap {
-
 namespace {
 
 constexpr const char* kBannerStars =
@@ -18,62 +17,55 @@ constexpr const char* kBannerStars =
 void COidMapExtModule::OnReply(SipJson& msg) {
   const int32_t i = msg.CurrentIndex();
   try {
-    TranslateMessage(msg, i);
+    mapper_.TranslateMessage(msg, i);
     const uint32_t st = msg.GetStatus(i);
     if (TraceClient().IsTraceActive()) {
       const uint32_t mi = msg.GetKey(i, "MI", 0);
-      EM_TRACE(2,
-               "\nEM_OIDMAP (REPLY)   : CABID %04d: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X "
-               "Stat 0x%02X",
-               static_cast<int>(msg.GetKey(i, "CA", 0)), msg.GetOpcode(i), msg.GetKey(i, "OE", 0),
-               msg.GetKey(i, "OI", 0), mi >> 16, mi & 0xFFFF, st);
+      REPLY_TRACE(2, "CABID %04d: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X",
+                  static_cast<int>(msg.GetKey(i, "CA", 0)), msg.GetOpcode(i),
+                  msg.GetKey(i, "OE", 0), msg.GetKey(i, "OI", 0), MidHigh(mi), MidLow(mi), st);
     }
     if (st != ST_EVENT) {
       return;
     }
     if (TraceClient().IsTraceActive()) {
       const uint32_t mi = msg.GetKey(i, "MI", 0);
-      EM_TRACE(2, "\nEM_OIDMAP (REPLY)   : Forward translated event from MID 0x%04X%04X", mi >> 16,
-               mi & 0xFFFF);
+      REPLY_TRACE(2, "Forward translated event from MID 0x%04X%04X", MidHigh(mi), MidLow(mi));
     }
     HandBack(msg);
-
-    const uint32_t oc = msg.GetOpcode(i);
-    if (oc == CM_LogClear) {
-      ClearCabinetCache(msg.GetKey(i, "CA", 0));
-      return;
-    }
-    if (oc != CM_LogMessageArgumentsRead && oc != CM_LogEntry) {
-      return;
-    }
-    const uint32_t sequence = CollectFromMessage(msg);
-    if (sequence == 0) {
-      return;
-    }
-    SipJson event(CM_LogMessageEvent, msg.GetKey(i, "OE", 0), msg.GetKey(i, "OI", 0),
-                  msg.GetKey(i, "CA", 0));
-    event.SetDataValue(sequence, ST_SUCCESS);
-    EM_TRACE(2, "\nEM_OIDMAP (REPLY)   : FireEvent CM_LogMessageEvent (Sequence Number: %d)",
-             static_cast<int>(sequence));
-    HandBack(event);
+    HandleLogEvent(msg, i);
   } catch (...) {
     // The host's delivery thread must survive whatever went wrong; the locks of the cache
     // were released on the way out.
     try {
       EM_TRACE(1, "\n\n%s", kBannerStars);
-      EM_TRACE(1,
-               "\nEM_OIDMAP           : CAB %04d: FATAL ERROR! EXCEPTION in Reply Handler at "
-               "OpCode 0x%04X!",
-               static_cast<int>(msg.GetKey(i, "CA", 0)), msg.GetOpcode(i));
+      OIDMAP_TRACE(1, "CAB %04d: FATAL ERROR! EXCEPTION in Reply Handler at OpCode 0x%04X!",
+                   static_cast<int>(msg.GetKey(i, "CA", 0)), msg.GetOpcode(i));
       EM_TRACE(1, "\n%s\n", kBannerStars);
     } catch (...) {
     }
   }
 }
 
-void COidMapExtModule::ClearCabinetCache(uint32_t cabinet) {
-  CRecursiveLockGuard guard(cache_lock_);
-  msg_log_cache_.ClearCabinet(cabinet);
+void COidMapExtModule::HandleLogEvent(SipJson& msg, int32_t i) {
+  const uint32_t oc = msg.GetOpcode(i);
+  if (oc == CM_LogClear) {
+    log_store_.ClearCabinet(msg.GetKey(i, "CA", 0));
+    return;
+  }
+  if (oc != CM_LogMessageArgumentsRead && oc != CM_LogEntry) {
+    return;
+  }
+  const uint32_t sequence = collector_.CollectFromMessage(msg);
+  if (sequence == 0) {
+    return;
+  }
+  SipJson event(CM_LogMessageEvent, msg.GetKey(i, "OE", 0), msg.GetKey(i, "OI", 0),
+                msg.GetKey(i, "CA", 0));
+  event.SetDataValue(sequence, ST_SUCCESS);
+  REPLY_TRACE(2, "FireEvent CM_LogMessageEvent (Sequence Number: %d)",
+              static_cast<int>(sequence));
+  HandBack(event);
 }
 
 }  // namespace em_oidmap

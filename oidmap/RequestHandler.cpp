@@ -3,9 +3,10 @@
 // log opcodes. Every way out is traced with " (RET)".
 #include <exception>
 
-#include "trace/DebugClient.h"
+#include "oidmap/ModuleTrace.h"
 #include "oidmap/OidMapExtModule.h"
 #include "oidmap/Opcodes.h"
+#include "oidmap/Timeouts.h"
 #include "sip/SipStatus.h"
 
 namespace em_oidmap {
@@ -68,13 +69,13 @@ uint32_t COidMapExtModule::OnRequest(SipJson& msg) {
     result = HandleRequest(msg);
   } catch (const std::exception& e) {
     // Nothing may reach the host; the client learns that its request failed.
-    EM_TRACE(1, "\nEM_OIDMAP           : ## ERROR! Exception in request handler at OpCode 0x%04X: %s",
-             msg.GetOpcode(msg.CurrentIndex()), e.what());
+    OIDMAP_TRACE(1, "## ERROR! Exception in request handler at OpCode 0x%04X: %s",
+                 msg.GetOpcode(msg.CurrentIndex()), e.what());
     msg.SetStatus(ST_NOT_AVAILABLE);
     result = 1;
   } catch (...) {
-    EM_TRACE(1, "\nEM_OIDMAP           : ## ERROR! Exception in request handler at OpCode 0x%04X",
-             msg.GetOpcode(msg.CurrentIndex()));
+    OIDMAP_TRACE(1, "## ERROR! Exception in request handler at OpCode 0x%04X",
+                 msg.GetOpcode(msg.CurrentIndex()));
     msg.SetStatus(ST_NOT_AVAILABLE);
     result = 1;
   }
@@ -92,74 +93,44 @@ uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
   const uint32_t oc = header.oc;
 
   if (IsThresholdWrite(oc, header.oe)) {
-    EM_TRACE(3, "\nEM_OIDMAP (MMR)     : no broadcast - always handled by EM_THRESH");
+    MMR_TRACE(3, "no broadcast - always handled by EM_THRESH");
     msg.SetStatus(ST_NOT_HANDLED);
     return 0;
   }
-
   // A request that overtakes start would otherwise pass untranslated, and a lower module
   // would take its global index for a local one.
-  if (!WaitForStartCompleted()) {
-    EM_TRACE(1, "\nEM_OIDMAP           : ERROR! Timeout (%u sec) waiting for start to complete",
-             kStartWaitMs / 1000);
+  if (!start_gate_.WaitUntilOpen(kStartWaitMs)) {
+    OIDMAP_TRACE(1, "ERROR! Timeout (%u sec) waiting for start to complete", kStartWaitMs / 1000);
     msg.SetStatus(ST_TIMEOUT);
     return 1;
   }
 
   const ClientView view = SaveClientView(command, header);
-  if (TranslateMessage(msg, i) != 0) {
+  if (mapper_.TranslateMessage(msg, i) != 0) {
     if (IsValidReplyStatus(header.st)) {  // translation never changes ST
       return 1;  // the client sent an answer, not a question
     }
     if (TraceClient().IsTraceActive()) {
       const uint32_t mi = msg.GetKey(i, "MI", 0);
-      EM_TRACE(3, "\nEM_OIDMAP (TRANSLAT): CABID %04d: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X",
+      EM_TRACE(3, EM_OIDMAP_TRANSLAT_LINE "CABID %04d: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X",
                static_cast<int>(msg.GetKey(i, "CA", 0)), oc, msg.GetKey(i, "OE", 0),
-               msg.GetKey(i, "OI", 0), mi >> 16, mi & 0xFFFF);
+               msg.GetKey(i, "OI", 0), MidHigh(mi), MidLow(mi));
     }
-    SendRequest(msg, kSingleRequestTimeoutMs);
+    link_.SendRequest(msg, kSingleRequestTimeoutMs);
     FinaliseReply(msg, view);
     return 1;
   }
 
-  if (MultipleModuleRequest(msg) != 0) {
-    EM_TRACE(3, "\nEM_OIDMAP           : MultipleModuleRequest handled");
+  if (multiple_.Handle(msg) != 0) {
+    OIDMAP_TRACE(3, "MultipleModuleRequest handled");
     FinaliseReply(msg, view);
     return 1;
   }
-
   if (oc < CM_MessageLogFirst || oc > CM_MessageLogLast) {
     msg.SetStatus(ST_NOT_HANDLED);
     return 0;
   }
-  switch (oc) {
-    case CM_MessageLogAvailable:
-      return AnswerLogAvailable(msg);
-    case CM_GetMsgLogCacheEntries:
-    case CM_MsgLogLastSequenceNumber:
-    case CM_MsgLogNumberOfEntries:
-    case CM_LogMessageRaw:
-    case CM_SupportedSelLanguages:
-      return HandleMessageLogRequest(msg, oc);
-    default:
-      if (IsMessageTextOpcode(oc)) return HandleMessageLogRequest(msg, oc);
-      msg.SetStatus(ST_NOT_HANDLED);
-      return 0;
-  }
-}
-
-uint32_t COidMapExtModule::AnswerLogAvailable(SipJson& msg) {
-  const uint32_t ca = msg.GetKey(msg.CurrentIndex(), "CA", 0);
-  if (!IsKnownCabinet(ca)) {
-    msg.SetStatus(ST_LOG_INVALID);
-    EM_TRACE(1, "\nEM_OIDMAP           : ERROR! Message log is invalid for CABID %04d",
-             static_cast<int>(ca));
-    return 1;
-  }
-  const bool available = IsLogDataSupported();
-  msg.SetDataValue(available ? 1 : 0, ST_SUCCESS);
-  EM_TRACE(2, "\nEM_OIDMAP           : Message Log %savailable!", available ? "" : "not ");
-  return 1;
+  return queries_.Answer(msg, oc);
 }
 
 }  // namespace em_oidmap
