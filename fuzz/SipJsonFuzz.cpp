@@ -8,8 +8,6 @@
 
 #include "sip/SipJson.h"
 
-using namespace em_oidmap;  // a program of its own: its names are short
-
 namespace {
 
 void ReadEverything(const SipJson& msg, int32_t index) {
