@@ -165,70 +165,99 @@ void CExtensionModule::TraceReply(const SipJson& msg, uint32_t level) {
   TraceMessage(msg, level, " (RPL)");
 }
 
-void CExtensionModule::TraceMessage(const SipJson& msg, uint32_t level, const char* suffix) {
-  if (!TraceClient().IsTraceActive()) {
-    return;
-  }
-  const int32_t i = msg.CurrentIndex();
-  const std::string tag = std::string(GetModuleTag()) + suffix;
-  // Peers may send these as text numbers ("0x0310"): read them leniently.
-  const uint32_t oc = msg.GetKey(i, "OC", 0);
-  const uint32_t oe = msg.GetKey(i, "OE", 0);
-  const uint32_t oi = msg.GetKey(i, "OI", 0);
-  const uint32_t mi = msg.GetKey(i, "MI", 0);
-  const uint32_t st = msg.GetStatus(i);
-  const uint32_t mi_hi = MidHigh(mi);
-  const uint32_t mi_lo = MidLow(mi);
-  const SipDataForm form = msg.GetDataForm(i);
-  const bool is_value = form == SipDataForm::kBoolean || form == SipDataForm::kInteger;
-  const bool is_struct = form == SipDataForm::kJsonStruct;
+namespace {
 
-  if (!msg.HasKey(i, "CA")) {
-    if (form == SipDataForm::kNone) {
-      EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X",
-               tag.c_str(), oc, oe, oi, mi_hi, mi_lo, st);
-    } else if (is_value) {
-      uint32_t value = 0;
-      msg.GetDataValue(i, value);
-      EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Data %d",
-               tag.c_str(), oc, oe, oi, mi_hi, mi_lo, st, static_cast<int>(value));
-    } else if (is_struct) {
-      const std::string json = msg.GetDataJsonText(i);
-      EM_TRACE(level,
-               "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Data (JSON "
-               "struct):\n%s",
-               tag.c_str(), oc, oe, oi, mi_hi, mi_lo, st, json.c_str());
-    } else {
-      EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Len %d",
-               tag.c_str(), oc, oe, oi, mi_hi, mi_lo, st,
-               static_cast<int>(msg.GetDataLength(i)));
-    }
-    return;
+// The members of a command that its trace line shows.
+struct CommandTrace {
+  const char* tag;
+  uint32_t oc, oe, oi, miHigh, miLow, st;
+  SipDataForm form;
+  uint32_t value;    // the data as a number, when it is one
+  std::string json;  // the data as JSON text, when it is a struct
+  int length;        // the data's length, for other forms
+};
+
+CommandTrace ReadCommandTrace(const SipJson& msg, const char* tag) {
+  const int32_t i = msg.CurrentIndex();
+  CommandTrace t{};
+  t.tag = tag;
+  // Peers may send these as text numbers ("0x0310"): read them leniently.
+  t.oc = msg.GetKey(i, "OC", 0);
+  t.oe = msg.GetKey(i, "OE", 0);
+  t.oi = msg.GetKey(i, "OI", 0);
+  const uint32_t mi = msg.GetKey(i, "MI", 0);
+  t.miHigh = MidHigh(mi);
+  t.miLow = MidLow(mi);
+  t.st = msg.GetStatus(i);
+  t.form = msg.GetDataForm(i);
+  if (t.form == SipDataForm::kBoolean || t.form == SipDataForm::kInteger) {
+    msg.GetDataValue(i, t.value);
+  } else if (t.form == SipDataForm::kJsonStruct) {
+    t.json = msg.GetDataJsonText(i);
+  } else if (t.form != SipDataForm::kNone) {
+    t.length = static_cast<int>(msg.GetDataLength(i));
   }
-  const int ca = static_cast<int>(msg.GetKey(i, "CA", 0));
-  if (form == SipDataForm::kNone) {
+  return t;
+}
+
+bool IsValueForm(SipDataForm form) {
+  return form == SipDataForm::kBoolean || form == SipDataForm::kInteger;
+}
+
+void TraceWithoutCabinet(uint32_t level, const CommandTrace& t) {
+  if (t.form == SipDataForm::kNone) {
+    EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X", t.tag,
+             t.oc, t.oe, t.oi, t.miHigh, t.miLow, t.st);
+  } else if (IsValueForm(t.form)) {
+    EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Data %d",
+             t.tag, t.oc, t.oe, t.oi, t.miHigh, t.miLow, t.st, static_cast<int>(t.value));
+  } else if (t.form == SipDataForm::kJsonStruct) {
+    EM_TRACE(level,
+             "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Data (JSON "
+             "struct):\n%s",
+             t.tag, t.oc, t.oe, t.oi, t.miHigh, t.miLow, t.st, t.json.c_str());
+  } else {
+    EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Len %d",
+             t.tag, t.oc, t.oe, t.oi, t.miHigh, t.miLow, t.st, t.length);
+  }
+}
+
+void TraceWithCabinet(uint32_t level, const CommandTrace& t, int ca) {
+  if (t.form == SipDataForm::kNone) {
     EM_TRACE(level,
              "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X",
-             tag.c_str(), oc, oe, oi, ca, mi_hi, mi_lo, st);
-  } else if (is_value) {
-    uint32_t value = 0;
-    msg.GetDataValue(i, value);
+             t.tag, t.oc, t.oe, t.oi, ca, t.miHigh, t.miLow, t.st);
+  } else if (IsValueForm(t.form)) {
     EM_TRACE(level,
              "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X "
              "Data %d",
-             tag.c_str(), oc, oe, oi, ca, mi_hi, mi_lo, st, static_cast<int>(value));
-  } else if (is_struct) {
-    const std::string json = msg.GetDataJsonText(i);
+             t.tag, t.oc, t.oe, t.oi, ca, t.miHigh, t.miLow, t.st, static_cast<int>(t.value));
+  } else if (t.form == SipDataForm::kJsonStruct) {
     EM_TRACE(level,
              "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X "
              "Data (JSON struct):\n%s",
-             tag.c_str(), oc, oe, oi, ca, mi_hi, mi_lo, st, json.c_str());
+             t.tag, t.oc, t.oe, t.oi, ca, t.miHigh, t.miLow, t.st, t.json.c_str());
   } else {
     EM_TRACE(level,
              "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X "
              "Len %d",
-             tag.c_str(), oc, oe, oi, ca, mi_hi, mi_lo, st,
-             static_cast<int>(msg.GetDataLength(i)));
+             t.tag, t.oc, t.oe, t.oi, ca, t.miHigh, t.miLow, t.st, t.length);
+  }
+}
+
+}  // namespace
+
+void CExtensionModule::TraceMessage(const SipJson& msg, uint32_t level, const char* suffix) {
+  if (!TraceClient().IsTraceActive()) {
+    return;
+  }
+  const std::string tag = std::string(GetModuleTag()) + suffix;
+  const CommandTrace t = ReadCommandTrace(msg, tag.c_str());
+  const int32_t i = msg.CurrentIndex();
+  if (msg.HasKey(i, "CA")) {
+    TraceWithCabinet(level, t, static_cast<int>(msg.GetKey(i, "CA", 0)));
+  } else {
+    TraceWithoutCabinet(level, t);
   }
 }
 

@@ -258,6 +258,35 @@ std::string CLogMsgDecoder::FallbackText(uint32_t errorCode, const std::vector<A
   return text;
 }
 
+std::string CLogMsgDecoder::DecodeFormatted(const uint8_t* record, size_t length,
+                                            bool shortText, const std::string& designation,
+                                            const char* languageName) const {
+  const uint8_t low = record[0];
+  const uint8_t cls = record[1] & 0x3F;
+  EM_TRACE(4, "\nCLogMsgDecoder      :     Number Args (pLogEntry): %d",
+           static_cast<int>(record[3]));
+  const bool unified = format_ == LogMsgFormat::kUnified;
+  const uint32_t errorCode = unified ? (cls * 65536u + low) : (cls * 256u + low);
+  const std::vector<Argument> args =
+      CollectArguments(record, length, errorCode, languageName ? languageName : "");
+
+  const std::string codeText = ErrorCodeText(errorCode, format_);
+  const std::string_view format =
+      file_ ? file_->FindMessage(codeText, shortText ? kKeyShortMsg : kKeyLongMsg,
+                                 languageName, 0)
+            : std::string_view();
+  EM_TRACE(4, "\nCLogMsgDecoder      :  %s Message: \"%s\"", shortText ? "Short" : "Long",
+           std::string(format).c_str());
+  if (format.empty()) {
+    return FallbackText(errorCode, args, shortText);
+  }
+  const Argument marker0 = Read16(record, length, kArgsOffset);
+  const Argument marker1 = Read16(record, length, 10);
+  const bool notSet = marker0.present && marker1.present &&
+                      marker0.value == kArgsNotSetMarker && marker1.value == kArgsNotSetMarker;
+  return FillFormat(format, args, designation, format_, notSet);
+}
+
 int32_t CLogMsgDecoder::Decode(const uint8_t* record, size_t length, std::string& out,
                                bool withCodePrefix, bool shortText,
                                const std::string& designation,
@@ -281,30 +310,7 @@ int32_t CLogMsgDecoder::Decode(const uint8_t* record, size_t length, std::string
         text.assign(begin, strnlen(begin, end - kArgsOffset));
       }
     } else {
-      EM_TRACE(4, "\nCLogMsgDecoder      :     Number Args (pLogEntry): %d", static_cast<int>(n));
-      const bool unified = format_ == LogMsgFormat::kUnified;
-      const uint32_t errorCode = unified ? (cls * 65536u + low) : (cls * 256u + low);
-      const std::vector<Argument> args =
-          CollectArguments(record, length, errorCode, languageName ? languageName : "");
-
-      const std::string codeText = ErrorCodeText(errorCode, format_);
-      const std::string_view format =
-          file_ ? file_->FindMessage(codeText, shortText ? kKeyShortMsg : kKeyLongMsg,
-                                     languageName, 0)
-                : std::string_view();
-      EM_TRACE(4, "\nCLogMsgDecoder      :  %s Message: \"%s\"", shortText ? "Short" : "Long",
-               std::string(format).c_str());
-
-      if (format.empty()) {
-        text = FallbackText(errorCode, args, shortText);
-      } else {
-        const Argument marker0 = Read16(record, length, kArgsOffset);
-        const Argument marker1 = Read16(record, length, 10);
-        const bool notSet = marker0.present && marker1.present &&
-                            marker0.value == kArgsNotSetMarker &&
-                            marker1.value == kArgsNotSetMarker;
-        text = FillFormat(format, args, designation, format_, notSet);
-      }
+      text = DecodeFormatted(record, length, shortText, designation, languageName);
     }
 
     std::string result;

@@ -72,6 +72,10 @@ class CLogMsgDecoder {
                                        const std::map<int32_t, std::string>& args);
 
  private:
+  // The text of a record that is not an inline-text record: its message of the file filled
+  // with its arguments, or the fallback text without one.
+  std::string DecodeFormatted(const uint8_t* record, size_t length, bool shortText,
+                              const std::string& designation, const char* languageName) const;
   std::vector<Argument> CollectArguments(const uint8_t* record, size_t length,
                                          uint32_t errorCode, const char* langForTrace) const;
   std::string FallbackText(uint32_t errorCode, const std::vector<Argument>& args,

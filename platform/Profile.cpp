@@ -12,7 +12,9 @@
 #include <cstring>
 #include <memory>
 #include <new>
+#include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "trace/DebugClient.h"
@@ -110,9 +112,99 @@ bool CreateProfile(const char* path, const char* section, const std::string& key
   return ok;
 }
 
+// One write to an existing file: the scan for the section and the key, and the edit made
+// where it finds them.
+class ProfileEdit {
+ public:
+  ProfileEdit(FILE* file, const char* section, const char* key, const char* value,
+              std::string keyLine)
+      : file_(file),
+        section_(section),
+        sectionLength_(strlen(section)),
+        key_(key),
+        value_(value),
+        keyLine_(std::move(keyLine)) {}
+
+  bool Run() {
+    long noted = -1;  // start of the blank and comment lines above the next line
+    platform_detail::BoundedLine line;
+    for (;;) {
+      long lineStart = ftell(file_);
+      if (lineStart < 0) return false;
+      if (!platform_detail::ReadBoundedLine(file_, kProfileLineBytes, &line)) break;
+      long lineEnd = ftell(file_);
+      if (lineEnd < 0) return false;
+      const std::string& t = line.text;
+      if (t.empty() || t[0] == ';') {
+        if (noted < 0) noted = lineStart;
+        continue;
+      }
+      const long position = noted >= 0 ? noted : lineStart;
+      noted = -1;
+      const std::optional<bool> edited =
+          t[0] == '[' ? OnHeader(t, position) : OnKeyLine(t, position, lineEnd);
+      if (edited) return *edited;
+    }
+    return AtEnd();
+  }
+
+ private:
+  // A section header: it ends our section without the key (the edit is made there) or
+  // opens it. Nothing when the scan goes on.
+  std::optional<bool> OnHeader(const std::string& t, long position) {
+    if (open_) {
+      if (key_ == nullptr) return ReplaceRegion(file_, sectionStart_, position, false, "");
+      if (value_ == nullptr) return false;
+      return ReplaceRegion(file_, position, position, false, keyLine_);
+    }
+    if (t.compare(1, sectionLength_, section_) == 0 && t.size() > sectionLength_ + 1 &&
+        t[sectionLength_ + 1] == ']') {
+      open_ = true;
+      sectionStart_ = position;
+      lineCounter_ = 0;
+    }
+    return std::nullopt;
+  }
+
+  // A line of a section: our key's line is replaced (or deleted with an empty key line).
+  std::optional<bool> OnKeyLine(const std::string& t, long position, long lineEnd) {
+    if (!open_) return std::nullopt;
+    ++lineCounter_;
+    size_t eq = t.find('=');
+    if (eq == std::string::npos || key_ == nullptr) return std::nullopt;
+    size_t keyEnd = eq;
+    while (keyEnd > 0 && IsBlank(t[keyEnd - 1])) --keyEnd;
+    if (t.compare(0, keyEnd, key_) != 0) return std::nullopt;
+    // The first key line's region swallowed the empty line below the header.
+    return ReplaceRegion(file_, position, lineEnd, lineCounter_ < 2, keyLine_);
+  }
+
+  // The file ended before the edit was made.
+  bool AtEnd() {
+    if (key_ != nullptr && value_ != nullptr) {
+      return AppendText(file_, open_ ? keyLine_ : NewSection(section_, keyLine_));
+    }
+    if (key_ == nullptr && open_) {
+      if (fseek(file_, 0, SEEK_END) != 0) return false;
+      long end = ftell(file_);
+      return end >= 0 && ReplaceRegion(file_, sectionStart_, end, false, "");
+    }
+    return false;
+  }
+
+  FILE* const file_;
+  const char* const section_;
+  const size_t sectionLength_;
+  const char* const key_;
+  const char* const value_;
+  const std::string keyLine_;
+  bool open_ = false;  // inside our section
+  long sectionStart_ = 0;
+  int lineCounter_ = 0;
+};
+
 bool WriteProfile(const char* section, const char* key, const char* value, const char* path) {
-  const std::string keyLine =
-      key && value ? std::string(key) + "=" + value + "\n" : std::string();
+  std::string keyLine = key && value ? std::string(key) + "=" + value + "\n" : std::string();
   FilePtr file(fopen(path, "r+"));
   if (!file) {
     if (errno == ENOENT) {
@@ -122,62 +214,90 @@ bool WriteProfile(const char* section, const char* key, const char* value, const
     EM_TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", path);
     return false;
   }
+  return ProfileEdit(file.get(), section, key, value, std::move(keyLine)).Run();
+}
 
-  const size_t sectionLength = strlen(section);
-  bool open = false;
-  long sectionStart = 0;
-  int lineCounter = 0;
-  long noted = -1;  // start of the blank and comment lines above the next line
-  platform_detail::BoundedLine line;
-  for (;;) {
-    long lineStart = ftell(file.get());
-    if (lineStart < 0) return false;
-    if (!platform_detail::ReadBoundedLine(file.get(), kProfileLineBytes, &line)) break;
-    long lineEnd = ftell(file.get());
-    if (lineEnd < 0) return false;
-    const std::string& t = line.text;
-    if (t.empty() || t[0] == ';') {
-      if (noted < 0) noted = lineStart;
-      continue;
-    }
-    const long position = noted >= 0 ? noted : lineStart;
-    noted = -1;
-
-    if (t[0] == '[') {
-      if (open) {
-        // The section ends here without the key.
-        if (key == nullptr) return ReplaceRegion(file.get(), sectionStart, position, false, "");
-        if (value == nullptr) return false;
-        return ReplaceRegion(file.get(), position, position, false, keyLine);
+// The answer of a read, in the caller's buffer: characters are added while there is room.
+class ProfileAnswer {
+ public:
+  ProfileAnswer(char* buffer, uint32_t size) : buffer_(buffer), size_(size) {}
+  uint32_t Count() const { return count_; }
+  void Put(char c) {
+    if (count_ < size_) buffer_[count_++] = c;
+  }
+  void PutText(const char* begin, const char* end) {
+    for (const char* p = begin; p < end && count_ < size_; ++p) Put(*p);
+  }
+  // Terminates the answer (a list with an extra NUL after the last name's own) and
+  // returns its length; an answer cut by the buffer's size is cut on a whole terminator.
+  uint32_t Finish(bool list) {
+    if (count_ >= size_) {
+      if (list) {
+        if (size_ < 2) {
+          buffer_[0] = '\0';
+          return 0;
+        }
+        buffer_[size_ - 2] = '\0';
+        buffer_[size_ - 1] = '\0';
+        return size_ - 2;
       }
-      if (t.compare(1, sectionLength, section) == 0 && t.size() > sectionLength + 1 &&
-          t[sectionLength + 1] == ']') {
-        open = true;
-        sectionStart = position;
-        lineCounter = 0;
-      }
-      continue;
+      count_ = size_ - 1;
     }
-    if (!open) continue;
-    ++lineCounter;
-    size_t eq = t.find('=');
-    if (eq == std::string::npos || key == nullptr) continue;
-    size_t keyEnd = eq;
-    while (keyEnd > 0 && IsBlank(t[keyEnd - 1])) --keyEnd;
-    if (t.compare(0, keyEnd, key) == 0) {
-      // The first key line's region swallowed the empty line below the header.
-      return ReplaceRegion(file.get(), position, lineEnd, lineCounter < 2, keyLine);
-    }
+    buffer_[count_] = '\0';
+    return count_;
   }
 
-  if (key != nullptr && value != nullptr) {
-    return AppendText(file.get(), open ? keyLine : NewSection(section, keyLine));
+ private:
+  char* const buffer_;
+  const uint32_t size_;
+  uint32_t count_ = 0;
+};
+
+// One line of a read: adds to `answer` what it asks of the line (the section names when
+// `section` is null, the keys of the section when `key` is null, else the key's value).
+// False when the read is complete.
+bool ReadProfileLine(std::string& t, const char* section, const char* key, bool* inSection,
+                     ProfileAnswer& answer) {
+  size_t first = 0;
+  while (first < t.size() && IsSpace(t[first])) ++first;
+  if (first == t.size() || t[first] == ';') return true;
+  size_t semicolon = t.find(';', first);
+  if (semicolon != std::string::npos) t.resize(semicolon);
+  while (t.size() > first && IsSpace(t.back())) t.pop_back();
+  const char* p = t.c_str() + first;
+  const char* end = t.c_str() + t.size();
+
+  if (*p == '[') {
+    if (*inSection) return false;
+    if (section == nullptr) {
+      const char* close = strchr(p, ']');
+      if (close == nullptr) return true;
+      answer.PutText(p + 1, close);
+      answer.Put('\0');
+      return true;
+    }
+    const size_t sectionLength = strlen(section);
+    if (strncmp(p + 1, section, sectionLength) == 0 && p[1 + sectionLength] == ']') {
+      *inSection = true;
+    }
+    return true;
   }
-  if (key == nullptr && open) {
-    if (fseek(file.get(), 0, SEEK_END) != 0) return false;
-    long end = ftell(file.get());
-    return end >= 0 && ReplaceRegion(file.get(), sectionStart, end, false, "");
+  if (!*inSection) return true;
+  const char* eq = strchr(p, '=');
+  if (eq == nullptr) return true;
+  const char* keyEnd = eq;
+  while (keyEnd > p && IsSpace(keyEnd[-1])) --keyEnd;
+  if (key == nullptr) {
+    answer.PutText(p, keyEnd);
+    answer.Put('\0');
+    return true;
   }
+  if (static_cast<size_t>(keyEnd - p) != strlen(key) || strncmp(p, key, keyEnd - p) != 0) {
+    return true;
+  }
+  const char* v = eq + 1;
+  while (v < end && IsSpace(*v)) ++v;
+  answer.PutText(v, end);
   return false;
 }
 
@@ -195,80 +315,20 @@ uint32_t GetPrivateProfileString(const char* section, const char* key,
   }
 
   const bool list = section == nullptr || key == nullptr;
-  const size_t sectionLength = section ? strlen(section) : 0;
   // Only a list keeps room for its closing NULs; a value read must still find its key
   // when the buffer holds just one character and the terminator.
   const int64_t stopAt = static_cast<int64_t>(bufferSize) - (list ? 2 : 0);
-  uint32_t count = 0;
-  auto put = [&](char c) {
-    if (count < bufferSize) buffer[count++] = c;
-  };
-  auto putText = [&](const char* begin, const char* end) {
-    for (const char* p = begin; p < end && count < bufferSize; ++p) put(*p);
-  };
-
+  ProfileAnswer answer(buffer, bufferSize);
   bool inSection = false;
   platform_detail::BoundedLine line;
-  while (static_cast<int64_t>(count) < stopAt &&
+  while (static_cast<int64_t>(answer.Count()) < stopAt &&
          platform_detail::ReadBoundedLine(file.get(), kProfileLineBytes, &line)) {
-    std::string& t = line.text;
-    size_t first = 0;
-    while (first < t.size() && IsSpace(t[first])) ++first;
-    if (first == t.size() || t[first] == ';') continue;
-    size_t semicolon = t.find(';', first);
-    if (semicolon != std::string::npos) t.resize(semicolon);
-    while (t.size() > first && IsSpace(t.back())) t.pop_back();
-    const char* p = t.c_str() + first;
-    const char* end = t.c_str() + t.size();
-
-    if (*p == '[') {
-      if (inSection) break;
-      if (section == nullptr) {
-        const char* close = strchr(p, ']');
-        if (close == nullptr) continue;
-        putText(p + 1, close);
-        put('\0');
-        continue;
-      }
-      if (strncmp(p + 1, section, sectionLength) == 0 && p[1 + sectionLength] == ']') {
-        inSection = true;
-      }
-      continue;
-    }
-    if (!inSection) continue;
-    const char* eq = strchr(p, '=');
-    if (eq == nullptr) continue;
-    const char* keyEnd = eq;
-    while (keyEnd > p && IsSpace(keyEnd[-1])) --keyEnd;
-    if (key == nullptr) {
-      putText(p, keyEnd);
-      put('\0');
-      continue;
-    }
-    if (static_cast<size_t>(keyEnd - p) == strlen(key) && strncmp(p, key, keyEnd - p) == 0) {
-      const char* v = eq + 1;
-      while (v < end && IsSpace(*v)) ++v;
-      putText(v, end);
-      break;
-    }
+    if (!ReadProfileLine(line.text, section, key, &inSection, answer)) break;
   }
   file.reset();
 
-  if (count == 0) return StoreDefault(section, key, defaultValue, buffer, bufferSize);
-  if (count >= bufferSize) {
-    if (list) {
-      if (bufferSize < 2) {
-        buffer[0] = '\0';
-        return 0;
-      }
-      buffer[bufferSize - 2] = '\0';
-      buffer[bufferSize - 1] = '\0';
-      return bufferSize - 2;
-    }
-    count = bufferSize - 1;
-  }
-  buffer[count] = '\0';  // for a list, the extra NUL after the last name's own
-  return count;
+  if (answer.Count() == 0) return StoreDefault(section, key, defaultValue, buffer, bufferSize);
+  return answer.Finish(list);
 }
 
 bool WritePrivateProfileString(const char* section, const char* key, const char* value,

@@ -10,7 +10,7 @@
 #include <memory>
 
 #include "base/ThreadAnnotations.h"
-#include "runtime/NeverDestroyed.h"
+#include "runtime/NamedEventTable.h"
 #include "runtime/RecursiveLock.h"
 #include "trace/DebugClient.h"
 
@@ -68,86 +68,6 @@ uint8_t LoadManual(const CEventObject* ev) {
   return ev->isManual.load(std::memory_order_relaxed);
 }
 const char* NameOf(const CEventObject* ev) { return ev->name ? ev->name.get() : "anon"; }
-
-std::unique_ptr<char[]> CopyName(const char* name) {
-  size_t len = strlen(name);
-  std::unique_ptr<char[]> copy(new char[len + 1]);
-  memcpy(copy.get(), name, len + 1);
-  return copy;
-}
-
-// strcmp order, with a missing name after every present one: cleared entries sort last.
-int CompareNames(const char* a, const char* b) {
-  if (a == nullptr) return b == nullptr ? 0 : 1;
-  if (b == nullptr) return -1;
-  return strcmp(a, b);
-}
-
-struct NameEntry {
-  std::unique_ptr<char[]> name;  // owned by the table
-  CEventObject* event = nullptr;
-  uintptr_t reserved = 0;        // always 0
-};
-
-// The process-wide table of named events, kept sorted by name. Every member is called
-// with NameTableLock() held.
-class NamedEventTable {
- public:
-  NameEntry* Find(const char* name) REQUIRES(NameTableLock()) {
-    NameEntry* begin = entries_.get();
-    NameEntry* end = begin + count_;
-    NameEntry* it = std::lower_bound(begin, end, name, [](const NameEntry& e, const char* n) {
-      return CompareNames(e.name.get(), n) < 0;
-    });
-    if (it != end && CompareNames(it->name.get(), name) == 0) return it;
-    return nullptr;
-  }
-
-  // Appends an entry with a copy of `name`; the caller sorts afterwards.
-  NameEntry* Append(const char* name) REQUIRES(NameTableLock()) {
-    if (count_ >= capacity_) Grow();
-    NameEntry* entry = &entries_[count_++];
-    entry->name = CopyName(name);
-    entry->event = nullptr;
-    entry->reserved = 0;
-    return entry;
-  }
-
-  // Frees the entry's name and drops it: it sorts to the end and falls out of the count.
-  void Remove(NameEntry* entry) REQUIRES(NameTableLock()) {
-    entry->name.reset();
-    entry->event = nullptr;
-    Sort();
-    --count_;
-  }
-
-  void Sort() REQUIRES(NameTableLock()) {
-    std::sort(entries_.get(), entries_.get() + count_, [](const NameEntry& a, const NameEntry& b) {
-      return CompareNames(a.name.get(), b.name.get()) < 0;
-    });
-  }
-
-  NamedEventTableStats Stats() const REQUIRES(NameTableLock()) { return {count_, capacity_}; }
-
- private:
-  void Grow() REQUIRES(NameTableLock()) {
-    size_t capacity = count_ + 16;
-    std::unique_ptr<NameEntry[]> grown(new NameEntry[capacity]());
-    std::move(entries_.get(), entries_.get() + count_, grown.get());
-    entries_ = std::move(grown);
-    capacity_ = capacity;
-  }
-
-  std::unique_ptr<NameEntry[]> entries_ GUARDED_BY(NameTableLock());
-  size_t count_ GUARDED_BY(NameTableLock()) = 0;
-  size_t capacity_ GUARDED_BY(NameTableLock()) = 0;
-};
-
-// Never destroyed, like the locks: events may be released during static destruction.
-NamedEventTable& Table() {
-  static NeverDestroyed<NamedEventTable> table;
-  return table.Get();
-}
 
 // Holds an event's mutex for a scope, when it could be locked: Rc() is the lock's result.
 // Leaving the scope (normally, or through a cancellation unwinding out of the condition
@@ -359,7 +279,7 @@ bool CEvent::CreateNamed(bool isSignaled, bool isManual, const char* name) {
   }
   std::unique_ptr<CEventObject> ev = MakeEventObject(isSignaled, isManual, name);
   if (!ev) return false;
-  ev->name = CopyName(name);
+  ev->name = CopyEventName(name);
   {
     CRecursiveLockGuard tableGuard(NameTableLock());
     NamedEventTable& table = Table();

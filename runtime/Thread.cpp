@@ -14,6 +14,45 @@ unsigned ShortId(pthread_t id) { return static_cast<unsigned>(id); }
 CThread::CThread(bool killAliveThread, CThreadOps ops)
     : killAliveThread_(killAliveThread ? 1 : 0), ops_(std::move(ops)) {}
 
+bool CThread::PrepareAttributes(pthread_attr_t* attr, uint32_t priority, uint8_t waitable) {
+  int rc = ops_.attrInit(attr);
+  if (rc != 0) {
+    EM_TRACE(2, "\npthread_attr_init failed: %d", rc);
+    return false;
+  }
+  EM_TRACE(4, "\npthread_attr_init: %d", 0);
+
+  if (waitable == 0) {
+    rc = ops_.attrSetDetachState(attr, PTHREAD_CREATE_DETACHED);
+    if (rc != 0) {
+      EM_TRACE(2, "\npthread_attr_setdetachstate failed: %d", rc);
+      return false;
+    }
+  }
+
+  EM_TRACE(2, "\nThreadPrio=%d", static_cast<int>(priority));
+  if (priority == 0) return true;
+  rc = ops_.attrSetSchedPolicy(attr, SCHED_RR);
+  if (rc != 0) {
+    EM_TRACE(2, "\npthread_attr_setschedpolicy failed: %d", rc);
+    return false;
+  }
+  sched_param param{};
+  rc = ops_.attrGetSchedParam(attr, &param);
+  if (rc != 0) {
+    EM_TRACE(2, "\npthread_attr_getschedparam failed: %d", rc);
+    return false;
+  }
+  param.sched_priority = static_cast<int>(priority);
+  rc = ops_.attrSetSchedParam(attr, &param);
+  if (rc != 0) {
+    EM_TRACE(2, "\npthread_attr_setschedparam failed: error=%d priority=%d", rc,
+             static_cast<int>(priority));
+    return false;
+  }
+  return true;
+}
+
 bool CThread::Start(StartRoutine routine, void* arg, uint32_t priority, uint8_t suspend,
                     uint32_t stackSize, uintptr_t /*reserved*/, uint8_t waitable) {
   EM_TRACE(5,
@@ -25,46 +64,11 @@ bool CThread::Start(StartRoutine routine, void* arg, uint32_t priority, uint8_t 
 
   // The attribute object is not destroyed after use; with glibc that holds nothing.
   pthread_attr_t attr;
-  int rc = ops_.attrInit(&attr);
-  if (rc != 0) {
-    EM_TRACE(2, "\npthread_attr_init failed: %d", rc);
-    return false;
-  }
-  EM_TRACE(4, "\npthread_attr_init: %d", 0);
-
-  if (waitable == 0) {
-    rc = ops_.attrSetDetachState(&attr, PTHREAD_CREATE_DETACHED);
-    if (rc != 0) {
-      EM_TRACE(2, "\npthread_attr_setdetachstate failed: %d", rc);
-      return false;
-    }
-  }
-
-  EM_TRACE(2, "\nThreadPrio=%d", static_cast<int>(priority));
-  if (priority != 0) {
-    rc = ops_.attrSetSchedPolicy(&attr, SCHED_RR);
-    if (rc != 0) {
-      EM_TRACE(2, "\npthread_attr_setschedpolicy failed: %d", rc);
-      return false;
-    }
-    sched_param param{};
-    rc = ops_.attrGetSchedParam(&attr, &param);
-    if (rc != 0) {
-      EM_TRACE(2, "\npthread_attr_getschedparam failed: %d", rc);
-      return false;
-    }
-    param.sched_priority = static_cast<int>(priority);
-    rc = ops_.attrSetSchedParam(&attr, &param);
-    if (rc != 0) {
-      EM_TRACE(2, "\npthread_attr_setschedparam failed: error=%d priority=%d", rc,
-               static_cast<int>(priority));
-      return false;
-    }
-  }
+  if (!PrepareAttributes(&attr, priority, waitable)) return false;
 
   // Created into a local: the id is undefined after a failed creation.
   pthread_t created = 0;
-  rc = ops_.create(&created, &attr, routine, arg);
+  const int rc = ops_.create(&created, &attr, routine, arg);
   if (rc != 0) {
     thread_ = 0;
     EM_TRACE(2, "\npthread_create failed: %d", rc);

@@ -74,6 +74,10 @@ class CThread {
   static void TraceThreadReturn();
 
  private:
+  // Initialises `attr` for Start: detached unless waitable, SCHED_RR at `priority` unless
+  // it is 0. False, traced, when a call fails.
+  bool PrepareAttributes(pthread_attr_t* attr, uint32_t priority, uint8_t waitable);
+
   pthread_t thread_ = 0;
   uint8_t killAliveThread_;
   uint8_t waitable_ = 0;
