@@ -23,11 +23,16 @@ COidMapExtModule* g_module = nullptr;
 
 const char* SetupActionName(uint32_t action) {
   switch (action) {
-    case 1: return "BACKUP";
-    case 2: return "RESTORE";
-    case 3: return "CONVERT";
-    case 4: return "CLEANUP";
-    default: return nullptr;
+    case 1:
+      return "BACKUP";
+    case 2:
+      return "RESTORE";
+    case 3:
+      return "CONVERT";
+    case 4:
+      return "CLEANUP";
+    default:
+      return nullptr;
   }
 }
 

@@ -4,9 +4,9 @@
 #include <cstring>
 #include <string>
 
-#include "trace/DebugClient.h"
 #include "sip/SipJson.h"
 #include "sip/SipStatus.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
@@ -45,8 +45,7 @@ uint32_t CExtensionModule::Start(CIModuleHost* host, uint64_t context) {
   if (TraceClient().IsTraceActive()) {
     const std::string source = EventLogSourceName();
     EM_TRACE(4, "\n%-20s: Register event log source \"%s\" ...", GetModuleTag(), source.c_str());
-    EM_TRACE(4, "\n%-20s: ... event log source \"%s\" registered", GetModuleTag(),
-             source.c_str());
+    EM_TRACE(4, "\n%-20s: ... event log source \"%s\" registered", GetModuleTag(), source.c_str());
   }
   return 1;
 }
@@ -78,8 +77,7 @@ uint32_t CExtensionModule::Notify(uint32_t code, uint32_t param, uintptr_t extra
       break;
     case SCN_SWITCH_REQUEST_ENABLED:
       EM_TRACE(1, "\n%-20s: *** SCN_SWITCH_REQUEST_ENABLED *** \n", tag);
-      EM_TRACE(3,
-               "\n%-20s: -> SWITCH start completed (all layers started) - requests enabled",
+      EM_TRACE(3, "\n%-20s: -> SWITCH start completed (all layers started) - requests enabled",
                tag);
       break;
     case SCN_SYSTEM_SHUTDOWN:
@@ -206,8 +204,8 @@ bool IsValueForm(SipDataForm form) {
 
 void TraceWithoutCabinet(uint32_t level, const CommandTrace& t) {
   if (t.form == SipDataForm::kNone) {
-    EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X", t.tag,
-             t.oc, t.oe, t.oi, t.miHigh, t.miLow, t.st);
+    EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X", t.tag, t.oc,
+             t.oe, t.oi, t.miHigh, t.miLow, t.st);
   } else if (IsValueForm(t.form)) {
     EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Data %d",
              t.tag, t.oc, t.oe, t.oi, t.miHigh, t.miLow, t.st, static_cast<int>(t.value));
@@ -217,15 +215,14 @@ void TraceWithoutCabinet(uint32_t level, const CommandTrace& t) {
              "struct):\n%s",
              t.tag, t.oc, t.oe, t.oi, t.miHigh, t.miLow, t.st, t.json.c_str());
   } else {
-    EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Len %d",
-             t.tag, t.oc, t.oe, t.oi, t.miHigh, t.miLow, t.st, t.length);
+    EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X Len %d", t.tag,
+             t.oc, t.oe, t.oi, t.miHigh, t.miLow, t.st, t.length);
   }
 }
 
 void TraceWithCabinet(uint32_t level, const CommandTrace& t, int ca) {
   if (t.form == SipDataForm::kNone) {
-    EM_TRACE(level,
-             "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X",
+    EM_TRACE(level, "\n%-20s: OC 0x%04X-0x%04X OID 0x%04X CABID %04d MID 0x%04X%04X Stat 0x%02X",
              t.tag, t.oc, t.oe, t.oi, ca, t.miHigh, t.miLow, t.st);
   } else if (IsValueForm(t.form)) {
     EM_TRACE(level,

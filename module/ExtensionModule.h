@@ -49,7 +49,10 @@ class CExtensionModule : public CIExtensionModule {
   CExtensionModule& operator=(const CExtensionModule&) = delete;
 
   // ---- The host's interface, with the base's defaults ----------------------------------
-  uint32_t GetModuleInfo(void* moduleInfo) override { (void)moduleInfo; return 0; }
+  uint32_t GetModuleInfo(void* moduleInfo) override {
+    (void)moduleInfo;
+    return 0;
+  }
   uint32_t Query4() override { return 1; }
   // Stores the host and its context value and announces the event-log source. Returns 1.
   uint32_t Start(CIModuleHost* host, uint64_t context) override;
@@ -76,7 +79,9 @@ class CExtensionModule : public CIExtensionModule {
   uint32_t Query22() override { return 0; }
   uint32_t Query23() override { return 0; }
   uint32_t OnModuleNotification(uint32_t code, uint32_t param, uintptr_t extra) override {
-    (void)code; (void)param; (void)extra;
+    (void)code;
+    (void)param;
+    (void)extra;
     return 0;
   }
 

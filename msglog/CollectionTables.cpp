@@ -17,6 +17,7 @@ struct DesignationRow {
   uint32_t oc;  // 0 ends the table
 };
 
+// clang-format off
 constexpr CssRow kCssOpcodeTable[] = {
     {0x04, 0x0307}, {0x07, 0x0505}, {0x0C, 0x060C}, {0x15, 0x0529},
     {0x19, 0x0708}, {0x1B, 0x2113}, {0x1C, 0x2114}, {0x00, 0},
@@ -33,6 +34,7 @@ constexpr DesignationRow kDesignationOpcodeTable[] = {
     {0x36, 0x0A, kNoLookupOpcode}, {0x36, 0x0B, kNoLookupOpcode},
     {0x36, 0x0C, kNoLookupOpcode}, {0x00, 0x00, 0},
 };
+// clang-format on
 
 }  // namespace
 
@@ -60,8 +62,7 @@ std::optional<uint32_t> FindDesignationOpcode(uint8_t codeClass, uint8_t codeLow
   return found->oc;
 }
 
-std::string LogLookupKey(uint8_t codeClass, uint8_t codeLow, uint16_t objectId,
-                         uint16_t cabinet) {
+std::string LogLookupKey(uint8_t codeClass, uint8_t codeLow, uint16_t objectId, uint16_t cabinet) {
   char key[16];
   std::snprintf(key, sizeof key, "%02X%02X%02X%04X", codeClass, codeLow, objectId, cabinet);
   return key;

@@ -24,8 +24,7 @@ std::optional<uint32_t> FindCssOpcode(uint8_t codeClass);
 std::optional<uint32_t> FindDesignationOpcode(uint8_t codeClass, uint8_t codeLow);
 
 // The key of both caches: class, low byte, object id and cabinet as "%02X%02X%02X%04X".
-std::string LogLookupKey(uint8_t codeClass, uint8_t codeLow, uint16_t objectId,
-                         uint16_t cabinet);
+std::string LogLookupKey(uint8_t codeClass, uint8_t codeLow, uint16_t objectId, uint16_t cabinet);
 
 // CssSupportCache and DesignationCache: answers that lower modules gave, by key. Both
 // only grow; a failed answer is never entered, so it is asked again next time.

@@ -22,8 +22,8 @@ constexpr size_t kMaxPlaceholderDigits = 3;
 CLogMsgDecoder::Argument Read16(const uint8_t* record, size_t length, size_t offset) {
   CLogMsgDecoder::Argument arg;
   if (offset + 2 <= length) {
-    arg.value = static_cast<uint32_t>(record[offset]) |
-                (static_cast<uint32_t>(record[offset + 1]) << 8);
+    arg.value =
+        static_cast<uint32_t>(record[offset]) | (static_cast<uint32_t>(record[offset + 1]) << 8);
     arg.present = true;
   }
   return arg;
@@ -127,8 +127,7 @@ std::string Render(std::string_view format, const std::string& designation,
 
 }  // namespace
 
-std::string CLogMsgDecoder::FillFormat(std::string_view format,
-                                       const std::vector<Argument>& args,
+std::string CLogMsgDecoder::FillFormat(std::string_view format, const std::vector<Argument>& args,
                                        const std::string& designation, LogMsgFormat logFormat,
                                        bool argsNotSet) {
   if (TraceClient().IsTraceActive()) {
@@ -245,8 +244,7 @@ std::vector<CLogMsgDecoder::Argument> CLogMsgDecoder::CollectArguments(
 std::string CLogMsgDecoder::FallbackText(uint32_t errorCode, const std::vector<Argument>& args,
                                          bool shortText) const {
   char code[32];
-  snprintf(code, sizeof(code),
-           format_ == LogMsgFormat::kUnified ? "%s0x%06X " : "%s0x%04X ",
+  snprintf(code, sizeof(code), format_ == LogMsgFormat::kUnified ? "%s0x%06X " : "%s0x%04X ",
            shortText ? "" : "ERROR ", errorCode);
   std::string text = code;
   const size_t count = shortText ? std::min<size_t>(3, args.size()) : args.size();
@@ -258,8 +256,8 @@ std::string CLogMsgDecoder::FallbackText(uint32_t errorCode, const std::vector<A
   return text;
 }
 
-std::string CLogMsgDecoder::DecodeFormatted(const uint8_t* record, size_t length,
-                                            bool shortText, const std::string& designation,
+std::string CLogMsgDecoder::DecodeFormatted(const uint8_t* record, size_t length, bool shortText,
+                                            const std::string& designation,
                                             const char* languageName) const {
   const uint8_t low = record[0];
   const uint8_t cls = record[1] & 0x3F;
@@ -272,8 +270,7 @@ std::string CLogMsgDecoder::DecodeFormatted(const uint8_t* record, size_t length
 
   const std::string codeText = ErrorCodeText(errorCode, format_);
   const std::string_view format =
-      file_ ? file_->FindMessage(codeText, shortText ? kKeyShortMsg : kKeyLongMsg,
-                                 languageName, 0)
+      file_ ? file_->FindMessage(codeText, shortText ? kKeyShortMsg : kKeyLongMsg, languageName, 0)
             : std::string_view();
   EM_TRACE(4, "\nCLogMsgDecoder      :  %s Message: \"%s\"", shortText ? "Short" : "Long",
            std::string(format).c_str());
@@ -282,14 +279,13 @@ std::string CLogMsgDecoder::DecodeFormatted(const uint8_t* record, size_t length
   }
   const Argument marker0 = Read16(record, length, kArgsOffset);
   const Argument marker1 = Read16(record, length, 10);
-  const bool notSet = marker0.present && marker1.present &&
-                      marker0.value == kArgsNotSetMarker && marker1.value == kArgsNotSetMarker;
+  const bool notSet = marker0.present && marker1.present && marker0.value == kArgsNotSetMarker &&
+                      marker1.value == kArgsNotSetMarker;
   return FillFormat(format, args, designation, format_, notSet);
 }
 
 int32_t CLogMsgDecoder::Decode(const uint8_t* record, size_t length, std::string& out,
-                               bool withCodePrefix, bool shortText,
-                               const std::string& designation,
+                               bool withCodePrefix, bool shortText, const std::string& designation,
                                const char* languageName) const {
   if (record == nullptr) return 0;
   if (length < kMinRecordBytes) {

@@ -49,8 +49,7 @@ class CLogMsgDecoder {
   // short to hold its code and argument count (under 4 bytes), or building failed;
   // `out` then keeps what it had.
   int32_t Decode(const uint8_t* record, size_t length, std::string& out, bool withCodePrefix,
-                 bool shortText, const std::string& designation,
-                 const char* languageName) const;
+                 bool shortText, const std::string& designation, const char* languageName) const;
 
   // One argument of a record; `present` is false when the record was too short to hold it.
   struct Argument {
@@ -76,8 +75,8 @@ class CLogMsgDecoder {
   // with its arguments, or the fallback text without one.
   std::string DecodeFormatted(const uint8_t* record, size_t length, bool shortText,
                               const std::string& designation, const char* languageName) const;
-  std::vector<Argument> CollectArguments(const uint8_t* record, size_t length,
-                                         uint32_t errorCode, const char* langForTrace) const;
+  std::vector<Argument> CollectArguments(const uint8_t* record, size_t length, uint32_t errorCode,
+                                         const char* langForTrace) const;
   std::string FallbackText(uint32_t errorCode, const std::vector<Argument>& args,
                            bool shortText) const;
 

@@ -7,9 +7,9 @@
 #include <unordered_set>
 #include <utility>
 
-#include "trace/DebugClient.h"
 #include "platform/Registry.h"
 #include "platform/RegistryPaths.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
@@ -23,7 +23,7 @@ bool EqualsIgnoringCase(std::string_view a, const char* b) {
 }
 
 bool IsRegularFile(const std::string& path) {
-  struct stat st;
+  struct stat st {};
   return stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode);
 }
 
@@ -61,8 +61,10 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
   std::unordered_set<std::string> seen;
   while (walk.FindElem("Event")) {
     if (chars_.size() > kMaxIndexedChars) {
-      EM_TRACE(1, "\nCLogMsgXmlFileImpl  : ## ERROR \"%s\" holds more text than is indexed; "
-                  "later events are not found", path_.c_str());
+      EM_TRACE(1,
+               "\nCLogMsgXmlFileImpl  : ## ERROR \"%s\" holds more text than is indexed; "
+               "later events are not found",
+               path_.c_str());
       break;
     }
     // The first Event of a code is the one searches find; later ones are never reached.
@@ -174,7 +176,7 @@ CLogMsgFile::Document CLogMsgFile::TryLoad(LoadedFile& slot, const std::string& 
   if (dir.empty()) return nullptr;
   FileStamp stamp;
   stamp.path = JoinPath(dir, fileName);
-  struct stat st;
+  struct stat st {};
   if (stat(stamp.path.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) return nullptr;
   stamp.mtimeSec = st.st_mtim.tv_sec;
   stamp.mtimeNsec = st.st_mtim.tv_nsec;

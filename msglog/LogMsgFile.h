@@ -95,7 +95,7 @@ class CLogMsgXmlFileImpl {
     uint32_t offset = 0;
     uint32_t length = 0;
   };
-  struct Element {  // a text element of a Messages element
+  struct Element {      // a text element of a Messages element
     uint32_t name = 0;  // in names_
     Text text;
   };
@@ -125,8 +125,8 @@ class CLogMsgXmlFileImpl {
   std::vector<Element> elements_;
   std::vector<Messages> messages_;
   std::unordered_map<std::string, Event> events_;  // by lower-cased code
-  Ids names_;  // element names, as written
-  Ids langs_;  // Messages languages, lower-cased
+  Ids names_;                                      // element names, as written
+  Ids langs_;                                      // Messages languages, lower-cased
   std::vector<Language> languages_;
 };
 

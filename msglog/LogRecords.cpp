@@ -38,7 +38,8 @@ std::vector<int64_t> OrderKeys(const std::vector<MsgLogEntry>& entries) {
 uint32_t OldStyleRecord::OrderValue() const { return Le32(bytes + 4); }
 
 uint32_t CountOldStyleRecords(const uint8_t* data, size_t size) {
-  return static_cast<uint32_t>(WalkOldStyleRecords(data, size, [](const OldStyleRecord&) {}).records);
+  return static_cast<uint32_t>(
+      WalkOldStyleRecords(data, size, [](const OldStyleRecord&) {}).records);
 }
 
 MsgLogEntry MakeOldStyleEntry(const OldStyleRecord& record, uint32_t moduleId, bool css,
@@ -99,8 +100,8 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
       walk.whole = false;
       break;
     }
-    EM_MODULE_TRACE(3, " Add message log entry 0x%06X (CSS: %s)",
-             entry.ErrorCode, (entry.Flags & 1) ? "yes" : "no");
+    EM_MODULE_TRACE(3, " Add message log entry 0x%06X (CSS: %s)", entry.ErrorCode,
+                    (entry.Flags & 1) ? "yes" : "no");
     ++walk.records;
     walk.end += length;
   }

@@ -46,7 +46,9 @@ struct OldStyleRecord {
   uint8_t CodeClass() const { return bytes[1] & 0x3F; }
   uint8_t CodeBits() const { return bytes[1] >> 6; }
   // The 14-bit error code: class in bits 8-13, low byte in bits 0-7.
-  uint32_t ErrorCode() const { return ((static_cast<uint32_t>(bytes[1]) << 8) & 0x3F00) | bytes[0]; }
+  uint32_t ErrorCode() const {
+    return ((static_cast<uint32_t>(bytes[1]) << 8) & 0x3F00) | bytes[0];
+  }
   uint32_t OrderValue() const;
   uint16_t Cabinet() const { return static_cast<uint16_t>(bytes[8] | bytes[9] << 8); }
   uint16_t ObjectId() const { return static_cast<uint16_t>(bytes[10] | bytes[11] << 8); }

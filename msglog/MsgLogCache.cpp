@@ -4,9 +4,7 @@
 
 namespace em_oidmap {
 
-MsgLogCabinetCache::MsgLogCabinetCache() {
-  ReadyEvent.Create(false, true, nullptr);
-}
+MsgLogCabinetCache::MsgLogCabinetCache() { ReadyEvent.Create(false, true, nullptr); }
 
 MsgLogCabinetCache::~MsgLogCabinetCache() {
   // Handles do not drop their reference by themselves.
@@ -57,11 +55,9 @@ size_t CMsgLogCache::CabinetCount() {
 bool CMsgLogCache::SetCacheReady(uint32_t cabinet, bool set) {
   CRecursiveLockGuard ready_guard(ready_lock_);
   if (set) {
-    EM_MODULE_TRACE(3, "SET event for message log cache cabinet %d",
-             static_cast<int>(cabinet));
+    EM_MODULE_TRACE(3, "SET event for message log cache cabinet %d", static_cast<int>(cabinet));
   } else {
-    EM_MODULE_TRACE(3, "RESET event for message log cache cabinet %d",
-             static_cast<int>(cabinet));
+    EM_MODULE_TRACE(3, "RESET event for message log cache cabinet %d", static_cast<int>(cabinet));
   }
   MsgLogCabinetCache* cache = nullptr;
   {
@@ -75,8 +71,7 @@ bool CMsgLogCache::SetCacheReady(uint32_t cabinet, bool set) {
   if (set) {
     EM_MODULE_TRACE(3, "Ready event SET for message log cache cabinet %u", cabinet);
   } else {
-    EM_MODULE_TRACE(3, "Ready event RESET for message log cache cabinet %u",
-             cabinet);
+    EM_MODULE_TRACE(3, "Ready event RESET for message log cache cabinet %u", cabinet);
   }
   return ok;
 }
@@ -85,16 +80,16 @@ bool CMsgLogCache::WaitForCacheReady(uint32_t cabinet, uint32_t timeoutMs) {
   MsgLogCabinetCache* cache = FindCabinetCache(cabinet);
   if (cache == nullptr) {
     EM_MODULE_TRACE(1, "ERROR! Cabinet %d not found in message log cache table!",
-             static_cast<int>(cabinet));
+                    static_cast<int>(cabinet));
     return false;
   }
   EM_MODULE_TRACE(3, "Wait on event for message log cache cabinet %d (Timeout: %d)",
-           static_cast<int>(cabinet), static_cast<int>(timeoutMs / 1000));
+                  static_cast<int>(cabinet), static_cast<int>(timeoutMs / 1000));
   return cache->ReadyEvent.Wait(timeoutMs, false) == EVENT_WAIT_SIGNAL;
 }
 
-uint32_t CMsgLogCache::StoreEntries(MsgLogCabinetCache& cache,
-                                    std::vector<MsgLogEntry>&& newest, size_t unseen) {
+uint32_t CMsgLogCache::StoreEntries(MsgLogCabinetCache& cache, std::vector<MsgLogEntry>&& newest,
+                                    size_t unseen) {
   CMutexLock guard(cache.entries_mutex_);
   MsgLogEntryList& entries = cache.entries_;
   const size_t run = unseen + newest.size();
@@ -105,17 +100,16 @@ uint32_t CMsgLogCache::StoreEntries(MsgLogCabinetCache& cache,
   uint32_t first = 0;
   if (run != 0) {
     first = cache.last_sequence_number_ + 1;
-    EM_MODULE_TRACE(4, "    %u entries stored to messag log cache",
-             static_cast<unsigned>(total));
+    EM_MODULE_TRACE(4, "    %u entries stored to messag log cache", static_cast<unsigned>(total));
   }
   if (surplus != 0 && TraceClient().IsTraceActive()) {
     for (size_t i = 0; i < evictHeld; ++i) {
       EM_MODULE_TRACE(3, "Remove entry %u from beginning of message log list",
-               entries[i].SequenceNumber);
+                      entries[i].SequenceNumber);
     }
     for (size_t i = 0; i < skipRun; ++i) {
       EM_MODULE_TRACE(3, "Remove entry %u from beginning of message log list",
-               static_cast<uint32_t>(first + i));
+                      static_cast<uint32_t>(first + i));
     }
   }
   entries.PopFront(evictHeld);

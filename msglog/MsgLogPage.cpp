@@ -6,8 +6,8 @@
 #include <unordered_map>
 #include <utility>
 
-#include "trace/DebugClient.h"
 #include "msglog/LogMsgDecoder.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
@@ -91,10 +91,10 @@ class PageTranslator {
   std::string Translate(const MsgLogEntry& entry, uint16_t* shortCode) {
     const bool oldStyle = entry.OldStyle != 0;
     EM_MODULE_TRACE(3, "Translate (%s format based) log entry 0x%08X - CSS: %s",
-             oldStyle ? "old style" : "Unified", entry.ErrorCode,
-             (entry.Flags & 1) ? "true" : "false");
+                    oldStyle ? "old style" : "Unified", entry.ErrorCode,
+                    (entry.Flags & 1) ? "true" : "false");
     EM_MODULE_TRACE(4, "    Decode long text message string (%s SEL message) ...",
-             oldStyle ? "old style" : "Unified");
+                    oldStyle ? "old style" : "Unified");
     std::string text;
     if (oldStyle) {
       *shortCode = ShortCodeOfOldStyle(entry.ErrorCode);
@@ -108,7 +108,7 @@ class PageTranslator {
     if (unified_.doc) {
       const std::string_view format =
           unified_.doc->FindMessage(ErrorCodeText(entry.ErrorCode, LogMsgFormat::kUnified),
-                                      kKeyLongMsg, unified_.language.c_str(), 0);
+                                    kKeyLongMsg, unified_.language.c_str(), 0);
       if (!format.empty()) return CLogMsgDecoder::FillTextArguments(format, entry.Arguments);
     }
     return LongTextFromModules(entry.ErrorCode);
@@ -150,17 +150,15 @@ class PageTranslator {
 
 }  // namespace
 
-size_t MsgLogPageStartIndex(uint32_t pageNumber, uint32_t sequenceNumber,
-                            const MsgLogEntry* first, const MsgLogEntry* last) {
+size_t MsgLogPageStartIndex(uint32_t pageNumber, uint32_t sequenceNumber, const MsgLogEntry* first,
+                            const MsgLogEntry* last) {
   // The entries ascend, so a binary search finds the first one that reaches the number.
   const uint64_t pageStart = static_cast<uint64_t>(pageNumber) * kMsgLogPageSize;
   const size_t size = static_cast<size_t>(last - first);
   if (pageStart >= size) return size;
-  const MsgLogEntry* start =
-      std::lower_bound(first + static_cast<std::ptrdiff_t>(pageStart), last, sequenceNumber,
-                       [](const MsgLogEntry& entry, uint32_t wanted) {
-                         return entry.SequenceNumber < wanted;
-                       });
+  const MsgLogEntry* start = std::lower_bound(
+      first + static_cast<std::ptrdiff_t>(pageStart), last, sequenceNumber,
+      [](const MsgLogEntry& entry, uint32_t wanted) { return entry.SequenceNumber < wanted; });
   return static_cast<size_t>(start - first);
 }
 
@@ -172,8 +170,7 @@ bool BuildMsgLogPage(const MsgLogPageQuery& query, const MsgLogEntry* first,
 
   const MsgLogEntry* start =
       first + MsgLogPageStartIndex(query.pageNumber, query.sequenceNumber, first, last);
-  const size_t count =
-      std::min<size_t>(kMsgLogPageSize, static_cast<size_t>(last - start));
+  const size_t count = std::min<size_t>(kMsgLogPageSize, static_cast<size_t>(last - start));
   const MsgLogEntry* end = start + static_cast<std::ptrdiff_t>(count);
 
   // Only the files that the page's record forms need are opened.
@@ -187,12 +184,13 @@ bool BuildMsgLogPage(const MsgLogPageQuery& query, const MsgLogEntry* first,
       needOldStyle ? OpenForm(sources.files, LogMsgFormat::kOldStyle, langId) : FormTexts());
 
   EM_MODULE_TRACE(3,
-           "Search start index for requested message log sequence "
-           "number %d ...",
-           static_cast<int>(query.sequenceNumber));
+                  "Search start index for requested message log sequence "
+                  "number %d ...",
+                  static_cast<int>(query.sequenceNumber));
   if (count == 0) return false;
   EM_MODULE_TRACE(3, "found start index %d for message log sequence number %d",
-           static_cast<int>(query.firstIndex + static_cast<size_t>(start - first)), static_cast<int>(query.sequenceNumber));
+                  static_cast<int>(query.firstIndex + static_cast<size_t>(start - first)),
+                  static_cast<int>(query.sequenceNumber));
 
   data->reserve(data->size() + count * kReservedBytesPerRecord);
   for (auto entry = start; entry != end; ++entry) {
@@ -203,9 +201,9 @@ bool BuildMsgLogPage(const MsgLogPageQuery& query, const MsgLogEntry* first,
       snprintf(unknown, sizeof(unknown), "Unknown error 0x%04X", entry->ErrorCode);
       text = unknown;
       EM_MODULE_TRACE(1,
-               "WARNING! Missing translation for language %s for "
-               "message error code 0x%04X",
-               translator.Language(*entry).c_str(), entry->ErrorCode);
+                      "WARNING! Missing translation for language %s for "
+                      "message error code 0x%04X",
+                      translator.Language(*entry).c_str(), entry->ErrorCode);
     }
     EM_MODULE_TRACE(5, "Append SIP Msg: \"%s\"", text.c_str());
     AppendRecord(*data, *entry, shortCode, text);

@@ -51,8 +51,8 @@ struct MsgLogPageQuery {
 // The start index of a page among the entries [first, last): the first entry at or after
 // index pageNumber * 2000 whose SequenceNumber is at least `sequenceNumber`; last - first
 // when there is none. REQUIRES: the entries ascend by SequenceNumber.
-size_t MsgLogPageStartIndex(uint32_t pageNumber, uint32_t sequenceNumber,
-                            const MsgLogEntry* first, const MsgLogEntry* last);
+size_t MsgLogPageStartIndex(uint32_t pageNumber, uint32_t sequenceNumber, const MsgLogEntry* first,
+                            const MsgLogEntry* last);
 
 // Asks the lower modules for the long text of a code in a language; empty when none
 // answers. May block (it sends a request and waits for the reply).

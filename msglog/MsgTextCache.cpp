@@ -26,9 +26,8 @@ bool CMsgTextCache::FindParagraphs(MsgTextKind kind, uint32_t errorCode, uint16_
   return true;
 }
 
-ParagraphLookup CMsgTextCache::FindParagraph(MsgTextKind kind, uint32_t errorCode,
-                                             uint16_t langId, uint32_t number,
-                                             std::string* text) const {
+ParagraphLookup CMsgTextCache::FindParagraph(MsgTextKind kind, uint32_t errorCode, uint16_t langId,
+                                             uint32_t number, std::string* text) const {
   CReaderLock lock(mutex_);
   const Map& map = MapOf(kind);
   const auto it = map.find(Key(errorCode, langId));

@@ -59,8 +59,7 @@ void CCabinetDirectory::ReadHelpDeskMessage() {
                   CHostLink::ServerCabinet());
   host_.SendRequest(request, kSingleRequestTimeoutMs);
   const int32_t i = request.CurrentIndex();
-  if (!IsValidReplyStatus(request.GetStatus(i)) ||
-      request.GetDataForm(i) != SipDataForm::kText) {
+  if (!IsValidReplyStatus(request.GetStatus(i)) || request.GetDataForm(i) != SipDataForm::kText) {
     return;
   }
   std::string text;

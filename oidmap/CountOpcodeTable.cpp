@@ -7,6 +7,7 @@ namespace em_oidmap {
 
 // Rows 26 and 27 are the same on purpose: start-up skips a count request it already sent,
 // and look-ups take the first match, so the duplicate never changes a result.
+// clang-format off
 const CountOpcodeRow kCountOpcodeTable[kCountOpcodeRows + 1] = {
     {0, 0x0300, 0x00, 0x0301, 0x0000},  // 0
     {0, 0x0300, 0x00, 0x0302, 0x0000},
@@ -52,6 +53,7 @@ const CountOpcodeRow kCountOpcodeTable[kCountOpcodeRows + 1] = {
     {3, 0x0520, 0x00, 0, 0x0015},
     {kCountKindEnd, 0, 0, 0, 0},        // end
 };
+// clang-format on
 
 namespace {
 

@@ -19,11 +19,11 @@
 namespace em_oidmap {
 
 // What the item columns of a row name.
-constexpr uint32_t kCountKindItemOpcode = 0;   // item OC whose requests carry an instance in OI
-constexpr uint32_t kCountKindConfigValue = 1;  // item OE = configuration value id (0xE001/0xE002)
-constexpr uint32_t kCountKindExtObject = 2;    // item OE = OE of 0x0C00/0x0C01 requests
-constexpr uint32_t kCountKindLogEntity = 3;    // item OE = 6-bit entity code of log entries
-constexpr uint32_t kCountKindEnd = 0xFFFFFFFF; // the end row
+constexpr uint32_t kCountKindItemOpcode = 0;    // item OC whose requests carry an instance in OI
+constexpr uint32_t kCountKindConfigValue = 1;   // item OE = configuration value id (0xE001/0xE002)
+constexpr uint32_t kCountKindExtObject = 2;     // item OE = OE of 0x0C00/0x0C01 requests
+constexpr uint32_t kCountKindLogEntity = 3;     // item OE = 6-bit entity code of log entries
+constexpr uint32_t kCountKindEnd = 0xFFFFFFFF;  // the end row
 
 struct CountOpcodeRow {
   uint32_t kind;

@@ -28,8 +28,7 @@ LogNames NamesOf(uint32_t logOi) {
 
 // A valid reply that carries data.
 bool ReplyHasData(const SipJson& msg, int32_t index) {
-  return IsValidReplyStatus(msg.GetStatus(index)) &&
-         msg.GetDataForm(index) != SipDataForm::kNone;
+  return IsValidReplyStatus(msg.GetStatus(index)) && msg.GetDataForm(index) != SipDataForm::kNone;
 }
 
 // The reply's records, when its data is raw bytes (the only form log records take).
@@ -146,8 +145,7 @@ void CLogCollector::CollectFallbackLogs(uint32_t cabinet, const std::vector<uint
   OIDMAP_TRACE(3, "Request %s log messages from all modules:", names.word);
   SipJson collection;
   for (uint32_t mid : mids) {
-    OIDMAP_TRACE(4, "MID 0x%08X: Request message log using CM_LogEntry (%s)...", mid,
-                 names.oiName);
+    OIDMAP_TRACE(4, "MID 0x%08X: Request message log using CM_LogEntry (%s)...", mid, names.oiName);
     SipJson request(CM_LogEntry, 0, logOi, cabinet);
     request.SetModuleId(mid);
     host_.SendRequest(request, kLogReadTimeoutMs);
@@ -161,8 +159,8 @@ void CLogCollector::CollectFallbackLogs(uint32_t cabinet, const std::vector<uint
         mapper_.PatchLogReply(request, i);
         collection.AppendCommand(*request.Command(i));
       } else if (withStatus) {
-        OIDMAP_TRACE(3, "MID 0x%08X: CM_LogEntry (%s) - no data (Status: 0x%X)", mid,
-                     names.oiName, status);
+        OIDMAP_TRACE(3, "MID 0x%08X: CM_LogEntry (%s) - no data (Status: 0x%X)", mid, names.oiName,
+                     status);
       } else {
         OIDMAP_TRACE(3, "MID 0x%08X: CM_LogEntry (%s) - no data", mid, names.oiName);
       }
@@ -242,8 +240,8 @@ std::vector<MsgLogEntry> CLogCollector::ParseLogReply(const SipJson& msg, int32_
 LogBlockWalk CLogCollector::ParseOldStyleRecords(const std::vector<uint8_t>& data, uint32_t mid,
                                                  std::vector<MsgLogEntry>& source) {
   return WalkOldStyleRecords(data.data(), data.size(), [&](const OldStyleRecord& record) {
-    OIDMAP_TRACE(3, "Add message log entry 0x%02X%02X OID %d", record.CodeClass(),
-                 record.CodeLow(), static_cast<int>(record.ObjectId()));
+    OIDMAP_TRACE(3, "Add message log entry 0x%02X%02X OID %d", record.CodeClass(), record.CodeLow(),
+                 static_cast<int>(record.ObjectId()));
     const std::string key =
         LogLookupKey(record.CodeClass(), record.CodeLow(), record.ObjectId(), record.Cabinet());
     const bool css = LookUpCss(record, mid, key);
@@ -265,8 +263,7 @@ SipJson CLogCollector::LookupRequest(uint32_t oc, const OldStyleRecord& record,
   return request;
 }
 
-bool CLogCollector::LookUpCss(const OldStyleRecord& record, uint32_t mid,
-                              const std::string& key) {
+bool CLogCollector::LookUpCss(const OldStyleRecord& record, uint32_t mid, const std::string& key) {
   bool css = false;
   if (const std::optional<bool> cached = lookups_.FindCss(key)) {
     css = *cached;

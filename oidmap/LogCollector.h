@@ -62,8 +62,7 @@ class CLogCollector {
   LogBlockWalk ParseOldStyleRecords(const std::vector<uint8_t>& data, uint32_t mid,
                                     std::vector<MsgLogEntry>& source);
   bool LookUpCss(const OldStyleRecord& record, uint32_t mid, const std::string& key);
-  std::string LookUpDesignation(const OldStyleRecord& record, uint32_t mid,
-                                const std::string& key);
+  std::string LookUpDesignation(const OldStyleRecord& record, uint32_t mid, const std::string& key);
   // A CSS or designation request about the record's object, ready to send to `mid`.
   SipJson LookupRequest(uint32_t oc, const OldStyleRecord& record, uint32_t mid) const;
   void SetLogDataSupported() { log_data_supported_.store(true, std::memory_order_release); }

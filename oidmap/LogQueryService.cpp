@@ -20,7 +20,8 @@ constexpr uint32_t kPlatformCabinetController = 0;
 // How long log queries wait for a cabinet's cache: EM_OIDMAP_CACHE_WAIT_MS when it is set
 // to a number (tests and diagnosis), else the standard wait.
 uint32_t CacheWaitMs() {
-  const char* text = std::getenv("EM_OIDMAP_CACHE_WAIT_MS");
+  // Read while the module is created, before it has threads of its own.
+  const char* text = std::getenv("EM_OIDMAP_CACHE_WAIT_MS");  // NOLINT(concurrency-mt-unsafe)
   if (text == nullptr || *text == '\0') return kCacheWaitMs;
   return SipJson::ParseLenientNumber(text);
 }
@@ -134,14 +135,13 @@ bool CLogQueryService::GetMsgLogCacheEntries(SipJson& msg) {
   // The page's entries are copied under the locks and translated without them: a long
   // text may have to be fetched from the lower modules, and log events must not wait.
   std::vector<MsgLogEntry> page;
-  const bool found =
-      store_.ReadEntriesWhole(ca, [&](const MsgLogEntryList& entries, uint32_t) {
-        const size_t start = MsgLogPageStartIndex(query.pageNumber, query.sequenceNumber,
-                                                  entries.begin(), entries.end());
-        const size_t count = std::min<size_t>(kMsgLogPageSize, entries.size() - start);
-        page.assign(entries.begin() + start, entries.begin() + start + count);
-        query.firstIndex = start;
-      });
+  const bool found = store_.ReadEntriesWhole(ca, [&](const MsgLogEntryList& entries, uint32_t) {
+    const size_t start = MsgLogPageStartIndex(query.pageNumber, query.sequenceNumber,
+                                              entries.begin(), entries.end());
+    const size_t count = std::min<size_t>(kMsgLogPageSize, entries.size() - start);
+    page.assign(entries.begin() + start, entries.begin() + start + count);
+    query.firstIndex = start;
+  });
   if (!found) {
     return false;
   }
@@ -182,8 +182,8 @@ uint32_t CLogQueryService::QueueRawLogRequest(SipJson& msg) {
   const int32_t i = msg.CurrentIndex();
   const uint32_t platform = msg.GetKey(i, "OE", 0);
   uint32_t sequence = 0;
-  bool valid = msg.GetDataForm(i) == SipDataForm::kInteger && msg.GetDataValue(i, sequence) &&
-               sequence != 0;
+  bool valid =
+      msg.GetDataForm(i) == SipDataForm::kInteger && msg.GetDataValue(i, sequence) && sequence != 0;
   if (valid && platform != kPlatformCabinetController) {
     OIDMAP_TRACE(1, "## ERROR! Invalid platform ID 0x%X!", platform);
     valid = false;
@@ -225,8 +225,7 @@ void CLogQueryService::RunRawLogTask(SipJson& task) {
     host_.SendRequest(request, kLogReadTimeoutMs);
     const int32_t r = request.CurrentIndex();
     std::vector<uint8_t> raw;
-    if (IsValidReplyStatus(request.GetStatus(r)) && request.GetDataBytes(r, raw) &&
-        !raw.empty()) {
+    if (IsValidReplyStatus(request.GetStatus(r)) && request.GetDataBytes(r, raw) && !raw.empty()) {
       task.SetRawData(raw, ST_SUCCESS);
     }
   }

@@ -68,8 +68,8 @@ class CLogQueryService {
   bool AnswerWholeText(SipJson& msg, uint32_t oc, uint32_t errorCode, uint16_t langId);
   bool AnswerParagraph(SipJson& msg, uint32_t oc, uint32_t errorCode, uint16_t langId);
   // Stores what the lower modules gave for a text task; false when nothing was stored.
-  bool StoreTexts(uint32_t oc, uint32_t errorCode, uint16_t langId,
-                  std::vector<std::string> texts, bool handled);
+  bool StoreTexts(uint32_t oc, uint32_t errorCode, uint16_t langId, std::vector<std::string> texts,
+                  bool handled);
   // Asks the lower modules for the texts of `textOc` (0x0B21, 0x0B23, 0x0B1A, 0x0B17).
   // `handled` tells whether any module took the request at all.
   std::vector<std::string> FetchTexts(uint32_t textOc, uint32_t errorCode, uint16_t langId,

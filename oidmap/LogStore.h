@@ -29,7 +29,7 @@ namespace em_oidmap {
 // keeps up to kMaxMsgLogEntries, and a peer that sends events with ever new cabinet
 // numbers would otherwise grow the table without end; the listed cabinets always get
 // theirs.
-constexpr size_t kMaxCabinetCaches = 2 * kMaxCabinets;
+constexpr size_t kMaxCabinetCaches = 2 * static_cast<size_t>(kMaxCabinets);
 
 class CLogStore {
  public:

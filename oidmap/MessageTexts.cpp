@@ -18,20 +18,28 @@ namespace {
 // The kind of text a text request asks for, and the request that fetches it below.
 MsgTextKind TextKindOf(uint32_t oc) {
   switch (oc) {
-    case CM_LogMessageLongText: return MsgTextKind::kLongText;
-    case CM_LogMessageSummary: return MsgTextKind::kSummary;
+    case CM_LogMessageLongText:
+      return MsgTextKind::kLongText;
+    case CM_LogMessageSummary:
+      return MsgTextKind::kSummary;
     case CM_LogMessageAllCauses:
-    case CM_LogMessageCause: return MsgTextKind::kCauses;
-    default: return MsgTextKind::kResolutions;
+    case CM_LogMessageCause:
+      return MsgTextKind::kCauses;
+    default:
+      return MsgTextKind::kResolutions;
   }
 }
 
 uint32_t FetchOpcodeOf(MsgTextKind kind) {
   switch (kind) {
-    case MsgTextKind::kLongText: return CM_LogMessageLongText;
-    case MsgTextKind::kSummary: return CM_LogMessageSummary;
-    case MsgTextKind::kCauses: return CM_LogMessageAllCauses;
-    default: return CM_LogMessageAllResolutions;
+    case MsgTextKind::kLongText:
+      return CM_LogMessageLongText;
+    case MsgTextKind::kSummary:
+      return CM_LogMessageSummary;
+    case MsgTextKind::kCauses:
+      return CM_LogMessageAllCauses;
+    default:
+      return CM_LogMessageAllResolutions;
   }
 }
 
@@ -209,8 +217,8 @@ bool CLogQueryService::StoreTexts(uint32_t oc, uint32_t errorCode, uint16_t lang
     OIDMAP_TRACE(3, "  put \"causes\" message(s) into cache");
     return stored;
   }
-  const bool stored = text_cache_.PutResolutions(errorCode, langId, std::move(texts),
-                                                 cabinets_.HelpDeskMessage());
+  const bool stored =
+      text_cache_.PutResolutions(errorCode, langId, std::move(texts), cabinets_.HelpDeskMessage());
   OIDMAP_TRACE(3, "  put \"resolutions\" message(s) into cache");
   return stored;
 }

@@ -63,8 +63,7 @@ std::vector<uint32_t> ValidReplyValues(const SipJson& work) {
       values.push_back(value);
     } else if (TraceClient().IsTraceActive()) {
       const uint32_t mi = work.GetKey(i, "MI", 0);
-      MMR_TRACE(3, "  reply from MID 0x%04X%04X has no number; ignored", MidHigh(mi),
-                MidLow(mi));
+      MMR_TRACE(3, "  reply from MID 0x%04X%04X has no number; ignored", MidHigh(mi), MidLow(mi));
     }
   }
   return values;
@@ -82,8 +81,7 @@ bool Carries(const std::vector<uint32_t>& values, uint32_t wanted) {
 void AppendWholeRecords(const std::vector<uint8_t>& data, std::vector<uint8_t>& out) {
   size_t offset = 0;
   while (data.size() - offset >= kOldStyleRecordMinBytes) {
-    const size_t length =
-        OldStyleRecordLength(data[offset], data[offset + 1], data[offset + 3]);
+    const size_t length = OldStyleRecordLength(data[offset], data[offset + 1], data[offset + 3]);
     if (length > data.size() - offset) {
       break;
     }

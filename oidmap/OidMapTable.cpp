@@ -40,7 +40,8 @@ uint32_t ReadOid(const SipJson::Value& raw, size_t record) {
 
 void WriteOid(SipJson::Value& raw, size_t record, uint32_t oid) {
   raw[static_cast<rapidjson::SizeType>(record + kOldStyleRecordOidOffset)].SetUint(oid & 0xFF);
-  raw[static_cast<rapidjson::SizeType>(record + kOldStyleRecordOidOffset + 1)].SetUint((oid >> 8) & 0xFF);
+  raw[static_cast<rapidjson::SizeType>(record + kOldStyleRecordOidOffset + 1)].SetUint((oid >> 8) &
+                                                                                       0xFF);
 }
 
 }  // namespace
@@ -66,8 +67,8 @@ void COidMapTable::IndexInsert(const Key& key, size_t position) {
   index_[i] = Slot{key, static_cast<uint32_t>(position + 1)};
 }
 
-void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
-                                uint32_t mid, uint32_t n) {
+void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca, uint32_t mid,
+                                uint32_t n) {
   const TableEntry* existing = Find(countOc, countOe, ca);
   const bool newEntry = existing == nullptr;
   const size_t position =
@@ -77,9 +78,9 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
   const uint32_t room = kMaxInstancesPerReply - (newEntry ? 0 : entries_[position].Count());
   if (n > room) {
     OIDMAP_TRACE(1,
-             "WARNING! MID 0x%04X%04X reports %u instances for "
-             "opcode 0x%04X-0x%04X; only %u are mapped",
-             MidHigh(mid), MidLow(mid), n, countOc, countOe, room);
+                 "WARNING! MID 0x%04X%04X reports %u instances for "
+                 "opcode 0x%04X-0x%04X; only %u are mapped",
+                 MidHigh(mid), MidLow(mid), n, countOc, countOe, room);
     n = room;
   }
   if (newEntry) {
@@ -91,13 +92,12 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
     entry.ca = ca;
     entries_.push_back(std::move(entry));
     byOcAndCa_[OcCaKey(countOc, ca)].push_back(position);
-    OIDMAP_TRACE(3, "Add map table entry %d for opcode 0x%04X-0x%04X",
-             static_cast<int>(position), countOc, countOe);
+    OIDMAP_TRACE(3, "Add map table entry %d for opcode 0x%04X-0x%04X", static_cast<int>(position),
+                 countOc, countOe);
   } else {
     const uint32_t count = entries_[position].Count();
-    OIDMAP_TRACE(2,
-             "Increment map count (%d->%d) for opcode 0x%04X-0x%04X",
-             count, count + n, countOc, countOe);
+    OIDMAP_TRACE(2, "Increment map count (%d->%d) for opcode 0x%04X-0x%04X", count, count + n,
+                 countOc, countOe);
   }
 
   TableEntry& entry = entries_[position];
@@ -107,14 +107,14 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
     oids.push_back(OidEntry{i, mid});
     if (newEntry) {
       OIDMAP_TRACE(2,
-               "Counter OC 0x%04X: Map instance id 0x%04X to MID "
-               "0x%04X%04X (added OID entry to new table entry)",
-               countOc, i, MidHigh(mid), MidLow(mid));
+                   "Counter OC 0x%04X: Map instance id 0x%04X to MID "
+                   "0x%04X%04X (added OID entry to new table entry)",
+                   countOc, i, MidHigh(mid), MidLow(mid));
     } else {
       OIDMAP_TRACE(2,
-               "Counter OC 0x%04X: Map instance id 0x%04X to MID "
-               "0x%04X%04X (added OID entry)",
-               countOc, i, MidHigh(mid), MidLow(mid));
+                   "Counter OC 0x%04X: Map instance id 0x%04X to MID "
+                   "0x%04X%04X (added OID entry)",
+                   countOc, i, MidHigh(mid), MidLow(mid));
     }
   }
 }
@@ -250,7 +250,8 @@ uint32_t COidMapTable::PatchLogRecords(SipJson& msg, int32_t index, bool toModul
   for (size_t record = 0; record + kOldStyleRecordHeaderBytes <= size;) {
     const uint8_t byte1 = ByteAt(*raw, record + 1);
     const uint32_t entity = byte1 & 0x3F;
-    const size_t length = OldStyleRecordLength(ByteAt(*raw, record), byte1, ByteAt(*raw, record + 3));
+    const size_t length =
+        OldStyleRecordLength(ByteAt(*raw, record), byte1, ByteAt(*raw, record + 3));
     if (entity != kOldStyleInlineTextClass && record + kOldStyleRecordMinBytes <= size) {
       for (const CountOpcodeRow* row : FindRowsOfKind(kCountKindLogEntity, entity)) {
         patched += toModule ? PatchRecordToModule(*raw, record, ca, row->countOc, mi)
@@ -269,19 +270,16 @@ uint32_t COidMapTable::PatchRecordToGlobal(SipJson::Value& raw, size_t record, u
   const std::vector<size_t>* positions = PositionsOf(countOc, ca);
   if (!positions) return 0;
   const TableEntry& entry = entries_[positions->front()];
-  OIDMAP_TRACE(3, "OID map table entry for CABID 0x%04X OC 0x%04X found!",
-           ca, countOc);
+  OIDMAP_TRACE(3, "OID map table entry for CABID 0x%04X OC 0x%04X found!", ca, countOc);
   const uint32_t oid = ReadOid(raw, record);
   for (uint32_t position = 0; position < entry.Count(); ++position) {
     const OidEntry& candidate = entry.oids[position];
     OIDMAP_TRACE(3, "Compare map table values:");
-    OIDMAP_TRACE(3, "  MsgLog OID 0x%04X <-> MAP OID 0x%04X", oid,
-             candidate.localId);
-    OIDMAP_TRACE(3, "  SIP MID 0x%04X%04X <-> MAP MID 0x%08X%08X",
-             MidHigh(mi), MidLow(mi), MidHigh(candidate.mid), MidLow(candidate.mid));
+    OIDMAP_TRACE(3, "  MsgLog OID 0x%04X <-> MAP OID 0x%04X", oid, candidate.localId);
+    OIDMAP_TRACE(3, "  SIP MID 0x%04X%04X <-> MAP MID 0x%08X%08X", MidHigh(mi), MidLow(mi),
+                 MidHigh(candidate.mid), MidLow(candidate.mid));
     if (candidate.localId == oid && candidate.mid == mi) {
-      OIDMAP_TRACE(2, "Messag log reply OID patched from 0x%04X to 0x%04X",
-               oid, position);
+      OIDMAP_TRACE(2, "Messag log reply OID patched from 0x%04X to 0x%04X", oid, position);
       WriteOid(raw, record, position);
       return 1;
     }

@@ -69,8 +69,7 @@ class COidMapTable {
   // request (countOc, countOe) for cabinet `ca`, after those already entered for that
   // key; opens the key's table entry first when it has none. Traces each step. The start
   // code calls it only for valid replies with n != 0. May throw std::bad_alloc.
-  void AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca, uint32_t mid,
-                    uint32_t n);
+  void AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca, uint32_t mid, uint32_t n);
 
   // Translates the command at `index` of `msg` according to its OC. Returns 1 when the
   // message was changed, 0 when it passes unchanged (no matching row or table entry):
@@ -101,12 +100,10 @@ class COidMapTable {
 
   // Global OI -> (MI, local OI) of the table entry (countOc, countOe, command's CA),
   // when OI is below its count. Returns 1 when translated.
-  uint32_t TranslateToModule(SipJson& msg, int32_t index, uint32_t countOc,
-                             uint32_t countOe) const;
+  uint32_t TranslateToModule(SipJson& msg, int32_t index, uint32_t countOc, uint32_t countOe) const;
   // (MI, local OI) -> global OI within the table entry (countOc, countOe, command's CA).
   // Returns 1 when translated.
-  uint32_t TranslateToGlobal(SipJson& msg, int32_t index, uint32_t countOc,
-                             uint32_t countOe) const;
+  uint32_t TranslateToGlobal(SipJson& msg, int32_t index, uint32_t countOc, uint32_t countOe) const;
 
   // The table entry of the key, or nullptr. The pointer stays valid until the next write.
   const TableEntry* Find(uint32_t countOc, uint32_t countOe, uint32_t ca) const;
@@ -139,19 +136,18 @@ class COidMapTable {
   // `command` is a command object of `msg` and `header` its addressing members.
   uint32_t AnswerCountReply(SipJson& msg, SipJson::Value& command,
                             const SipJson::Header& header) const;
-  uint32_t TranslateByStatus(SipJson& msg, SipJson::Value& command,
-                             const SipJson::Header& header, uint32_t countOc,
-                             uint32_t countOe) const;
+  uint32_t TranslateByStatus(SipJson& msg, SipJson::Value& command, const SipJson::Header& header,
+                             uint32_t countOc, uint32_t countOe) const;
   uint32_t ToModule(SipJson& msg, SipJson::Value& command, const SipJson::Header& header,
                     uint32_t countOc, uint32_t countOe) const;
   uint32_t ToGlobal(SipJson& msg, SipJson::Value& command, const SipJson::Header& header,
                     uint32_t countOc, uint32_t countOe) const;
   // One log record at offset `record` of the raw bytes, for one log-entity row.
-  uint32_t PatchRecordToGlobal(SipJson::Value& raw, size_t record, uint32_t ca,
-                               uint32_t countOc, uint32_t mi) const;
+  uint32_t PatchRecordToGlobal(SipJson::Value& raw, size_t record, uint32_t ca, uint32_t countOc,
+                               uint32_t mi) const;
   // May clear `mi`: the caller then removes the command's MI.
-  uint32_t PatchRecordToModule(SipJson::Value& raw, size_t record, uint32_t ca,
-                               uint32_t countOc, uint32_t& mi) const;
+  uint32_t PatchRecordToModule(SipJson::Value& raw, size_t record, uint32_t ca, uint32_t countOc,
+                               uint32_t& mi) const;
   // Table entry positions with this count OC and cabinet, any count OE, in table order.
   const std::vector<size_t>* PositionsOf(uint32_t countOc, uint32_t ca) const;
 

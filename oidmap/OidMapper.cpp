@@ -49,8 +49,8 @@ void COidMapper::CheckCabinet(uint32_t cabinet) {
         building_->AddInstances(row->countOc, row->countOe, cabinet, request.GetKey(i, "MI"), n);
       }
     }
-    OIDMAP_TRACE(3, "%d valid replies received for count opcode 0x%04X-0x%04X", valid,
-                 row->countOc, row->countOe);
+    OIDMAP_TRACE(3, "%d valid replies received for count opcode 0x%04X-0x%04X", valid, row->countOc,
+                 row->countOe);
     if (valid > 1) {
       mapping_needed_.store(true, std::memory_order_release);
       OIDMAP_TRACE(2, "Mapping for OC 0x%04X required!", row->countOc);

@@ -63,8 +63,7 @@ void COidMapExtModule::HandleLogEvent(SipJson& msg, int32_t i) {
   SipJson event(CM_LogMessageEvent, msg.GetKey(i, "OE", 0), msg.GetKey(i, "OI", 0),
                 msg.GetKey(i, "CA", 0));
   event.SetDataValue(sequence, ST_SUCCESS);
-  REPLY_TRACE(2, "FireEvent CM_LogMessageEvent (Sequence Number: %d)",
-              static_cast<int>(sequence));
+  REPLY_TRACE(2, "FireEvent CM_LogMessageEvent (Sequence Number: %d)", static_cast<int>(sequence));
   HandBack(event);
 }
 

@@ -108,7 +108,7 @@ uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
   const ClientView view = SaveClientView(command, header);
   if (mapper_.TranslateMessage(msg, i) != 0) {
     if (IsValidReplyStatus(header.st)) {  // translation never changes ST
-      return 1;  // the client sent an answer, not a question
+      return 1;                           // the client sent an answer, not a question
     }
     if (TraceClient().IsTraceActive()) {
       const uint32_t mi = msg.GetKey(i, "MI", 0);

@@ -10,7 +10,7 @@ namespace em_oidmap {
 namespace platform_detail {
 
 struct BoundedLine {
-  std::string text;       // without the line feed; cut at the first NUL byte
+  std::string text;  // without the line feed; cut at the first NUL byte
   bool had_newline = false;
   bool truncated = false;  // the line was longer than the cap: its rest was skipped
 };

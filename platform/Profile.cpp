@@ -17,8 +17,8 @@
 #include <utility>
 #include <vector>
 
-#include "trace/DebugClient.h"
 #include "platform/LineReader.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
@@ -35,8 +35,8 @@ bool IsSpace(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
 bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
 // The default as the result of a read: copied within the buffer, length returned.
-uint32_t StoreDefault(const char* section, const char* key, const char* defaultValue,
-                      char* buffer, uint32_t bufferSize) {
+uint32_t StoreDefault(const char* section, const char* key, const char* defaultValue, char* buffer,
+                      uint32_t bufferSize) {
   if (section == nullptr || key == nullptr || defaultValue == nullptr) return 0;
   strncpy(buffer, defaultValue, bufferSize);
   buffer[bufferSize - 1] = '\0';
@@ -303,9 +303,8 @@ bool ReadProfileLine(std::string& t, const char* section, const char* key, bool*
 
 }  // namespace
 
-uint32_t GetPrivateProfileString(const char* section, const char* key,
-                                 const char* defaultValue, char* buffer, uint32_t bufferSize,
-                                 const char* filePath) {
+uint32_t GetPrivateProfileString(const char* section, const char* key, const char* defaultValue,
+                                 char* buffer, uint32_t bufferSize, const char* filePath) {
   if (buffer == nullptr || bufferSize == 0) return 0;
   buffer[0] = '\0';
   FilePtr file(filePath ? fopen(filePath, "r") : nullptr);
@@ -386,8 +385,8 @@ bool WritePrivateProfileUInt(const char* section, const char* key, uint32_t valu
   return WritePrivateProfileString(section, key, text, filePath);
 }
 
-bool CopyPrivateProfileSection(const char* fromPath, const char* fromSection,
-                               const char* toPath, const char* toSection) {
+bool CopyPrivateProfileSection(const char* fromPath, const char* fromSection, const char* toPath,
+                               const char* toSection) {
   if (fromSection == nullptr || toSection == nullptr) return false;
   // A listing that reaches bufferSize - 2 may be incomplete: grow until it does not.
   constexpr uint32_t kMaxListBytes = 1u << 20;
@@ -398,7 +397,7 @@ bool CopyPrivateProfileSection(const char* fromPath, const char* fromSection,
     length = GetPrivateProfileString(fromSection, nullptr, nullptr, keys.data(), size, fromPath);
     if (length + 2 < size) break;
     if (size >= kMaxListBytes) return false;
-    keys.assign(size * 2, '\0');
+    keys.assign(static_cast<size_t>(size) * 2, '\0');
   }
   // Read every value before writing, so that copying within one file reads the original.
   std::vector<std::pair<std::string, std::string>> pairs;
@@ -411,8 +410,8 @@ bool CopyPrivateProfileSection(const char* fromPath, const char* fromSection,
   }
   bool ok = true;
   for (const auto& pair : pairs) {
-    ok = WritePrivateProfileString(toSection, pair.first.c_str(), pair.second.c_str(), toPath) &&
-         ok;
+    ok =
+        WritePrivateProfileString(toSection, pair.first.c_str(), pair.second.c_str(), toPath) && ok;
   }
   return ok;
 }

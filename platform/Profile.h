@@ -26,9 +26,8 @@ constexpr uint32_t kProfileLineBytes = 1024;
 // bufferSize - 1 characters; a list that did not fit ends with two NULs and gives
 // bufferSize - 2. Reading stops once bufferSize - 2 characters are stored, so a list of
 // that length or more may be incomplete: retry with a larger buffer.
-uint32_t GetPrivateProfileString(const char* section, const char* key,
-                                 const char* defaultValue, char* buffer, uint32_t bufferSize,
-                                 const char* filePath);
+uint32_t GetPrivateProfileString(const char* section, const char* key, const char* defaultValue,
+                                 char* buffer, uint32_t bufferSize, const char* filePath);
 
 // Writes "key=value" into `section`, replacing the key's line (and the comment and blank
 // lines directly above it) when it exists, adding it after the section's last key
@@ -54,8 +53,8 @@ bool WritePrivateProfileUInt(const char* section, const char* key, uint32_t valu
 // file is allowed), keeping the other keys there. Values longer than
 // kProfileLineBytes - 1 bytes are cut. Returns true when every key was written (also for
 // an empty or missing section).
-bool CopyPrivateProfileSection(const char* fromPath, const char* fromSection,
-                               const char* toPath, const char* toSection);
+bool CopyPrivateProfileSection(const char* fromPath, const char* fromSection, const char* toPath,
+                               const char* toSection);
 
 }  // namespace em_oidmap
 

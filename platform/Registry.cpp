@@ -11,8 +11,8 @@
 #include <exception>
 #include <vector>
 
-#include "trace/DebugClient.h"
 #include "runtime/NeverDestroyed.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
@@ -69,8 +69,7 @@ constexpr size_t kMaxWrittenLine = kRegistryLineBytes - 1;
 
 // A key name that the file can carry as "[name]" and read back whole.
 bool IsWritableKeyName(const std::string& name) {
-  return name.find_first_of("]\n") == std::string::npos &&
-         name.size() + 3 <= kMaxWrittenLine;
+  return name.find_first_of("]\n") == std::string::npos && name.size() + 3 <= kMaxWrittenLine;
 }
 
 }  // namespace
@@ -111,7 +110,7 @@ bool CRegistry::RestoreFrom(const std::string& path, std::shared_ptr<CRegistryNo
     EM_TRACE(1, "CRegistry: WARNING: Could not open \"%s\"\n", path.c_str());
     return false;
   }
-  struct stat st;
+  struct stat st {};
   if (fstat(fileno(file), &st) != 0 || st.st_size <= 0) {
     fclose(file);
     EM_TRACE(1, "CRegistry: WARNING: The length of \"%s\" is not sufficient\n", path.c_str());
@@ -121,8 +120,10 @@ bool CRegistry::RestoreFrom(const std::string& path, std::shared_ptr<CRegistryNo
   size_t entries = node->Read(file);
   fclose(file);
   if (entries == 0) {
-    EM_TRACE(1, "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n",
-             path.c_str());
+    EM_TRACE(
+        1,
+        "CRegistry: WARNING: Node restoring from \"%s\" failed - check the content of this file\n",
+        path.c_str());
     return false;
   }
   *root = std::move(node);
@@ -135,8 +136,8 @@ void CRegistry::SetupTree(bool force) {
 }
 
 void CRegistry::SetupTreeLocked(bool force) {
-  EM_TRACE(2, "CRegistry: SetupTree(): ForceSetup=%d, MIsSetup=%d, MIsDirty=%d\n",
-           force ? 1 : 0, is_setup_ ? 1 : 0, is_dirty_ ? 1 : 0);
+  EM_TRACE(2, "CRegistry: SetupTree(): ForceSetup=%d, MIsSetup=%d, MIsDirty=%d\n", force ? 1 : 0,
+           is_setup_ ? 1 : 0, is_dirty_ ? 1 : 0);
   if (is_setup_ && !force) return;
   try {
     tree_path_ = JoinPath(directory_, kTreeFile);
@@ -149,12 +150,10 @@ void CRegistry::SetupTreeLocked(bool force) {
       EM_TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying backup\n",
                tree_path_.c_str());
       if (!RestoreFrom(backup_path_, &root)) {
-        EM_TRACE(1,
-                 "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n",
+        EM_TRACE(1, "CRegistry: WARNING: Could not restore tree from \"%s\", trying default\n",
                  backup_path_.c_str());
         if (!RestoreFrom(defaults_path_, &root)) {
-          EM_TRACE(1,
-                   "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n",
+          EM_TRACE(1, "CRegistry: ERROR: Could not restore tree from \"%s\", restoring failed\n",
                    defaults_path_.c_str());
         }
       }
@@ -211,8 +210,8 @@ HKEY CRegistry::NewHandle(const std::shared_ptr<CRegistryNode>& node) {
   }
 }
 
-std::shared_ptr<CRegistryNode> CRegistry::OpenPointer(
-    const std::shared_ptr<CRegistryNode>& start, const char* path, bool create) {
+std::shared_ptr<CRegistryNode> CRegistry::OpenPointer(const std::shared_ptr<CRegistryNode>& start,
+                                                      const char* path, bool create) {
   EM_TRACE(4, "CRegistry::OpenPointer \"%s\"\n", OrNull(path));
   std::shared_ptr<CRegistryNode> node = start;
   bool changed = false;

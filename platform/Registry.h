@@ -128,15 +128,13 @@ class CRegistry {
   // number, the byte count for binary. When `data` is too small nothing is copied, *count
   // is the size needed and the result is ERROR_MORE_DATA. A string entry without text
   // reads as the empty string.
-  LSTATUS QueryValue(HKEY hKey, const char* name, uint32_t* type, uint8_t* data,
-                     uint32_t* count);
+  LSTATUS QueryValue(HKEY hKey, const char* name, uint32_t* type, uint8_t* data, uint32_t* count);
   // Stores a value of type REG_SZ, REG_EXPAND_SZ (text up to the first NUL within `size`
   // bytes; null data stores an entry without text), REG_DWORD (`size` >= 4) or
   // REG_BINARY. Refused with ERROR_INVALID_PARAMETER, as the file could not give them
   // back: other types, line breaks in the name or text, '=' in the name, a name that
   // begins with '[', and lines longer than kRegistryLineBytes - 1 bytes with the line feed.
-  LSTATUS SetValue(HKEY hKey, const char* name, int32_t type, const uint8_t* data,
-                   uint32_t size);
+  LSTATUS SetValue(HKEY hKey, const char* name, int32_t type, const uint8_t* data, uint32_t size);
   LSTATUS DeleteValue(HKEY hKey, const char* name);
   // Deletes the key `subKey` below `hKey` with its values. ERROR_ACCESS_DENIED when it
   // has sub-keys, ERROR_INVALID_PARAMETER for an empty path (a key cannot delete itself).

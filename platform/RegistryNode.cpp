@@ -7,8 +7,8 @@
 #include <cstring>
 #include <unordered_map>
 
-#include "trace/DebugClient.h"
 #include "platform/LineReader.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
@@ -129,12 +129,11 @@ int CompareRegistryNames(const char* a, const char* b) {
 }
 
 size_t CRegistryNode::LowerBound(const std::string& name, bool isKey) const {
-  auto it = std::lower_bound(entries_.begin(), entries_.end(), 0,
-                             [&](const Entry& e, int) {
-                               int c = CompareRegistryNames(e.name.c_str(), name.c_str());
-                               if (c != 0) return c < 0;
-                               return !e.IsKey() && isKey;
-                             });
+  auto it = std::lower_bound(entries_.begin(), entries_.end(), 0, [&](const Entry& e, int) {
+    int c = CompareRegistryNames(e.name.c_str(), name.c_str());
+    if (c != 0) return c < 0;
+    return !e.IsKey() && isKey;
+  });
   return static_cast<size_t>(it - entries_.begin());
 }
 
@@ -194,14 +193,12 @@ std::shared_ptr<CRegistryNode> CRegistryNode::AddKey(const std::string& name, bo
   entry.child = std::make_shared<CRegistryNode>();
   entry.child->depth_ = depth_ + 1;
   auto child = entry.child;
-  entries_.insert(entries_.begin() + static_cast<long>(LowerBound(name, true)),
-                  std::move(entry));
+  entries_.insert(entries_.begin() + static_cast<long>(LowerBound(name, true)), std::move(entry));
   return child;
 }
 
 bool CRegistryNode::HasSubKeysLocked() const {
-  return std::any_of(entries_.begin(), entries_.end(),
-                     [](const Entry& e) { return e.IsKey(); });
+  return std::any_of(entries_.begin(), entries_.end(), [](const Entry& e) { return e.IsKey(); });
 }
 
 bool CRegistryNode::HasSubKeys() const {
@@ -246,39 +243,39 @@ size_t CRegistryNode::EntryCount() const {
 bool CRegistryNode::Write(FILE* file) const {
   std::vector<std::pair<std::string, std::shared_ptr<CRegistryNode>>> children;
   {
-  CRecursiveLockGuard guard(lock_);
-  for (const Entry& e : entries_) {
-    if (e.IsKey()) continue;
-    const RegistryValue& v = e.value;
-    switch (v.type) {
-      case REG_SZ:
-      case REG_EXPAND_SZ:
-        if (v.has_text) {
-          fprintf(file, "%s%s%s\n", e.name.c_str(), v.type == REG_SZ ? "=s=" : "=es=",
-                  v.text.c_str());
+    CRecursiveLockGuard guard(lock_);
+    for (const Entry& e : entries_) {
+      if (e.IsKey()) continue;
+      const RegistryValue& v = e.value;
+      switch (v.type) {
+        case REG_SZ:
+        case REG_EXPAND_SZ:
+          if (v.has_text) {
+            fprintf(file, "%s%s%s\n", e.name.c_str(),
+                    v.type == REG_SZ ? "=s=" : "=es=", v.text.c_str());
+          }
+          break;
+        case REG_DWORD:
+          fprintf(file, "%s%s%d\n", e.name.c_str(), "=d=", v.number);
+          break;
+        case REG_BINARY: {
+          std::string line = e.name + "=b=";
+          for (uint8_t b : v.bytes) {
+            line.push_back(kHexDigits[b >> 4]);
+            line.push_back(kHexDigits[b & 0x0F]);
+            line.push_back(' ');
+          }
+          line.push_back('\n');
+          fputs(line.c_str(), file);
+          break;
         }
-        break;
-      case REG_DWORD:
-        fprintf(file, "%s%s%d\n", e.name.c_str(), "=d=", v.number);
-        break;
-      case REG_BINARY: {
-        std::string line = e.name + "=b=";
-        for (uint8_t b : v.bytes) {
-          line.push_back(kHexDigits[b >> 4]);
-          line.push_back(kHexDigits[b & 0x0F]);
-          line.push_back(' ');
-        }
-        line.push_back('\n');
-        fputs(line.c_str(), file);
-        break;
+        default:
+          break;
       }
-      default:
-        break;
     }
-  }
-  for (const Entry& e : entries_) {
-    if (e.IsKey()) children.emplace_back(e.name, e.child);
-  }
+    for (const Entry& e : entries_) {
+      if (e.IsKey()) children.emplace_back(e.name, e.child);
+    }
   }
   // Not under this node's lock: a deep tree would otherwise hold one lock per level.
   for (const auto& child : children) {
@@ -334,8 +331,7 @@ size_t CRegistryNode::Read(FILE* file) {
   return created;
 }
 
-size_t CRegistryNode::ReadSubKey(FILE* file, const std::string& header,
-                                 PendingEntries& pending) {
+size_t CRegistryNode::ReadSubKey(FILE* file, const std::string& header, PendingEntries& pending) {
   size_t close = header.find(']');
   if (close == std::string::npos) return 0;
   std::string name = header.substr(1, close - 1);

@@ -21,8 +21,7 @@ std::string MessageFileDirectoryFromRegistry(CRegistry& registry) {
     return value;
   }
   for (const char* name : {"FileRoot", "Setup"}) {
-    if (registry.GetString(HKEY_LOCAL_MACHINE, kNodeStewardKey, name, &value) &&
-        !value.empty()) {
+    if (registry.GetString(HKEY_LOCAL_MACHINE, kNodeStewardKey, name, &value) && !value.empty()) {
       return WithBin(value);
     }
   }

@@ -88,7 +88,7 @@ bool CRegistry::SaveTreeLocked() {
     return false;
   }
   if (!WriteTempFile(text)) return false;
-  struct stat st;
+  struct stat st {};
   if (stat(tree_path_.c_str(), &st) == 0 && st.st_size > 0 &&
       io_->Rename(tree_path_.c_str(), backup_path_.c_str()) != 0) {
     EM_TRACE(1, "CRegistry: WARNING: Cannot rename \"%s\" to \"%s\"\n", tree_path_.c_str(),

@@ -28,20 +28,20 @@ class CAPABILITY("mutex") CEventMutex {
   pthread_mutex_t* Native() { return &mutex_; }
 
  private:
-  pthread_mutex_t mutex_;
+  pthread_mutex_t mutex_{};
 };
 
 // The shared event. isSignaled and waiters change under `mutex`; they are atomics only
 // because Check and ChangeAttributes read (and write) them without it.
 struct CEventObject {
-  pthread_cond_t cond;
+  pthread_cond_t cond{};
   CEventMutex mutex;
   uint32_t refCount GUARDED_BY(EventLock()) = 1;
   std::atomic<uint8_t> isManual{0};
   std::atomic<uint8_t> isSignaled{0};
   std::unique_ptr<char[]> name;  // private copy, or none
   std::atomic<uint32_t> waiters{0};
-  pthread_condattr_t condAttr;  // kept for the event's life
+  pthread_condattr_t condAttr{};  // kept for the event's life
 
   // Waits on the condition until signalled or, with a deadline, until then; retried after
   // an interruption. Returns the wait's result.
@@ -64,9 +64,7 @@ constexpr int64_t kNsPerSec = 1000000000;
 uint8_t LoadSignaled(const CEventObject* ev) {
   return ev->isSignaled.load(std::memory_order_relaxed);
 }
-uint8_t LoadManual(const CEventObject* ev) {
-  return ev->isManual.load(std::memory_order_relaxed);
-}
+uint8_t LoadManual(const CEventObject* ev) { return ev->isManual.load(std::memory_order_relaxed); }
 const char* NameOf(const CEventObject* ev) { return ev->name ? ev->name.get() : "anon"; }
 
 // Holds an event's mutex for a scope, when it could be locked: Rc() is the lock's result.
@@ -121,9 +119,12 @@ bool TraceQuietly(TraceCall&& call) {
 
 const char* WaitWord(int32_t result) {
   switch (result) {
-    case EVENT_WAIT_SIGNAL: return "SIGNAL";
-    case EVENT_WAIT_TIMEOUT: return "TIMEOUT";
-    default: return "FAILURE";
+    case EVENT_WAIT_SIGNAL:
+      return "SIGNAL";
+    case EVENT_WAIT_TIMEOUT:
+      return "TIMEOUT";
+    default:
+      return "FAILURE";
   }
 }
 
@@ -133,8 +134,7 @@ int WakeWaiters(CEventObject* ev) {
 
 // A new event object, or nullptr when its condition variable or mutex cannot be made
 // (traced). `name` is only traced.
-std::unique_ptr<CEventObject> MakeEventObject(bool isSignaled, bool isManual,
-                                              const char* name) {
+std::unique_ptr<CEventObject> MakeEventObject(bool isSignaled, bool isManual, const char* name) {
   auto ev = std::make_unique<CEventObject>();
   ev->isManual.store(isManual ? 1 : 0, std::memory_order_relaxed);
   ev->isSignaled.store(isSignaled ? 1 : 0, std::memory_order_relaxed);
@@ -217,8 +217,8 @@ bool SleepOnEvent(CEventObject* ev, uint32_t timeoutMs, bool trace, int* waitRc)
 timespec EventDeadline(const timespec& now, uint32_t timeoutMs) {
   int64_t nsec = static_cast<int64_t>(timeoutMs % 1000) * 1000000 + now.tv_nsec;
   timespec deadline{};
-  deadline.tv_sec = now.tv_sec + static_cast<time_t>(timeoutMs / 1000) +
-                    static_cast<time_t>(nsec / kNsPerSec);
+  deadline.tv_sec =
+      now.tv_sec + static_cast<time_t>(timeoutMs / 1000) + static_cast<time_t>(nsec / kNsPerSec);
   deadline.tv_nsec = static_cast<long>(nsec % kNsPerSec);
   return deadline;
 }
@@ -238,8 +238,7 @@ CEvent& CEvent::operator=(const CEvent& other) {
   if (event_ != nullptr) {
     ++event_->refCount;
     EM_TRACE(5, "incr refcount on event %p <%s> (IsSignaled=%d,IsManual=%d)\n",
-             static_cast<void*>(event_), NameOf(event_), LoadSignaled(event_),
-             LoadManual(event_));
+             static_cast<void*>(event_), NameOf(event_), LoadSignaled(event_), LoadManual(event_));
   }
   return *this;
 }
@@ -358,8 +357,8 @@ bool CEvent::Wake(bool pulse) {
   {
     EventMutexHold hold(ev);
     if (pulse) {
-      EM_TRACE(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n",
-               static_cast<void*>(ev), NameOf(ev), LoadSignaled(ev));
+      EM_TRACE(5, "Pulse event %p <%s> IsSignaled=%d --> IsSignaled=0\n", static_cast<void*>(ev),
+               NameOf(ev), LoadSignaled(ev));
     } else {
       EM_TRACE(5, "Set event %p <%s> IsSignaled=%d --> IsSignaled=1\n", static_cast<void*>(ev),
                NameOf(ev), LoadSignaled(ev));
@@ -436,8 +435,8 @@ int32_t CEvent::Wait(uint32_t timeoutMs, bool trace) {
   // Traced while still counted as a waiter: a concurrent last Release cannot free the
   // event under us.
   if (trace && !TraceQuietly([&] {
-        EM_TRACE(5, "%s(%d,%d) on event %p <%s> (IsSignaled=%d)\n", WaitWord(result),
-                 hold.Rc(), waitRc, static_cast<void*>(ev), NameOf(ev), LoadSignaled(ev));
+        EM_TRACE(5, "%s(%d,%d) on event %p <%s> (IsSignaled=%d)\n", WaitWord(result), hold.Rc(),
+                 waitRc, static_cast<void*>(ev), NameOf(ev), LoadSignaled(ev));
       })) {
     return EVENT_WAIT_FAILURE;
   }

@@ -24,7 +24,7 @@ int CompareEventNames(const char* a, const char* b);
 struct NameEntry {
   std::unique_ptr<char[]> name;  // owned by the table
   CEventObject* event = nullptr;
-  uintptr_t reserved = 0;        // always 0
+  uintptr_t reserved = 0;  // always 0
 };
 
 // The process-wide table of named events, kept sorted by name. Every member is called

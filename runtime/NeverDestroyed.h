@@ -25,7 +25,7 @@ class NeverDestroyed {
   T& Get() { return *std::launder(reinterpret_cast<T*>(storage_)); }
 
  private:
-  alignas(T) unsigned char storage_[sizeof(T)];
+  alignas(T) unsigned char storage_[sizeof(T)] = {};
 };
 
 }  // namespace em_oidmap

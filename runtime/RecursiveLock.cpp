@@ -3,9 +3,7 @@
 
 namespace em_oidmap {
 
-CRecursiveLock::CRecursiveLock() {
-  valid_ = pthread_mutex_init(&mutex_, nullptr) == 0;
-}
+CRecursiveLock::CRecursiveLock() { valid_ = pthread_mutex_init(&mutex_, nullptr) == 0; }
 
 CRecursiveLock::~CRecursiveLock() {
   if (valid_ && count_ >= 1 && IsOwnedByCaller()) {

@@ -44,7 +44,7 @@ class CAPABILITY("mutex") CRecursiveLock {
   uint32_t Count() const { return count_; }
 
  private:
-  pthread_mutex_t mutex_;
+  pthread_mutex_t mutex_{};
   // Read by non-owners without the mutex to decide whether to lock it.
   std::atomic<pthread_t> owner_{0};
   uint32_t count_ = 0;  // changed by the owner only

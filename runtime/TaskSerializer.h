@@ -41,11 +41,11 @@
 #include <vector>
 
 #include "base/Mutex.h"
-#include "trace/DebugClient.h"
 #include "runtime/Event.h"
 #include "runtime/RecursiveLock.h"
 #include "runtime/TaskQueue.h"
 #include "runtime/Thread.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
@@ -110,8 +110,10 @@ class CTaskSerializer {
   void TaskHandler();
   void RunTask(TaskRecord* record, int32_t level);
   static uint64_t RefOf(TaskRecord* record) { return reinterpret_cast<uintptr_t>(record); }
+  // The queues hold task records as 8-byte references (the queue's layout is prescribed).
   static TaskRecord* RecordOf(uint64_t ref) {
-    return reinterpret_cast<TaskRecord*>(static_cast<uintptr_t>(ref));
+    const auto address = static_cast<uintptr_t>(ref);
+    return reinterpret_cast<TaskRecord*>(address);  // NOLINT(performance-no-int-to-ptr)
   }
   static unsigned ShortRef(const void* record) {
     return static_cast<unsigned>(reinterpret_cast<uintptr_t>(record));
@@ -189,8 +191,9 @@ bool CTaskSerializer<T>::InsertTask(const T& msg, int32_t level, CEvent* event) 
   std::unique_ptr<TaskRecord> record(new TaskRecord{event, msg});
 
   CRecursiveLockGuard guard(queueLock_);
-  if (queues_[static_cast<size_t>(level)]->Push(RefOf(record.get()))) {
-    record.release();  // owned by the queue, then by the worker
+  CTaskQueue& queue = *queues_[static_cast<size_t>(level)];
+  if (queue.HasRoom()) {
+    queue.Push(RefOf(record.release()));  // owned by the queue, then by the worker
     EM_TRACE(5, "\nCTaskSerializer     : Task with priority %d inserted into task queue!", level);
     wake_.Set();  // under the lock: see the reset in TaskHandler
     return true;
@@ -252,8 +255,7 @@ bool CTaskSerializer<T>::TerminateSerialization() {
     {
       // The settle pause ends early once the worker has left: an idle worker takes
       // microseconds, and the worker's lines still all come before the join's.
-      const auto deadline =
-          std::chrono::steady_clock::now() + std::chrono::milliseconds(settleMs_);
+      const auto deadline = std::chrono::steady_clock::now() + std::chrono::milliseconds(settleMs_);
       CMutexUniqueLock left(leftMutex_);
       while (!workerLeft_ && left.WaitUntil(leftCv_, deadline)) {
       }

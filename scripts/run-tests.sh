@@ -10,8 +10,10 @@ cmake --preset default
 cmake --build --preset default
 ctest --preset default
 # Everything compiled by clang with the lock annotations checked; a warning fails it.
+# Then the module's sources through clang-format and clang-tidy (its compile commands).
 cmake --preset clang-tsa >/dev/null
 cmake --build --preset clang-tsa
+bash scripts/lint.sh
 # The Debian packages, unpacked into a scratch root, with a host built against them.
 bash scripts/check-packages.sh
 

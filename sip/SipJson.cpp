@@ -149,7 +149,7 @@ void SipJson::BuildEnvelope() {
 bool SipJson::Parse(const std::string& text) {
   current_ = 0;
   // Valid JSON never holds a raw NUL; the reader would take one as the end of the text.
-  bool ok = std::memchr(text.data(), '\0', text.size()) == nullptr;
+  bool ok = text.find('\0') == std::string::npos;
   Document parsed;
   if (ok) {
     rapidjson::MemoryStream ms(text.data(), text.size());

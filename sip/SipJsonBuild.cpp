@@ -110,8 +110,7 @@ void SipJson::SetDataString(const std::string& text, uint32_t status) {
   Value& cmd = CurrentCommand();
   if (!cmd.IsObject()) return;
   Allocator& a = doc_.GetAllocator();
-  SetMember(cmd, "DA",
-            Value(text.data(), static_cast<rapidjson::SizeType>(text.size()), a));
+  SetMember(cmd, "DA", Value(text.data(), static_cast<rapidjson::SizeType>(text.size()), a));
   SetMember(cmd, "ST", Value(status));
 }
 

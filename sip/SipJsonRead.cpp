@@ -85,6 +85,7 @@ SipJson::Header SipJson::HeaderOf(const Value& command) {
     uint32_t bit = 0;
     uint32_t* target = nullptr;
     uint32_t def = 0;
+    // clang-format off
     switch ((static_cast<unsigned char>(name[0]) << 8) | static_cast<unsigned char>(name[1])) {
       case ('O' << 8) | 'C': bit = H::kOc; target = &header.oc; break;
       case ('O' << 8) | 'E': bit = H::kOe; target = &header.oe; break;
@@ -94,6 +95,7 @@ SipJson::Header SipJson::HeaderOf(const Value& command) {
       case ('S' << 8) | 'T': bit = H::kSt; target = &header.st; def = kStatusUnread; break;
       default: continue;
     }
+    // clang-format on
     if ((header.present & bit) != 0) continue;
     header.present |= bit;
     *target = LenientKey(member.value, def);

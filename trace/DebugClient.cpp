@@ -29,7 +29,7 @@ constexpr size_t kTagColumns = 20;
 constexpr const char* kEnvDynamicUpdate = "KT_LOG_DYNAMIC_UPDATE";
 
 time_t MonotonicSeconds() {
-  struct timespec ts;
+  struct timespec ts {};
   clock_gettime(CLOCK_MONOTONIC, &ts);
   return ts.tv_sec;
 }
@@ -67,7 +67,7 @@ bool ReadFileBounded(const std::string& path, std::string* content) {
   // opened.
   const int fd = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
   if (fd < 0) return false;
-  struct stat st;
+  struct stat st {};
   if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
     close(fd);
     return false;
@@ -137,8 +137,9 @@ bool FindValue(std::string_view section, std::string_view key, uint32_t* value) 
   return found;
 }
 
+// Read when the trace client starts up: when the module is loaded or initialised.
 bool ReadEnv(const char* name, uint32_t* value) {
-  const char* text = getenv(name);
+  const char* text = getenv(name);  // NOLINT(concurrency-mt-unsafe)
   if (text == nullptr) return false;
   *value = static_cast<uint32_t>(strtoul(text, nullptr, 10));
   return true;
@@ -186,7 +187,7 @@ bool CDebugTraceConfig::ReadSection(const std::string& path, const std::string& 
                                     Section* out) {
   out->path = path;
   out->text.clear();
-  struct stat st;
+  struct stat st {};
   if (stat(path.c_str(), &st) != 0) return false;
   // Taken before reading: a change made meanwhile shows as newer at the next check.
   out->mtime = st.st_mtim;
@@ -196,8 +197,8 @@ bool CDebugTraceConfig::ReadSection(const std::string& path, const std::string& 
   return FindSection(content, name, &out->text);
 }
 
-CDebugTraceConfig::CDebugTraceConfig(const char* moduleName, std::string configDir,
-                                     Clock clock, std::atomic<bool>* activeFlag)
+CDebugTraceConfig::CDebugTraceConfig(const char* moduleName, std::string configDir, Clock clock,
+                                     std::atomic<bool>* activeFlag)
     : trace_active_(activeFlag != nullptr ? *activeFlag : own_trace_active_) {
   CMutexLock lock(mutex_);
   dir_ = std::move(configDir);
@@ -301,7 +302,7 @@ void CDebugTraceConfig::UpdateIfDue() {
 
 void CDebugTraceConfig::RereadLocked() {
   constexpr auto r = std::memory_order_relaxed;
-  struct stat st;
+  struct stat st {};
   if (global_.present) {
     if (stat(global_.path.c_str(), &st) != 0) {
       global_ = Section();  // gone: not looked at again

@@ -38,8 +38,7 @@ class CIDebugSink;
 namespace em_oidmap {
 
 // Default trace configuration directory and files.
-constexpr const char* kTraceConfigDir =
-    "/opt/VelnorHCP/vital/etc/velnor/HalvoranSuite/TraceConfig";
+constexpr const char* kTraceConfigDir = "/opt/VelnorHCP/vital/etc/velnor/HalvoranSuite/TraceConfig";
 constexpr const char* kGlobalTraceFile = "global_trace.ini";
 constexpr const char* kGlobalTraceSection = "GlobalDebugSettings";
 // "FileDebugLevel" was never read.
@@ -144,18 +143,18 @@ class CDebugClient : public CDebugTraceConfig {
   // Reads the configuration of `moduleName` from `configDir` at once (start-up).
   explicit CDebugClient(const char* moduleName, std::string configDir = kTraceConfigDir,
                         Clock clock = nullptr);
-  ~CDebugClient() override;                                           // slots 1, 2
-  virtual uint32_t Query() { return 0; }                              // slot 3
+  ~CDebugClient() override;               // slots 1, 2
+  virtual uint32_t Query() { return 0; }  // slot 3
   // Copies the name as module tag and runs the start-up procedure again. Returns 1.
-  virtual uint32_t Initialise(const char* moduleName);                // slot 4
+  virtual uint32_t Initialise(const char* moduleName);  // slot 4
   // Leveled line: dropped when `level` is above the current level. Performs the dynamic
   // configuration update first.
-  virtual void Trace(uint32_t level, const char* format, ...)         // slot 5
+  virtual void Trace(uint32_t level, const char* format, ...)  // slot 5
       __attribute__((format(printf, 3, 4)));
   // Unleveled lines.
-  virtual void Print(const char* format, ...)                         // slot 6
+  virtual void Print(const char* format, ...)  // slot 6
       __attribute__((format(printf, 2, 3)));
-  virtual void Print(uintptr_t extra, const char* format, ...)        // slot 7
+  virtual void Print(uintptr_t extra, const char* format, ...)  // slot 7
       __attribute__((format(printf, 3, 4)));
   // Leveled line under the module's tag: LinePrefix() followed by `text` (the line's own
   // words and their conversions), as Trace writes it.
@@ -199,19 +198,19 @@ CDebugClient& TraceClient();
 extern std::atomic<bool> g_traceSitesActive;
 
 // Guarded trace: the arguments are evaluated only when tracing is active.
-#define EM_TRACE(level, ...)                                                   \
-  do {                                                                         \
-    if (::em_oidmap::g_traceSitesActive.load(std::memory_order_relaxed))       \
-      ::em_oidmap::TraceClient().Trace((level), __VA_ARGS__);                  \
+#define EM_TRACE(level, ...)                                             \
+  do {                                                                   \
+    if (::em_oidmap::g_traceSitesActive.load(std::memory_order_relaxed)) \
+      ::em_oidmap::TraceClient().Trace((level), __VA_ARGS__);            \
   } while (0)
 
 // Guarded trace of a line under the module's tag: EM_MODULE_TRACE(3, "text %d", n) writes
 // "\nEM_OIDMAP           : text 5" in em_oidmap.so. For layers below the module, which
 // do not know its name; the text stays a literal at the site.
-#define EM_MODULE_TRACE(level, ...)                                            \
-  do {                                                                         \
-    if (::em_oidmap::g_traceSitesActive.load(std::memory_order_relaxed))       \
-      ::em_oidmap::TraceClient().TraceModuleLine((level), __VA_ARGS__);        \
+#define EM_MODULE_TRACE(level, ...)                                      \
+  do {                                                                   \
+    if (::em_oidmap::g_traceSitesActive.load(std::memory_order_relaxed)) \
+      ::em_oidmap::TraceClient().TraceModuleLine((level), __VA_ARGS__);  \
   } while (0)
 
 }  // namespace em_oidmap
