@@ -187,29 +187,21 @@ int32_t TakeSignal(CEventObject* ev, bool trace) REQUIRES(ev->mutex) {
   return traced ? EVENT_WAIT_SIGNAL : EVENT_WAIT_FAILURE;
 }
 
-// Sleeps on the event until it is woken or `timeoutMs` has passed; `waitRc` gets the
-// wait's result. False (without sleeping) when the trace of the deadline failed.
-bool SleepOnEvent(CEventObject* ev, uint32_t timeoutMs, bool trace, int* waitRc)
-    REQUIRES(ev->mutex) {
-  if (timeoutMs == EVENT_WAIT_FOREVER) {
-    *waitRc = ev->WaitLocked(nullptr);
-    return true;
-  }
+// The deadline of a wait of `timeoutMs` from now, traced. False when the trace failed.
+// The wait itself stays in CEvent::Wait's own frame: a thread cancelled in it unwinds
+// from there, with no frame of locals below it left behind.
+bool PrepareDeadline(const CEventObject* ev, uint32_t timeoutMs, bool trace, timespec* deadline) {
   timespec now{};
   clock_gettime(CLOCK_MONOTONIC, &now);
-  const timespec deadline = EventDeadline(now, timeoutMs);
-  if (trace && !TraceQuietly([&] {
-        EM_TRACE(5,
-                 "prepare time for waiting on event %p <%s> (ts_beg:sec=%ld,"
-                 "ts_beg:nsec=%ld) -> (ts:sec=%ld,ts:nsec=%ld)\n",
-                 static_cast<void*>(ev), NameOf(ev), static_cast<long>(now.tv_sec),
-                 static_cast<long>(now.tv_nsec), static_cast<long>(deadline.tv_sec),
-                 static_cast<long>(deadline.tv_nsec));
-      })) {
-    return false;
-  }
-  *waitRc = ev->WaitLocked(&deadline);
-  return true;
+  *deadline = EventDeadline(now, timeoutMs);
+  return !trace || TraceQuietly([&] {
+    EM_TRACE(5,
+             "prepare time for waiting on event %p <%s> (ts_beg:sec=%ld,"
+             "ts_beg:nsec=%ld) -> (ts:sec=%ld,ts:nsec=%ld)\n",
+             static_cast<const void*>(ev), NameOf(ev), static_cast<long>(now.tv_sec),
+             static_cast<long>(now.tv_nsec), static_cast<long>(deadline->tv_sec),
+             static_cast<long>(deadline->tv_nsec));
+  });
 }
 
 }  // namespace
@@ -423,7 +415,12 @@ int32_t CEvent::Wait(uint32_t timeoutMs, bool trace) {
   int waitRc = 0;
   WaiterScope waiter(ev);
   if (hold.Locked()) {
-    if (!SleepOnEvent(ev, timeoutMs, trace, &waitRc)) return EVENT_WAIT_FAILURE;
+    const bool forever = timeoutMs == EVENT_WAIT_FOREVER;
+    timespec deadline{};
+    if (!forever && !PrepareDeadline(ev, timeoutMs, trace, &deadline)) {
+      return EVENT_WAIT_FAILURE;
+    }
+    waitRc = ev->WaitLocked(forever ? nullptr : &deadline);
     // A wake-up counts as a signal even with the flag cleared (Pulse).
     if (waitRc == 0 || LoadSignaled(ev)) {
       result = EVENT_WAIT_SIGNAL;
