@@ -41,19 +41,23 @@ class CAPABILITY("mutex") CMutex {
   std::mutex mutex_;
 };
 
-// std::lock_guard over a CMutex.
-class SCOPED_CAPABILITY CMutexLock {
+// Holds a lock exclusively for a scope, as std::lock_guard: a CMutex, a CSharedMutex as
+// its writer, or any capability with Lock and Unlock (runtime/RecursiveLock.h).
+template <class Mutex>
+class SCOPED_CAPABILITY CLockGuard {
  public:
-  explicit CMutexLock(CMutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
-  // Takes over a mutex the caller has locked (after a successful TryLock).
-  CMutexLock(CMutex& mutex, std::adopt_lock_t) REQUIRES(mutex) : mutex_(mutex) {}
-  ~CMutexLock() RELEASE() { mutex_.Unlock(); }
-  CMutexLock(const CMutexLock&) = delete;
-  CMutexLock& operator=(const CMutexLock&) = delete;
+  explicit CLockGuard(Mutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
+  // Takes over a lock the caller holds (after a successful TryLock).
+  CLockGuard(Mutex& mutex, std::adopt_lock_t) REQUIRES(mutex) : mutex_(mutex) {}
+  ~CLockGuard() RELEASE() { mutex_.Unlock(); }
+  CLockGuard(const CLockGuard&) = delete;
+  CLockGuard& operator=(const CLockGuard&) = delete;
 
  private:
-  CMutex& mutex_;
+  Mutex& mutex_;
 };
+
+using CMutexLock = CLockGuard<CMutex>;
 
 // Holds a CMutex for its scope, and lets a condition variable release and retake it.
 class SCOPED_CAPABILITY CMutexUniqueLock {
@@ -105,16 +109,7 @@ class SCOPED_CAPABILITY CReaderLock {
 };
 
 // Exclusive (writer) hold of a CSharedMutex for a scope.
-class SCOPED_CAPABILITY CWriterLock {
- public:
-  explicit CWriterLock(CSharedMutex& mutex) ACQUIRE(mutex) : mutex_(mutex) { mutex_.Lock(); }
-  ~CWriterLock() RELEASE() { mutex_.Unlock(); }
-  CWriterLock(const CWriterLock&) = delete;
-  CWriterLock& operator=(const CWriterLock&) = delete;
-
- private:
-  CSharedMutex& mutex_;
-};
+using CWriterLock = CLockGuard<CSharedMutex>;
 
 }  // namespace em_oidmap
 

@@ -76,11 +76,16 @@ std::string CCabinetDirectory::HelpDeskMessage() const {
   return help_desk_message_;
 }
 
-void CCabinetDirectory::ProbeIdentModule() {
-  SipJson request(CM_IdentProbe, 0, 0, CHostLink::ServerCabinet());
+SipJson CCabinetDirectory::AskServerCabinet(uint32_t oc) const {
+  SipJson request(oc, 0, 0, CHostLink::ServerCabinet());
   request.RemoveKey("OE");
   request.RemoveKey("OI");
   host_.SendRequest(request, kSingleRequestTimeoutMs);
+  return request;
+}
+
+void CCabinetDirectory::ProbeIdentModule() {
+  const SipJson request = AskServerCabinet(CM_IdentProbe);
   const int32_t i = request.CurrentIndex();
   if (request.GetStatus(i) == ST_NOT_HANDLED) {
     OIDMAP_TRACE(2, "EM_IDENT not present using KTAS fallback logic");
@@ -93,10 +98,7 @@ void CCabinetDirectory::ProbeIdentModule() {
 }
 
 void CCabinetDirectory::ReadSelLanguages() {
-  SipJson request(CM_SupportedSelLanguages, 0, 0, CHostLink::ServerCabinet());
-  request.RemoveKey("OE");
-  request.RemoveKey("OI");
-  host_.SendRequest(request, kSingleRequestTimeoutMs);
+  const SipJson request = AskServerCabinet(CM_SupportedSelLanguages);
   const int32_t i = request.CurrentIndex();
   std::vector<uint8_t> bytes;
   if (IsValidReplyStatus(request.GetStatus(i)) && request.HasKey(i, "DA")) {

@@ -55,6 +55,9 @@ class CCabinetDirectory {
   bool IsSupportedSelLanguage(uint16_t langId) const EXCLUDES(language_mutex_);
 
  private:
+  // Sends `oc` alone (no OE, no OI) about the server's cabinet and returns the answer.
+  SipJson AskServerCabinet(uint32_t oc) const;
+
   const CHostLink& host_;
 
   mutable CMutex cabinet_mutex_;

@@ -21,6 +21,7 @@
 #include <atomic>
 #include <cstdint>
 
+#include "base/Mutex.h"
 #include "base/ThreadAnnotations.h"
 
 namespace em_oidmap {
@@ -35,6 +36,9 @@ class CAPABILITY("mutex") CRecursiveLock {
 
   void Acquire() ACQUIRE();
   void Release() RELEASE();
+  // The same, as CLockGuard spells them.
+  void Lock() ACQUIRE() { Acquire(); }
+  void Unlock() RELEASE() { Release(); }
 
   // True when the mutex initialised without error.
   bool IsValid() const { return valid_; }
@@ -52,18 +56,7 @@ class CAPABILITY("mutex") CRecursiveLock {
 };
 
 // Holds a CRecursiveLock for a scope.
-class SCOPED_CAPABILITY CRecursiveLockGuard {
- public:
-  explicit CRecursiveLockGuard(CRecursiveLock& lock) ACQUIRE(lock) : lock_(lock) {
-    lock_.Acquire();
-  }
-  ~CRecursiveLockGuard() RELEASE() { lock_.Release(); }
-  CRecursiveLockGuard(const CRecursiveLockGuard&) = delete;
-  CRecursiveLockGuard& operator=(const CRecursiveLockGuard&) = delete;
-
- private:
-  CRecursiveLock& lock_;
-};
+using CRecursiveLockGuard = CLockGuard<CRecursiveLock>;
 
 // The process-wide lock over event reference counts and the creation of named events.
 // Taken before NameTableLock() when both are needed. Never destroyed.
