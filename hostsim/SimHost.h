@@ -50,6 +50,9 @@ struct SentRequest {
   std::thread::id thread;
   // The reply commands the modules gave, as a JSON array, before the sender saw them.
   std::string repliesJson;
+  // The time the simulated modules took to answer: their reply delays, and the whole
+  // time-out where a reply came too late (counted once per request).
+  uint32_t simulatedMs = 0;
 };
 
 // One message a module handed back, copied during the call.
@@ -101,14 +104,28 @@ class SimHost : public CIModuleHost {
   SipJson DeliverEventOnThread(uint32_t mid, SipJson event);
 
   // ---- Records ----------------------------------------------------------------------------
-  std::vector<SentRequest> SentRequests() const;
+  // Records are numbered from 0 in the order they were made; the numbers stay valid when
+  // older records are forgotten.
+  std::vector<SentRequest> SentRequests() const;  // the records still kept
   std::vector<HandedBack> HandedBackMessages() const;
   std::vector<std::string> AlternateSends() const;  // serialised messages
+  // Number of records ever made (kept or forgotten).
+  size_t SentCount() const;
+  size_t HandBackCount() const;
+  // The kept records numbered `first` and later.
+  std::vector<SentRequest> SentRequestsFrom(size_t first) const;
+  std::vector<HandedBack> HandedBackFrom(size_t first) const;
+  // Drops the records numbered below `sent` and `handedBack`: a host that runs for long
+  // keeps only what it still reads.
+  void ForgetRecordsBefore(size_t sent, size_t handedBack);
   void ClearRecords();
   // Wait until at least `count` requests (hand-backs) have been recorded; false when the
   // deadline passes first.
   bool WaitForRequests(size_t count, std::chrono::milliseconds timeout) const;
   bool WaitForHandBacks(size_t count, std::chrono::milliseconds timeout) const;
+  // Waits until more than `sent` requests or more than `handedBack` hand-backs have been
+  // recorded; false when the time-out passes first.
+  bool WaitForMore(size_t sent, size_t handedBack, std::chrono::milliseconds timeout) const;
 
   // ---- The host interface ------------------------------------------------------------------
   // Records the message and answers ST 0x01.
@@ -125,10 +142,11 @@ class SimHost : public CIModuleHost {
   std::vector<std::shared_ptr<SimModule>> ModulesSnapshot() const;
   // Builds one module's reply to `request` in the message's allocator (may sleep).
   // `replies` (may be null) gets how many times a broadcast carries it.
+  // `spentMs` gets the reply's delay, or the time-out when it comes too late.
   rapidjson::Value BuildReply(const rapidjson::Value& request, SimModule* module,
                               uint32_t timeoutMs, SipJson::Allocator& allocator,
-                              uint32_t* replies = nullptr);
-  void RecordReplies(size_t at, const rapidjson::Value& replies);
+                              uint32_t* spentMs, uint32_t* replies = nullptr);
+  void RecordReplies(size_t at, const rapidjson::Value& replies, uint32_t simulatedMs);
 
   mutable std::mutex mutex_;
   mutable std::condition_variable recorded_;
@@ -144,6 +162,8 @@ class SimHost : public CIModuleHost {
   RequestHook hook_;
   std::vector<SentRequest> sent_;
   std::vector<HandedBack> handedBack_;
+  size_t sentBase_ = 0;        // number of the first kept request record
+  size_t handedBackBase_ = 0;  // number of the first kept hand-back record
   std::vector<std::string> alternate_;
 };
 

@@ -231,11 +231,16 @@ MessageFileReport CheckMessageFile(const std::string& bytes, std::optional<LogMs
   report.languages = languages.size();
   if (events) checker.Layout(events, {"Event"}, {});
 
-  const pugi::xml_node firstEvent = events.child("Event");
+  // Without a name or an option to go by, the format is how most codes are written, so
+  // that one misspelt code is one finding, not one for each of the others.
+  size_t unified = 0, oldStyle = 0;
+  for (const pugi::xml_node& event : events.children("Event")) {
+    const size_t length = std::string_view(event.attribute("ErrorCode").value()).size();
+    unified += length == 8 ? 1 : 0;
+    oldStyle += length == 6 ? 1 : 0;
+  }
   report.format = format ? *format
-                         : (std::string_view(firstEvent.attribute("ErrorCode").value()).size() == 8
-                                ? LogMsgFormat::kUnified
-                                : LogMsgFormat::kOldStyle);
+                         : (unified > oldStyle ? LogMsgFormat::kUnified : LogMsgFormat::kOldStyle);
   std::map<std::string, size_t> codes;  // lower-cased code, its line
   for (const pugi::xml_node& event : events.children("Event")) {
     ++report.events;

@@ -35,7 +35,7 @@ struct MessageFileReport {
 size_t MaxArgumentNumber(LogMsgFormat format);
 
 // Checks the message file held in `bytes` (in its own encoding). Without a `format` it is
-// taken from the first ErrorCode: six digits unified, otherwise old style.
+// how most ErrorCodes are written: six digits unified, otherwise old style.
 MessageFileReport CheckMessageFile(const std::string& bytes, std::optional<LogMsgFormat> format);
 
 #endif  // EM_TOOLS_EMHOST_MESSAGEFILECHECK_H

@@ -7,70 +7,7 @@
 
 #include <rapidjson/document.h>
 
-namespace {
-
-constexpr std::pair<const char*, uint32_t> kOpcodeNames[] = {
-    {"CM_WriteToAllModules", 0x0310},
-    {"CM_LogEntry", 0x0B00},
-    {"CM_MessageLogAvailable", 0x0B01},
-    {"CM_MessageLogReply", 0x0B02},
-    {"CM_LogClear", 0x0B03},
-    {"CM_GetMsgLogCacheEntries", 0x0B10},
-    {"CM_LogMessageEvent", 0x0B11},
-    {"CM_MsgLogLastSequenceNumber", 0x0B12},
-    {"CM_MsgLogNumberOfEntries", 0x0B13},
-    {"CM_LogMessageArgumentsRead", 0x0B16},
-    {"CM_LogMessageAllResolutions", 0x0B17},
-    {"CM_IdentProbe", 0x0B18},
-    {"CM_LogMessageRaw", 0x0B19},
-    {"CM_LogMessageAllCauses", 0x0B1A},
-    {"CM_SupportedSelLanguages", 0x0B20},
-    {"CM_LogMessageLongText", 0x0B21},
-    {"CM_LogMessageSummary", 0x0B23},
-    {"CM_LogMessageCause", 0x0B24},
-    {"CM_LogMessageResolution", 0x0B25},
-    {"CM_ExtObjectGet", 0x0C00},
-    {"CM_ExtObjectSet", 0x0C01},
-    {"CM_ExtObjectCount", 0x0C21},
-    {"CM_ReadConfigurationSpace", 0xE001},
-    {"CM_WriteConfigurationSpace", 0xE002},
-};
-
-// "0x" and hexadecimal digits, or decimal digits, fitting 32 bits.
-std::optional<uint32_t> ParseNumber(const std::string& text) {
-  size_t at = 0;
-  int base = 10;
-  if (text.size() > 2 && text[0] == '0' && (text[1] == 'x' || text[1] == 'X')) {
-    at = 2;
-    base = 16;
-  }
-  if (at == text.size()) return std::nullopt;
-  uint64_t value = 0;
-  for (; at < text.size(); ++at) {
-    const unsigned char c = static_cast<unsigned char>(text[at]);
-    if (!(base == 16 ? std::isxdigit(c) : std::isdigit(c))) return std::nullopt;
-    value = value * static_cast<unsigned>(base) +
-            static_cast<unsigned>(std::isdigit(c) ? c - '0' : std::tolower(c) - 'a' + 10);
-    if (value > 0xFFFFFFFFULL) return std::nullopt;
-  }
-  return static_cast<uint32_t>(value);
-}
-
-}  // namespace
-
-std::string OpcodeName(uint32_t oc) {
-  for (const auto& [name, value] : kOpcodeNames) {
-    if (value == oc) return name;
-  }
-  return "";
-}
-
-std::optional<uint32_t> OpcodeByName(const std::string& text) {
-  for (const auto& [name, value] : kOpcodeNames) {
-    if (text == name) return value;
-  }
-  return ParseNumber(text);
-}
+#include "Opcodes.h"
 
 bool ParseRequestLine(const std::string& line, SipJson& request, std::string& error) {
   const size_t first = line.find_first_not_of(" \t\r");
@@ -85,9 +22,8 @@ bool ParseRequestLine(const std::string& line, SipJson& request, std::string& er
     return true;
   }
   std::istringstream words(line);
-  std::optional<uint32_t> oc;
-  uint32_t oe = 0, oi = 0, ca = 0;
-  std::optional<uint32_t> mi, st;
+  std::optional<uint32_t> oc, oe, oi, mi, st;
+  uint32_t ca = 0;
   std::string data;
   std::string word;
   while (words >> word) {
@@ -99,6 +35,11 @@ bool ParseRequestLine(const std::string& line, SipJson& request, std::string& er
       break;
     }
     const std::optional<uint32_t> number = key == "OC" ? OpcodeByName(value) : ParseNumber(value);
+    if (!number && key == "OC" && !value.empty() &&
+        !std::isdigit(static_cast<unsigned char>(value[0]))) {
+      error = "has the unknown opcode name \"" + value + "\" (emhost opcodes lists the names)";
+      return false;
+    }
     if (!number) {
       error = "has \"" + word + "\" where KEY=NUMBER is expected (keys OC OE OI CA MI ST DA)";
       return false;
@@ -106,9 +47,9 @@ bool ParseRequestLine(const std::string& line, SipJson& request, std::string& er
     if (key == "OC") {
       oc = number;
     } else if (key == "OE") {
-      oe = *number;
+      oe = number;
     } else if (key == "OI") {
-      oi = *number;
+      oi = number;
     } else if (key == "CA") {
       ca = *number;
     } else if (key == "MI") {
@@ -124,7 +65,10 @@ bool ParseRequestLine(const std::string& line, SipJson& request, std::string& er
     error = "lacks OC=";
     return false;
   }
-  request = SipJson(*oc, oe, oi, ca);
+  request = SipJson(*oc, oe.value_or(0), oi.value_or(0), ca);
+  // The message leaves a zero OE and OI out; one that was written is sent.
+  if (oe == 0u) request.SetKey("OE", 0, false);
+  if (oi == 0u) request.SetKey("OI", 0, false);
   if (mi) request.SetKey("MI", *mi, false);
   if (st) request.SetKey("ST", *st, false);
   if (!data.empty()) {
