@@ -153,6 +153,7 @@ bool ReadModule(const Value& entry, rapidjson::SizeType i, ScenarioModule& out, 
   module.AllowOnly({"mid", "rules", "counts", "config", "statusOverrides", "errorLog",
                     "eventLog", "messageLog", "faults", "keepsConfigWrites"});
   const uint32_t mid = module.RequiredNumber("mid");
+  out.mid = mid;
   if (!module.ok()) return false;
   SimModule scratch(mid);
   ReadRules(module, scratch, errors);
@@ -165,7 +166,6 @@ bool ReadModule(const Value& entry, rapidjson::SizeType i, ScenarioModule& out, 
                             ReadUnifiedRecord, scratch, errors);
   ForEachItem(module, "faults", errors, [&](ObjectReader& item) { ReadFault(item, scratch); });
   out.keepsConfigWrites = module.Bool("keepsConfigWrites", false);
-  out.mid = mid;
   out.rules = scratch.Rules();
   return errors.size() == errorsBefore;
 }
@@ -254,9 +254,11 @@ void ReadList(const Value& doc, const char* key, std::vector<Item>& out, Errors&
               ReadFn read) {
   const auto list = doc.FindMember(key);
   if (list == doc.MemberEnd() || !list->value.IsArray()) return;
+  // Entries with errors are kept too, for the warnings; the errors void the whole.
   for (rapidjson::SizeType i = 0; i < list->value.Size(); ++i) {
     Item item;
-    if (read(list->value[i], i, item, errors)) out.push_back(item);
+    read(list->value[i], i, item, errors);
+    out.push_back(item);
   }
 }
 

@@ -56,10 +56,10 @@ std::vector<Edit> Edits(const std::vector<std::string>& a, const std::vector<std
       if (i < n && j < m && a[head + i] == b[head + j]) {
         edits.push_back({' ', a[head + i++]});
         ++j;
-      } else if (j < m && (i == n || common[i][j + 1] >= common[i + 1][j])) {
-        edits.push_back({'+', b[head + j++]});
-      } else {
+      } else if (i < n && (j == m || common[i + 1][j] >= common[i][j + 1])) {
         edits.push_back({'-', a[head + i++]});
+      } else {
+        edits.push_back({'+', b[head + j++]});
       }
     }
   } else {

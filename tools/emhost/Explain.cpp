@@ -90,8 +90,8 @@ std::string MergeRule(uint32_t oc, uint32_t oe) {
         default: return "";
       }
     case 0xE002:
-      return "write: ST 0x00 when a module accepts, else the first of 0x04, 0x18, 0x06 a "
-             "module answers, else 0x13";
+      return "ST 0x00 when a module takes the value, else the first of 0x04, 0x18, 0x06 "
+             "that a module answers, else 0x13";
     case 0x0310: return "ST 0x00 when a module accepts, else 0x0F when one timed out, else 0x01";
     case 0x0B00: return "the log entries of all modules, object ids patched";
     case 0x0B03: return "cleared when a module accepts, else 0x13";

@@ -1,126 +1,220 @@
 #include "LineEditor.h"
 
-#include <editline/readline.h>
+#include <histedit.h>
 #include <poll.h>
 #include <unistd.h>
 
-#include <cstdio>
+#include <algorithm>
+#include <climits>
+#include <clocale>
+#include <condition_variable>
 #include <cstdlib>
-#include <cstring>
+#include <cwchar>
+#include <deque>
 #include <iostream>
 #include <mutex>
 
 namespace {
 
 constexpr int kHistoryLines = 1000;
+// Sent to the editor after lines were printed above it: redraw the input line.
+constexpr wchar_t kRedrawKey = 0x1D;
+constexpr const char* kRedrawKeyName = "^]";
 
-// libedit keeps one line state per process: the editor that uses it.
-std::mutex g_mutex;      // held while libedit runs, on either thread
-bool g_active = false;   // ReadLine is waiting for input
-bool g_lineDone = false;
-bool g_eof = false;
-std::string g_line;
-LineEditor::Completer g_completer;
-std::vector<std::string> g_candidates;
+}  // namespace
 
-void OnLine(char* text) {
-  g_lineDone = true;
-  if (text == nullptr) {
-    g_eof = true;
-    return;
+// The editor's state; one per LineEditor, reached from libedit's callbacks.
+struct LineEditor::State {
+  EditLine* el = nullptr;
+  ::History* history = nullptr;
+  std::string prompt;
+  Completer completer;
+  int wake[2] = {-1, -1};  // other threads' prints are waiting
+
+  std::mutex mutex;
+  std::condition_variable printed;
+  bool active = false;  // the editor waits for keys on the calling thread
+  std::deque<const std::function<void()>*> prints;
+  size_t done = 0, queued = 0;
+
+  // Runs the queued prints (REQUIRES: mutex held).
+  void RunPrints() {
+    if (prints.empty()) return;
+    std::fputs("\r\033[K", stdout);
+    while (!prints.empty()) {
+      (*prints.front())();
+      prints.pop_front();
+      ++done;
+    }
+    std::fflush(stdout);
+    printed.notify_all();
   }
-  g_line = text;
-  std::free(text);
+};
+
+namespace {
+
+LineEditor::State* StateOf(EditLine* el) {
+  void* data = nullptr;
+  el_get(el, EL_CLIENTDATA, &data);
+  return static_cast<LineEditor::State*>(data);
 }
 
-char* NextCandidate(const char* /*word*/, int state) {
-  if (state < 0 || static_cast<size_t>(state) >= g_candidates.size()) return nullptr;
-  return strdup(g_candidates[static_cast<size_t>(state)].c_str());
+const char* Prompt(EditLine* el) { return StateOf(el)->prompt.c_str(); }
+
+// Reads one character (UTF-8 decoded); prints other threads' lines while it waits.
+int GetChar(EditLine* el, wchar_t* c) {
+  LineEditor::State* state = StateOf(el);
+  for (;;) {
+    pollfd fds[2] = {{STDIN_FILENO, POLLIN, 0}, {state->wake[0], POLLIN, 0}};
+    if (poll(fds, 2, -1) < 0) continue;
+    if ((fds[1].revents & POLLIN) != 0) {
+      char drain[64];
+      (void)!read(state->wake[0], drain, sizeof drain);
+      std::lock_guard<std::mutex> lock(state->mutex);
+      if (!state->prints.empty()) {
+        state->RunPrints();
+        *c = kRedrawKey;
+        return 1;
+      }
+    }
+    if ((fds[0].revents & (POLLIN | POLLHUP)) == 0) continue;
+    char bytes[MB_LEN_MAX];
+    if (read(STDIN_FILENO, bytes, 1) != 1) return 0;
+    const unsigned char lead = static_cast<unsigned char>(bytes[0]);
+    const size_t length = lead < 0x80 ? 1 : lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 1;
+    for (size_t i = 1; i < length; ++i) {
+      if (read(STDIN_FILENO, bytes + i, 1) != 1) return 0;
+    }
+    std::mbstate_t shift{};
+    if (std::mbrtowc(c, bytes, length, &shift) > length) *c = static_cast<unsigned char>(bytes[0]);
+    return 1;
+  }
 }
 
-char** Complete(const char* word, int start, int /*end*/) {
-  rl_attempted_completion_over = 1;  // no file names
-  const std::string before(rl_line_buffer, static_cast<size_t>(start));
-  g_candidates.clear();
-  for (const std::string& candidate : g_completer(before, word)) {
-    if (candidate.compare(0, std::strlen(word), word) == 0) g_candidates.push_back(candidate);
+unsigned char Redraw(EditLine* /*el*/, int /*key*/) { return CC_REDISPLAY; }
+
+// Completes the word before the cursor: the common part of the candidates, and a list of
+// them when that adds nothing.
+unsigned char Complete(EditLine* el, int /*key*/) {
+  LineEditor::State* state = StateOf(el);
+  const LineInfo* line = el_line(el);
+  const std::string before(line->buffer, line->cursor);
+  const size_t start = before.find_last_of(" \t=") == std::string::npos
+                           ? 0
+                           : before.find_last_of(" \t=") + 1;
+  const std::string word = before.substr(start);
+  std::vector<std::string> matches;
+  for (const std::string& candidate : state->completer(before.substr(0, start), word)) {
+    if (candidate.compare(0, word.size(), word) == 0) matches.push_back(candidate);
   }
-  // rl_completion_matches asks for the candidates by a growing index, from 0.
-  return rl_completion_matches(word, NextCandidate);
+  if (matches.empty()) return CC_REFRESH_BEEP;
+  std::string common = matches.front();
+  for (const std::string& match : matches) {
+    common.resize(std::mismatch(common.begin(), common.end(), match.begin(), match.end()).first -
+                  common.begin());
+  }
+  if (matches.size() == 1) common += common.back() == '=' ? "" : " ";
+  if (common.size() > word.size()) {
+    el_insertstr(el, common.substr(word.size()).c_str());
+    return CC_REFRESH;
+  }
+  std::string list = "\n";
+  for (const std::string& match : matches) list += match + "  ";
+  std::fputs((list + "\n").c_str(), stdout);
+  return CC_REDISPLAY;
 }
 
 }  // namespace
 
 LineEditor::LineEditor(std::string prompt, Completer completer)
-    : interactive_(isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0) {
-  if (!interactive_) return;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  g_completer = std::move(completer);
-  rl_readline_name = "emhost";
-  // "=" ends a word, so that "OC=CM_Lo" completes the opcode name.
-  static char breaks[] = " \t\n\"'=";
-  rl_completer_word_break_characters = breaks;
-  rl_attempted_completion_function = Complete;
-  using_history();
-  stifle_history(kHistoryLines);
+    : interactive_(isatty(STDIN_FILENO) != 0 && isatty(STDOUT_FILENO) != 0),
+      state_(std::make_unique<State>()) {
+  if (!interactive_ || pipe(state_->wake) != 0) {
+    interactive_ = false;
+    return;
+  }
+  std::setlocale(LC_CTYPE, "");
+  state_->prompt = std::move(prompt);
+  state_->completer = std::move(completer);
+  EditLine* el = el_init("emhost", stdin, stdout, stderr);
+  state_->el = el;
+  el_set(el, EL_CLIENTDATA, state_.get());
+  el_set(el, EL_EDITOR, "emacs");
+  el_set(el, EL_PROMPT, Prompt);
+  el_set(el, EL_GETCFN, GetChar);
+  el_set(el, EL_ADDFN, "emhost-complete", "complete a command, key or opcode name", Complete);
+  el_set(el, EL_BIND, "^I", "emhost-complete", nullptr);
+  el_set(el, EL_ADDFN, "emhost-redraw", "draw the input line again", Redraw);
+  el_set(el, EL_BIND, kRedrawKeyName, "emhost-redraw", nullptr);
+  HistEvent event;
+  state_->history = history_init();
+  history(state_->history, &event, H_SETSIZE, kHistoryLines);
   if (const char* home = std::getenv("HOME")) {
     historyFile_ = std::string(home) + "/.emhost_history";
-    read_history(historyFile_.c_str());
+    history(state_->history, &event, H_LOAD, historyFile_.c_str());
   }
-  rl_callback_handler_install(prompt.c_str(), OnLine);
+  el_set(el, EL_HIST, history, state_->history);
 }
 
 LineEditor::~LineEditor() {
-  if (!interactive_) return;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  rl_callback_handler_remove();
-  if (!historyFile_.empty()) write_history(historyFile_.c_str());
+  if (state_->el == nullptr) return;
+  HistEvent event;
+  if (!historyFile_.empty()) history(state_->history, &event, H_SAVE, historyFile_.c_str());
+  el_end(state_->el);
+  history_end(state_->history);
+  close(state_->wake[0]);
+  close(state_->wake[1]);
 }
 
 bool LineEditor::ReadLine(std::string& line) {
   if (!interactive_) return static_cast<bool>(std::getline(std::cin, line));
   {
-    std::lock_guard<std::mutex> lock(g_mutex);
-    g_lineDone = false;
-    g_eof = false;
-    g_active = true;
-    rl_forced_update_display();
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->active = true;
   }
-  while (true) {
-    pollfd input{STDIN_FILENO, POLLIN, 0};
-    if (poll(&input, 1, -1) < 0) continue;
-    std::lock_guard<std::mutex> lock(g_mutex);
-    rl_callback_read_char();
-    if (!g_lineDone) continue;
-    g_active = false;
-    if (g_eof) {
-      std::fputs("\n", stdout);
-      return false;
-    }
-    line = g_line;
-    if (line.find_first_not_of(" \t") != std::string::npos) add_history(line.c_str());
-    return true;
+  int count = 0;
+  const char* text = el_gets(state_->el, &count);
+  {
+    std::lock_guard<std::mutex> lock(state_->mutex);
+    state_->active = false;
+    state_->RunPrints();
   }
+  if (text == nullptr || count <= 0) {
+    std::fputs("\n", stdout);
+    return false;
+  }
+  line.assign(text, static_cast<size_t>(count));
+  while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
+  if (line.find_first_not_of(" \t") != std::string::npos) {
+    HistEvent event;
+    history(state_->history, &event, H_ENTER, line.c_str());
+  }
+  return true;
 }
 
 void LineEditor::Interject(const std::function<void()>& print) {
-  std::lock_guard<std::mutex> lock(g_mutex);
-  if (!interactive_ || !g_active) {
+  std::unique_lock<std::mutex> lock(state_->mutex);
+  if (!interactive_ || !state_->active) {
     print();
     return;
   }
-  std::fputs("\r\033[K", stdout);
-  std::fflush(stdout);
-  print();
-  rl_forced_update_display();
+  // The editor's thread prints between two keys, so that it can draw its line again.
+  state_->prints.push_back(&print);
+  const size_t mine = ++state_->queued;
+  (void)!write(state_->wake[1], "x", 1);
+  state_->printed.wait(lock, [&] { return state_->done >= mine; });
 }
 
 std::vector<std::string> LineEditor::History() const {
   std::vector<std::string> lines;
   if (!interactive_) return lines;
-  std::lock_guard<std::mutex> lock(g_mutex);
-  for (int i = history_base; i < history_base + history_length; ++i) {
-    if (HIST_ENTRY* entry = history_get(i)) lines.emplace_back(entry->line);
+  HistEvent event;
+  // The list runs from the newest (H_FIRST) to the oldest (H_LAST).
+  for (int found = history(state_->history, &event, H_LAST); found != -1;
+       found = history(state_->history, &event, H_PREV)) {
+    std::string entry = event.str;
+    while (!entry.empty() && entry.back() == '\n') entry.pop_back();
+    lines.push_back(entry);
   }
   return lines;
 }

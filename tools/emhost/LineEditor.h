@@ -8,6 +8,7 @@
 #define EM_TOOLS_EMHOST_LINEEDITOR_H
 
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -30,8 +31,11 @@ class LineEditor {
   std::vector<std::string> History() const;
   bool Interactive() const { return interactive_; }
 
+  struct State;
+
  private:
   bool interactive_ = false;
+  std::unique_ptr<State> state_;
   std::string historyFile_;
 };
 

@@ -26,8 +26,8 @@ void AddRunCommand(CLI::App& app, int* exitCode);
 // the exit code.
 int RunScenario(const RunOptions& options);
 
-// Reads one request a line (blank lines and "#" comments skipped); false, with a message
-// printed, on a bad line or a file that cannot be read.
-bool ReadRequests(const std::string& path, std::vector<SipJson>& requests);
+// Reads one request a line (blank lines and "#" comments skipped) and checks each; false,
+// with a message printed, on a bad line or a file that cannot be read.
+bool ReadRequests(const std::string& path, std::vector<std::string>& requests);
 
 #endif  // EM_TOOLS_EMHOST_RUNCOMMAND_H
