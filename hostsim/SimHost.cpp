@@ -277,6 +277,55 @@ void SimHost::RecordReplies(size_t at, const rapidjson::Value& replies, uint32_t
   }
 }
 
+void SimHost::Broadcast(const rapidjson::Value& request,
+                        const std::vector<std::shared_ptr<SimModule>>& modules,
+                        uint32_t timeoutMs, size_t recordAt, SipJson& msg,
+                        CIExtensionModule* sender) {
+  SipJson::Allocator& allocator = msg.GetAllocator();
+  rapidjson::Value replies(rapidjson::kArrayType);
+  uint32_t delays = 0, timedOut = 0;
+  for (const auto& module : modules) {
+    uint32_t copies = 1, spent = 0;
+    rapidjson::Value reply =
+        BuildReply(request, module.get(), timeoutMs, allocator, &spent, &copies);
+    for (uint32_t c = 1; c < copies; ++c) {
+      replies.PushBack(rapidjson::Value(reply, allocator), allocator);
+    }
+    if (copies > 0) replies.PushBack(reply, allocator);
+    if (spent == timeoutMs && spent != 0) {
+      timedOut = timeoutMs;
+    } else {
+      delays += spent;
+    }
+  }
+  RecordReplies(recordAt, replies, delays + timedOut);
+  int32_t replyCount = 0;
+  if (rapidjson::Value* commands = CommandArray(msg)) {
+    replyCount = static_cast<int32_t>(replies.Size());
+    *commands = replies;
+  }
+  if (sender != nullptr) {
+    for (int32_t i = 0; i < replyCount; ++i) {
+      msg.SetCurrentIndex(i);
+      sender->OnReply(msg);
+    }
+  }
+  msg.SetCurrentIndex(0);
+}
+
+size_t SimHost::RecordSent(const SipJson& msg, int32_t index, uint64_t context,
+                           uint32_t timeoutMs, RequestHook& hook, CIExtensionModule*& sender) {
+  SentRequest record{msg.Serialize(), index, context, timeoutMs,
+                     std::chrono::steady_clock::now(), std::this_thread::get_id(), {}};
+  std::lock_guard<std::mutex> lock(mutex_);
+  const size_t at = sentBase_ + sent_.size();
+  sent_.push_back(std::move(record));
+  recorded_.notify_all();
+  hook = hook_;
+  if (context == context_) sender = attached_;
+  return at;
+}
+
 uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs) {
   int32_t index = msg.CurrentIndex();
   if (index < 0) {
@@ -285,17 +334,7 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
   }
   RequestHook hook;
   CIExtensionModule* sender = nullptr;
-  size_t recordAt = 0;
-  {
-    SentRequest record{msg.Serialize(), index, context, timeoutMs,
-                       std::chrono::steady_clock::now(), std::this_thread::get_id(), {}};
-    std::lock_guard<std::mutex> lock(mutex_);
-    recordAt = sentBase_ + sent_.size();
-    sent_.push_back(std::move(record));
-    recorded_.notify_all();
-    hook = hook_;
-    if (context == context_) sender = attached_;
-  }
+  const size_t recordAt = RecordSent(msg, index, context, timeoutMs, hook, sender);
   if (hook) hook(msg);
 
   SipJson::Allocator& allocator = msg.GetAllocator();
@@ -309,35 +348,7 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
   const auto modules = ModulesSnapshot();
 
   if (mi == kAllModules || ca == kAllCabinets) {
-    rapidjson::Value replies(rapidjson::kArrayType);
-    uint32_t delays = 0, timedOut = 0;
-    for (const auto& module : modules) {
-      uint32_t copies = 1, spent = 0;
-      rapidjson::Value reply =
-          BuildReply(request, module.get(), timeoutMs, allocator, &spent, &copies);
-      for (uint32_t c = 1; c < copies; ++c) {
-        replies.PushBack(rapidjson::Value(reply, allocator), allocator);
-      }
-      if (copies > 0) replies.PushBack(reply, allocator);
-      if (spent == timeoutMs && spent != 0) {
-        timedOut = timeoutMs;
-      } else {
-        delays += spent;
-      }
-    }
-    RecordReplies(recordAt, replies, delays + timedOut);
-    int32_t replyCount = 0;
-    if (rapidjson::Value* commands = CommandArray(msg)) {
-      replyCount = static_cast<int32_t>(replies.Size());
-      *commands = replies;
-    }
-    if (sender != nullptr) {
-      for (int32_t i = 0; i < replyCount; ++i) {
-        msg.SetCurrentIndex(i);
-        sender->OnReply(msg);
-      }
-    }
-    msg.SetCurrentIndex(0);
+    Broadcast(request, modules, timeoutMs, recordAt, msg, sender);
     return 1;
   }
 

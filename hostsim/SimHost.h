@@ -147,6 +147,14 @@ class SimHost : public CIModuleHost {
                               uint32_t timeoutMs, SipJson::Allocator& allocator,
                               uint32_t* spentMs, uint32_t* replies = nullptr);
   void RecordReplies(size_t at, const rapidjson::Value& replies, uint32_t simulatedMs);
+  // Records a sent request; gives its number, the hook to call and the module that sent
+  // it (nullptr: another context).
+  size_t RecordSent(const SipJson& msg, int32_t index, uint64_t context, uint32_t timeoutMs,
+                    RequestHook& hook, CIExtensionModule*& sender);
+  // Answers a broadcast: one reply command per module in `msg`, each passed to `sender`.
+  void Broadcast(const rapidjson::Value& request,
+                 const std::vector<std::shared_ptr<SimModule>>& modules, uint32_t timeoutMs,
+                 size_t recordAt, SipJson& msg, CIExtensionModule* sender);
 
   mutable std::mutex mutex_;
   mutable std::condition_variable recorded_;

@@ -196,6 +196,18 @@ class Checker {
   MessageFileReport& report_;
 };
 
+// Without a name or an option to go by, the format is how most codes are written, so
+// that one misspelt code is one finding, not one for each of the others.
+LogMsgFormat FormatOfMost(const pugi::xml_node& events) {
+  size_t unified = 0, oldStyle = 0;
+  for (const pugi::xml_node& event : events.children("Event")) {
+    const size_t length = std::string_view(event.attribute("ErrorCode").value()).size();
+    unified += length == 8 ? 1 : 0;
+    oldStyle += length == 6 ? 1 : 0;
+  }
+  return unified > oldStyle ? LogMsgFormat::kUnified : LogMsgFormat::kOldStyle;
+}
+
 }  // namespace
 
 size_t MaxArgumentNumber(LogMsgFormat format) {
@@ -231,16 +243,7 @@ MessageFileReport CheckMessageFile(const std::string& bytes, std::optional<LogMs
   report.languages = languages.size();
   if (events) checker.Layout(events, {"Event"}, {});
 
-  // Without a name or an option to go by, the format is how most codes are written, so
-  // that one misspelt code is one finding, not one for each of the others.
-  size_t unified = 0, oldStyle = 0;
-  for (const pugi::xml_node& event : events.children("Event")) {
-    const size_t length = std::string_view(event.attribute("ErrorCode").value()).size();
-    unified += length == 8 ? 1 : 0;
-    oldStyle += length == 6 ? 1 : 0;
-  }
-  report.format = format ? *format
-                         : (unified > oldStyle ? LogMsgFormat::kUnified : LogMsgFormat::kOldStyle);
+  report.format = format ? *format : FormatOfMost(events);
   std::map<std::string, size_t> codes;  // lower-cased code, its line
   for (const pugi::xml_node& event : events.children("Event")) {
     ++report.events;

@@ -119,8 +119,9 @@ std::vector<std::string> OpcodeNames() {
 std::vector<std::string> OpcodeTable() {
   std::vector<std::string> lines;
   for (const Role& role : kRoles) {
-    lines.push_back(fmt::format("{:<36} {:<28} {}", role.opcodes,
-                                role.oc != 0 ? OpcodeName(role.oc) : "", role.what));
+    lines.push_back(fmt::format("{}{}", role.opcodes,
+                                role.oc != 0 ? "  " + OpcodeName(role.oc) : ""));
+    lines.push_back(fmt::format("    {}", role.what));
   }
   return lines;
 }

@@ -18,7 +18,7 @@ std::vector<std::string> OpcodeNames();
 // "0x" and hexadecimal digits, or decimal digits, fitting 32 bits.
 std::optional<uint32_t> ParseNumber(const std::string& text);
 
-// One line per opcode: number, name and what the module does with it.
+// Two lines per opcode: number and name, then what the module does with it.
 std::vector<std::string> OpcodeTable();
 
 #endif  // EM_TOOLS_EMHOST_OPCODES_H
