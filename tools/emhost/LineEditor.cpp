@@ -142,9 +142,10 @@ LineEditor::LineEditor(std::string prompt, Completer completer)
   el_set(el, EL_EDITOR, "emacs");
   el_set(el, EL_PROMPT, Prompt);
   el_set(el, EL_GETCFN, GetChar);
-  el_set(el, EL_ADDFN, "emhost-complete", "complete a command, key or opcode name", Complete);
+  // The wide form keeps the names as given; the narrow one copies them and never frees.
+  el_wset(el, EL_ADDFN, L"emhost-complete", L"complete a command, key or opcode name", Complete);
   el_set(el, EL_BIND, "^I", "emhost-complete", nullptr);
-  el_set(el, EL_ADDFN, "emhost-redraw", "draw the input line again", Redraw);
+  el_wset(el, EL_ADDFN, L"emhost-redraw", L"draw the input line again", Redraw);
   el_set(el, EL_BIND, kRedrawKeyName, "emhost-redraw", nullptr);
   HistEvent event;
   state_->history = history_init();

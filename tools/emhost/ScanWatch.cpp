@@ -117,3 +117,13 @@ std::vector<std::string> ScanWatch::Report() {
 }
 
 bool ScanWatch::Clean() { return Report().empty(); }
+
+std::set<uint32_t> ScanWatch::Refused() {
+  Update();
+  std::set<uint32_t> refused;
+  if (refused_ == 0 || begun_ + refused_ < cabinets_.size()) return refused;
+  for (uint32_t cabinet : cabinets_) {
+    if (!Started(cabinet)) refused.insert(cabinet);
+  }
+  return refused;
+}

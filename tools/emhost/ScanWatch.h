@@ -38,6 +38,8 @@ class ScanWatch {
   // Lines for the run's summary: refused scans, scans answered 0x0F. Empty when clean.
   std::vector<std::string> Report();
   bool Clean();
+  // The cabinets whose scans were refused, once that is known (empty before).
+  std::set<uint32_t> Refused();
   // Reads the records the host made since the last call (before they are forgotten).
   void Poll() { Update(); }
 

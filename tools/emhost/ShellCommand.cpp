@@ -7,6 +7,7 @@
 #include <atomic>
 #include <iterator>
 #include <memory>
+#include <set>
 #include <sstream>
 #include <thread>
 
@@ -104,6 +105,7 @@ class Shell {
   LineEditor& editor_;
   Output output_{OutputFormat::kTable};
   Player player_;
+  std::set<uint32_t> refused_;  // cabinets whose last log scan the module refused
   std::atomic<bool> following_{false};
   std::thread follower_;
 };
@@ -115,6 +117,7 @@ void Shell::Start() {
   scans.Rescanned();
   scans.Await(true);
   for (const std::string& line : scans.Report()) Say("emhost: " + line);
+  refused_ = scans.Refused();
   player_.LearnStart(before);
   Say(fmt::format("emhost: module {} started over {} cabinets", session_.moduleName(),
                   session_.Cabinets().size()));
@@ -125,6 +128,7 @@ void Shell::Rescan() {
   session_.module().Rescan();
   scans.Rescanned();
   scans.Await(true);
+  refused_ = scans.Refused();
   const std::vector<std::string> report = scans.Report();
   for (const std::string& line : report) Say("emhost: " + line);
   if (report.empty()) Say("emhost: every cabinet's log was collected");
@@ -174,6 +178,11 @@ void Shell::Log(const std::vector<std::string>& words) {
   if (!cabinet || !lang || !seq) {
     Say("emhost: usage: log CABINET [LANG] [SEQ]");
     return;
+  }
+  if (refused_.count(*cabinet) != 0) {
+    Say(fmt::format("emhost: the log scan of cabinet {} was refused: the module waits 120 s "
+                    "for it and answers 0x0F (rescan once the queue has drained)",
+                    *cabinet));
   }
   SendLine(fmt::format("OC=0x0B10 OE=0x{:X} OI=0 CA={} DA={}", *lang, *cabinet, *seq));
 }
