@@ -6,6 +6,8 @@ emhost_golden(check-stdin STDIN examples/msgfiles/ERRMSG.XML ARGS check -)
 emhost_golden(check-broken-errmsg EXIT 1 ARGS check ${D}/broken-errmsg.xml)
 emhost_golden(check-broken-eventmsg EXIT 1 ARGS check ${D}/broken-eventmsg.xml)
 emhost_golden(check-not-well-formed EXIT 1 ARGS check ${D}/not-well-formed.xml)
+# The format of a file of another name is how most of its codes are written, not its first.
+emhost_golden(check-first-code-misspelt EXIT 1 ARGS check ${D}/first-code-misspelt.xml)
 emhost_golden(check-bad-scenario EXIT 1 ARGS check ${D}/bad-scenario.json)
 # A file that cannot be read, or a directory, is a bad input (exit 2); the others are still
 # checked.

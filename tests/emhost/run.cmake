@@ -15,6 +15,8 @@ emhost_golden(run_one_module ARGS run examples/scenarios/one-module.json --forma
 emhost_golden(map_one_module ARGS map examples/scenarios/one-module.json)
 # An event that changes what its module answers, placed on the virtual clock.
 emhost_golden(run_changes ARGS run examples/scenarios/changes.json --format table)
+# A log read answered 0x0F: named in the summary, and the run is not clean.
+emhost_golden(run_scan_timeout EXIT 1 ARGS run tests/emhost/data/scan-timeout.json --format table)
 # A late answer is awaited as long as the module works for it, or --late-wait.
 emhost_golden(run_late_answer ARGS run tests/emhost/data/late-answers.json --format table)
 emhost_golden(run_late_wait EXIT 1
