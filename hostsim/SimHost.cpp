@@ -159,6 +159,12 @@ std::vector<SentRequest> SimHost::SentRequestsFrom(size_t first) const {
   return RecordsFrom(sent_, sentBase_, first);
 }
 
+std::optional<SentRequest> SimHost::SentRequestAt(size_t number) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (number < sentBase_ || number - sentBase_ >= sent_.size()) return std::nullopt;
+  return sent_[number - sentBase_];
+}
+
 std::vector<HandedBack> SimHost::HandedBackFrom(size_t first) const {
   std::lock_guard<std::mutex> lock(mutex_);
   return RecordsFrom(handedBack_, handedBackBase_, first);

@@ -27,6 +27,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -112,8 +113,10 @@ class SimHost : public CIModuleHost {
   // Number of records ever made (kept or forgotten).
   size_t SentCount() const;
   size_t HandBackCount() const;
-  // The kept records numbered `first` and later.
+  // The kept records numbered `first` and later; the one numbered `number`, when kept.
+  // A request's repliesJson stays empty until it has been answered.
   std::vector<SentRequest> SentRequestsFrom(size_t first) const;
+  std::optional<SentRequest> SentRequestAt(size_t number) const;
   std::vector<HandedBack> HandedBackFrom(size_t first) const;
   // Drops the records numbered below `sent` and `handedBack`: a host that runs for long
   // keeps only what it still reads.

@@ -140,6 +140,8 @@ LineEditor::LineEditor(std::string prompt, Completer completer)
   state_->el = el;
   el_set(el, EL_CLIENTDATA, state_.get());
   el_set(el, EL_EDITOR, "emacs");
+  // A signal that ends emhost (Ctrl-C) leaves the terminal as it found it.
+  el_set(el, EL_SIGNAL, 1);
   el_set(el, EL_PROMPT, Prompt);
   el_set(el, EL_GETCFN, GetChar);
   // The wide form keeps the names as given; the narrow one copies them and never frees.

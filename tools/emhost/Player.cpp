@@ -91,13 +91,13 @@ void Player::Drain() {
   }
 }
 
-void Player::Forget() {
+void Player::Forget(size_t needed) {
   size_t handed = 0;
   {
     std::lock_guard<std::mutex> lock(mutex_);
     handed = handedSeen_;
   }
-  session_.host().ForgetRecordsBefore(session_.host().SentCount(), handed);
+  session_.host().ForgetRecordsBefore(std::min(session_.host().SentCount(), needed), handed);
 }
 
 void Player::PlayDueEvents(bool all) {

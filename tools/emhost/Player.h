@@ -61,8 +61,8 @@ class Player {
   void Deliver(uint32_t atMs, uint32_t mid, SipJson message, bool updatesModule);
   // Prints what the module handed up since the last call, except pending late answers.
   void Drain();
-  // Forgets the host's records read so far (a long run keeps no history).
-  void Forget();
+  // Forgets the host's records read so far, up to `needed` (a long run keeps no history).
+  void Forget(size_t needed);
 
   bool AllLateAnswersCame() const { return !missingLate_; }
   uint64_t ClockMs() const { return clockMs_; }

@@ -121,7 +121,7 @@ int RunScenario(const RunOptions& options) {
   auto send = [&](SipJson request) {
     player.Send(std::move(request));
     scans.Poll();
-    player.Forget();
+    player.Forget(scans.FirstNeeded());
   };
   for (const hostsim::ScenarioRequest& request : session.scenario().requests) {
     send(request.ToMessage());

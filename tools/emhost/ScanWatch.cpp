@@ -1,5 +1,6 @@
 #include "ScanWatch.h"
 
+#include <algorithm>
 #include <chrono>
 #include <thread>
 
@@ -33,24 +34,41 @@ void ScanWatch::Rescanned() {
 void ScanWatch::Update() {
   const std::vector<hostsim::SentRequest> sent = session_.host().SentRequestsFrom(seen_);
   if (!sent.empty()) lastActivity_ = std::chrono::steady_clock::now();
-  seen_ += sent.size();
   for (const hostsim::SentRequest& request : sent) {
-    if (request.thread == caller_) continue;  // a client's request, not a scan
-    SipJson msg;
-    if (!msg.Parse(request.json)) continue;
-    const uint32_t oc = msg.GetOpcode(request.index);
-    if (oc != kOcLogMessageArguments && oc != kOcLogEntry) continue;
-    const uint32_t cabinet = msg.GetKey(request.index, "CA", 0);
-    if (oc == kOcLogMessageArguments && started_.insert(cabinet).second) ++begun_;
-    rapidjson::Document replies;
-    replies.Parse(request.repliesJson.c_str(), request.repliesJson.size());
-    if (!replies.IsArray()) continue;
-    for (const rapidjson::Value& reply : replies.GetArray()) {
-      if (hostsim::CommandKey(reply, "ST", 0) != hostsim::kStatusTimeout) continue;
-      timedOut_[cabinet].insert(fmt::format("MI 0x{:08X} OC 0x{:04X}",
-                                            hostsim::CommandKey(reply, "MI", 0), oc));
-    }
+    if (!Inspect(request)) unanswered_.push_back(seen_);
+    ++seen_;
   }
+  // A request is recorded when it is sent and its replies when they came.
+  std::vector<size_t> still;
+  for (size_t number : unanswered_) {
+    const std::optional<hostsim::SentRequest> request = session_.host().SentRequestAt(number);
+    if (request && !Inspect(*request)) still.push_back(number);
+  }
+  unanswered_ = std::move(still);
+}
+
+size_t ScanWatch::FirstNeeded() const {
+  return unanswered_.empty() ? seen_ : std::min(seen_, unanswered_.front());
+}
+
+bool ScanWatch::Inspect(const hostsim::SentRequest& request) {
+  if (request.thread == caller_) return true;  // a client's request, not a scan
+  SipJson msg;
+  if (!msg.Parse(request.json)) return true;
+  const uint32_t oc = msg.GetOpcode(request.index);
+  if (oc != kOcLogMessageArguments && oc != kOcLogEntry) return true;
+  const uint32_t cabinet = msg.GetKey(request.index, "CA", 0);
+  if (oc == kOcLogMessageArguments && started_.insert(cabinet).second) ++begun_;
+  if (request.repliesJson.empty()) return false;
+  rapidjson::Document replies;
+  replies.Parse(request.repliesJson.c_str(), request.repliesJson.size());
+  if (!replies.IsArray()) return true;
+  for (const rapidjson::Value& reply : replies.GetArray()) {
+    if (hostsim::CommandKey(reply, "ST", 0) != hostsim::kStatusTimeout) continue;
+    timedOut_[cabinet].insert(fmt::format("MI 0x{:08X} OC 0x{:04X}",
+                                          hostsim::CommandKey(reply, "MI", 0), oc));
+  }
+  return true;
 }
 
 bool ScanWatch::WaitForActivity() {

@@ -42,9 +42,13 @@ class ScanWatch {
   std::set<uint32_t> Refused();
   // Reads the records the host made since the last call (before they are forgotten).
   void Poll() { Update(); }
+  // The first host record it still needs (a scan request not answered yet, or unread).
+  size_t FirstNeeded() const;
 
  private:
   void Update();
+  // Notes what one record of the host tells; false when it has not been answered yet.
+  bool Inspect(const hostsim::SentRequest& request);
   // Waits for the host's next record; false when the module has been silent for longer
   // than the longest time-out it uses (a scan that will not begin).
   bool WaitForActivity();
@@ -55,6 +59,7 @@ class ScanWatch {
   size_t refusalsBefore_ = 0;
   size_t refused_ = 0;  // scans the queue refused
   size_t seen_ = 0;     // host records read
+  std::vector<size_t> unanswered_;  // scan requests read before they were answered
   size_t begun_ = 0;    // scans that began
   std::chrono::steady_clock::time_point lastActivity_;
   const std::thread::id caller_ = std::this_thread::get_id();

@@ -4,6 +4,8 @@
 // hands up as it happens. The exit code is that of stopping the module at the end.
 #include "ShellCommand.h"
 
+#include <unistd.h>
+
 #include <atomic>
 #include <iterator>
 #include <memory>
@@ -115,7 +117,7 @@ void Shell::Start() {
   ScanWatch scans(session_);
   session_.Start({});
   scans.Rescanned();
-  scans.Await(true);
+  scans.Await(isatty(STDERR_FILENO) != 0);
   for (const std::string& line : scans.Report()) Say("emhost: " + line);
   refused_ = scans.Refused();
   player_.LearnStart(before);
@@ -127,7 +129,7 @@ void Shell::Rescan() {
   ScanWatch scans(session_);
   session_.module().Rescan();
   scans.Rescanned();
-  scans.Await(true);
+  scans.Await(isatty(STDERR_FILENO) != 0);
   refused_ = scans.Refused();
   const std::vector<std::string> report = scans.Report();
   for (const std::string& line : report) Say("emhost: " + line);
@@ -255,11 +257,13 @@ bool Shell::Execute(const std::string& line) {
     Follow(words.size() > 1 ? words[1] == "on" : !following_);
     Say(following_ ? "emhost: following what the module hands up" : "emhost: follow is off");
   } else if (name == "play") {
-    player_.SetTimeline(session_.scenario().events);
-    for (const hostsim::ScenarioRequest& request : session_.scenario().requests) {
-      if (Running()) player_.Send(request.ToMessage());
+    if (Running()) {
+      player_.SetTimeline(session_.scenario().events);
+      for (const hostsim::ScenarioRequest& request : session_.scenario().requests) {
+        player_.Send(request.ToMessage());
+      }
+      player_.PlayDueEvents(true);
     }
-    player_.PlayDueEvents(true);
   } else if (name == "opcodes") {
     PrintOpcodes();
   } else if (name == "history") {
@@ -279,7 +283,7 @@ void Shell::Loop() {
   while (editor_.ReadLine(line)) {
     if (!Execute(line)) break;
     player_.Drain();
-    player_.Forget();
+    player_.Forget(session_.host().SentCount());
   }
 }
 
