@@ -38,7 +38,8 @@ void CaptureSink::Capture(const char* format, va_list args) {
   if (echo_) {
     fputs(line.c_str(), echoTo_ != nullptr ? echoTo_ : stderr);
   }
-  lines_.push_back(std::move(line));
+  if (observer_) observer_(line);
+  if (keep_) lines_.push_back(std::move(line));
 }
 
 void CaptureSink::PrintV(const char* format, va_list args, const char* /*tag*/) {
@@ -85,6 +86,16 @@ size_t CaptureSink::Count(const std::string& fragment) const {
 void CaptureSink::Clear() {
   std::lock_guard<std::mutex> lock(mutex_);
   lines_.clear();
+}
+
+void CaptureSink::SetKeepLines(bool keep) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  keep_ = keep;
+}
+
+void CaptureSink::SetObserver(Observer observer) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  observer_ = std::move(observer);
 }
 
 void CaptureSink::SetEcho(bool echo, std::FILE* to) {

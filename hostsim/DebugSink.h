@@ -8,6 +8,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -37,6 +38,13 @@ class CaptureSink : public CIDebugSink {
   void SetEcho(bool echo, std::FILE* to = nullptr);
   // A sink that is not ready makes the module drop its lines.
   void SetReady(bool ready) { ready_ = ready; }
+  // false: lines are no longer kept for Lines() and the queries (a host that runs for
+  // long); echo and the observer still see them.
+  void SetKeepLines(bool keep);
+  // Called with every line, in order, under the sink's lock (it must not call the sink);
+  // an empty function removes it.
+  using Observer = std::function<void(const std::string& line)>;
+  void SetObserver(Observer observer);
 
  private:
   void Capture(const char* format, va_list args);
@@ -44,6 +52,8 @@ class CaptureSink : public CIDebugSink {
   mutable std::mutex mutex_;
   std::vector<std::string> lines_;
   bool echo_ = false;
+  bool keep_ = true;
+  Observer observer_;
   std::FILE* echoTo_ = nullptr;
   volatile bool ready_ = true;
 };

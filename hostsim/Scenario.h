@@ -3,7 +3,8 @@
 // reply rules, and the requests a tool sends to the module under test.
 //
 // Loading never throws: malformed text or members of the wrong type give false and an
-// error text naming the offending member.
+// error text naming the offending member. Check lists every error and the warnings of a
+// scenario that would play, but not as its writer likely meant.
 #ifndef EM_HOSTSIM_SCENARIO_H
 #define EM_HOSTSIM_SCENARIO_H
 
@@ -32,6 +33,9 @@ struct ScenarioRequest {
   uint32_t ca = 0;
   std::optional<uint32_t> mi;
   std::string dataJson;  // empty: no DA
+  // OE and OI are left out of the message when 0, unless they were written.
+  bool writesOe = false;
+  bool writesOi = false;
 
   // The request as a message: one command {"OC", ["OE"], ["OI"], "CA", ["MI"], ["DA"]}.
   SipJson ToMessage() const;
@@ -42,8 +46,18 @@ struct ScenarioEvent {
   uint32_t atMs = 0;
   uint32_t mid = 0;
   ScenarioRequest command;  // OC, OE, OI, CA and DA of the event
+  // The reporting module answers afterwards what the event says (SimModule::ApplyEvent).
+  bool updatesModule = false;
+  size_t entry = 0;  // its place in the file's "events" (they are played in order of time)
 
   SipJson ToMessage() const { return command.ToMessage(); }
+};
+
+// An error or a warning about a scenario file.
+struct ScenarioFinding {
+  size_t line = 0;  // 0: not known
+  bool warning = false;
+  std::string what;  // "modules[0].rules[2] has unknown member \"delay\""
 };
 
 struct Scenario {
@@ -57,8 +71,13 @@ struct Scenario {
   std::vector<ScenarioEvent> events;  // in order of time
 
   // Replaces this scenario with the one in `text`. On failure returns false, sets
-  // `error` ("LINE: PATH what is wrong") and leaves this scenario unchanged.
+  // `error` ("LINE: PATH what is wrong", the first error in line order) and leaves this
+  // scenario unchanged.
   bool Parse(const std::string& text, std::string& error);
+  // As Parse, listing every error and warning in line order (at most kMaxFindings).
+  // True, and the scenario replaced, when there is no error.
+  bool Check(const std::string& text, std::vector<ScenarioFinding>& findings);
+  static constexpr size_t kMaxFindings = 100;
   // Reads the file at `path` and parses it; errors start with "PATH:".
   bool Load(const std::string& path, std::string& error);
   // Configures the host: kind, SE cabinets and one simulated module per entry (added

@@ -126,21 +126,81 @@ std::vector<std::string> SimHost::AlternateSends() const {
   return alternate_;
 }
 
+size_t SimHost::SentCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return sentBase_ + sent_.size();
+}
+
+size_t SimHost::HandBackCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return handedBackBase_ + handedBack_.size();
+}
+
+namespace {
+
+template <class Record>
+std::vector<Record> RecordsFrom(const std::vector<Record>& records, size_t base, size_t first) {
+  const size_t from = first > base ? std::min(first - base, records.size()) : 0;
+  return std::vector<Record>(records.begin() + static_cast<ptrdiff_t>(from), records.end());
+}
+
+template <class Record>
+void Forget(std::vector<Record>& records, size_t& base, size_t before) {
+  if (before <= base) return;
+  const size_t drop = std::min(before - base, records.size());
+  records.erase(records.begin(), records.begin() + static_cast<ptrdiff_t>(drop));
+  base += drop;
+}
+
+}  // namespace
+
+std::vector<SentRequest> SimHost::SentRequestsFrom(size_t first) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return RecordsFrom(sent_, sentBase_, first);
+}
+
+std::optional<SentRequest> SimHost::SentRequestAt(size_t number) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (number < sentBase_ || number - sentBase_ >= sent_.size()) return std::nullopt;
+  return sent_[number - sentBase_];
+}
+
+std::vector<HandedBack> SimHost::HandedBackFrom(size_t first) const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return RecordsFrom(handedBack_, handedBackBase_, first);
+}
+
+void SimHost::ForgetRecordsBefore(size_t sent, size_t handedBack) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  Forget(sent_, sentBase_, sent);
+  Forget(handedBack_, handedBackBase_, handedBack);
+}
+
 void SimHost::ClearRecords() {
   std::lock_guard<std::mutex> lock(mutex_);
   sent_.clear();
   handedBack_.clear();
   alternate_.clear();
+  sentBase_ = 0;
+  handedBackBase_ = 0;
 }
 
 bool SimHost::WaitForRequests(size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return recorded_.wait_for(lock, timeout, [&] { return sent_.size() >= count; });
+  return recorded_.wait_for(lock, timeout, [&] { return sentBase_ + sent_.size() >= count; });
 }
 
 bool SimHost::WaitForHandBacks(size_t count, std::chrono::milliseconds timeout) const {
   std::unique_lock<std::mutex> lock(mutex_);
-  return recorded_.wait_for(lock, timeout, [&] { return handedBack_.size() >= count; });
+  return recorded_.wait_for(lock, timeout,
+                            [&] { return handedBackBase_ + handedBack_.size() >= count; });
+}
+
+bool SimHost::WaitForMore(size_t sent, size_t handedBack, std::chrono::milliseconds timeout) const {
+  std::unique_lock<std::mutex> lock(mutex_);
+  return recorded_.wait_for(lock, timeout, [&] {
+    return sentBase_ + sent_.size() > sent || handedBackBase_ + handedBack_.size() > handedBack;
+  });
 }
 
 uint32_t SimHost::AlternateSend(CIExtensionModule* /*module*/, SipJson& msg,
@@ -180,7 +240,7 @@ bool SimHost::EnumerateSeCabinets(uint32_t serverCabinet, const uint32_t** seCab
 
 rapidjson::Value SimHost::BuildReply(const rapidjson::Value& request, SimModule* module,
                                      uint32_t timeoutMs, SipJson::Allocator& allocator,
-                                     uint32_t* replies) {
+                                     uint32_t* spentMs, uint32_t* replies) {
   rapidjson::Value reply(request, allocator);
   reply.RemoveMember("DA");
   SetMember(reply, "MI", module->Mid(), allocator);
@@ -189,8 +249,10 @@ rapidjson::Value SimHost::BuildReply(const rapidjson::Value& request, SimModule*
   if (answer.delayMs > timeoutMs) {
     // The module would answer too late: report the time-out without waiting for it.
     SetMember(reply, "ST", kStatusTimeout, allocator);
+    *spentMs = timeoutMs;
     return reply;
   }
+  *spentMs = answer.delayMs;
   if (answer.delayMs > 0) {
     std::this_thread::sleep_for(std::chrono::milliseconds(answer.delayMs));
   }
@@ -212,10 +274,62 @@ rapidjson::Value SimHost::BuildReply(const rapidjson::Value& request, SimModule*
   return reply;
 }
 
-void SimHost::RecordReplies(size_t at, const rapidjson::Value& replies) {
+void SimHost::RecordReplies(size_t at, const rapidjson::Value& replies, uint32_t simulatedMs) {
   std::string text = ToJsonText(replies);
   std::lock_guard<std::mutex> lock(mutex_);
-  if (at < sent_.size()) sent_[at].repliesJson = std::move(text);
+  if (at >= sentBase_ && at - sentBase_ < sent_.size()) {
+    sent_[at - sentBase_].repliesJson = std::move(text);
+    sent_[at - sentBase_].simulatedMs = simulatedMs;
+  }
+}
+
+void SimHost::Broadcast(const rapidjson::Value& request,
+                        const std::vector<std::shared_ptr<SimModule>>& modules,
+                        uint32_t timeoutMs, size_t recordAt, SipJson& msg,
+                        CIExtensionModule* sender) {
+  SipJson::Allocator& allocator = msg.GetAllocator();
+  rapidjson::Value replies(rapidjson::kArrayType);
+  uint32_t delays = 0, timedOut = 0;
+  for (const auto& module : modules) {
+    uint32_t copies = 1, spent = 0;
+    rapidjson::Value reply =
+        BuildReply(request, module.get(), timeoutMs, allocator, &spent, &copies);
+    for (uint32_t c = 1; c < copies; ++c) {
+      replies.PushBack(rapidjson::Value(reply, allocator), allocator);
+    }
+    if (copies > 0) replies.PushBack(reply, allocator);
+    if (spent == timeoutMs && spent != 0) {
+      timedOut = timeoutMs;
+    } else {
+      delays += spent;
+    }
+  }
+  RecordReplies(recordAt, replies, delays + timedOut);
+  int32_t replyCount = 0;
+  if (rapidjson::Value* commands = CommandArray(msg)) {
+    replyCount = static_cast<int32_t>(replies.Size());
+    *commands = replies;
+  }
+  if (sender != nullptr) {
+    for (int32_t i = 0; i < replyCount; ++i) {
+      msg.SetCurrentIndex(i);
+      sender->OnReply(msg);
+    }
+  }
+  msg.SetCurrentIndex(0);
+}
+
+size_t SimHost::RecordSent(const SipJson& msg, int32_t index, uint64_t context,
+                           uint32_t timeoutMs, RequestHook& hook, CIExtensionModule*& sender) {
+  SentRequest record{msg.Serialize(), index, context, timeoutMs,
+                     std::chrono::steady_clock::now(), std::this_thread::get_id(), {}};
+  std::lock_guard<std::mutex> lock(mutex_);
+  const size_t at = sentBase_ + sent_.size();
+  sent_.push_back(std::move(record));
+  recorded_.notify_all();
+  hook = hook_;
+  if (context == context_) sender = attached_;
+  return at;
 }
 
 uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs) {
@@ -226,17 +340,7 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
   }
   RequestHook hook;
   CIExtensionModule* sender = nullptr;
-  size_t recordAt = 0;
-  {
-    SentRequest record{msg.Serialize(), index, context, timeoutMs,
-                       std::chrono::steady_clock::now(), std::this_thread::get_id(), {}};
-    std::lock_guard<std::mutex> lock(mutex_);
-    recordAt = sent_.size();
-    sent_.push_back(std::move(record));
-    recorded_.notify_all();
-    hook = hook_;
-    if (context == context_) sender = attached_;
-  }
+  const size_t recordAt = RecordSent(msg, index, context, timeoutMs, hook, sender);
   if (hook) hook(msg);
 
   SipJson::Allocator& allocator = msg.GetAllocator();
@@ -250,28 +354,7 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
   const auto modules = ModulesSnapshot();
 
   if (mi == kAllModules || ca == kAllCabinets) {
-    rapidjson::Value replies(rapidjson::kArrayType);
-    for (const auto& module : modules) {
-      uint32_t copies = 1;
-      rapidjson::Value reply = BuildReply(request, module.get(), timeoutMs, allocator, &copies);
-      for (uint32_t c = 1; c < copies; ++c) {
-        replies.PushBack(rapidjson::Value(reply, allocator), allocator);
-      }
-      if (copies > 0) replies.PushBack(reply, allocator);
-    }
-    RecordReplies(recordAt, replies);
-    int32_t replyCount = 0;
-    if (rapidjson::Value* commands = CommandArray(msg)) {
-      replyCount = static_cast<int32_t>(replies.Size());
-      *commands = replies;
-    }
-    if (sender != nullptr) {
-      for (int32_t i = 0; i < replyCount; ++i) {
-        msg.SetCurrentIndex(i);
-        sender->OnReply(msg);
-      }
-    }
-    msg.SetCurrentIndex(0);
+    Broadcast(request, modules, timeoutMs, recordAt, msg, sender);
     return 1;
   }
 
@@ -283,8 +366,9 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
     }
   }
   rapidjson::Value reply;
+  uint32_t spent = 0;
   if (target) {
-    reply = BuildReply(request, target.get(), timeoutMs, allocator);
+    reply = BuildReply(request, target.get(), timeoutMs, allocator, &spent);
   } else {
     reply.CopyFrom(request, allocator);
     reply.RemoveMember("DA");
@@ -293,7 +377,7 @@ uint32_t SimHost::SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs
   {
     rapidjson::Value one(rapidjson::kArrayType);
     one.PushBack(rapidjson::Value(reply, allocator), allocator);
-    RecordReplies(recordAt, one);
+    RecordReplies(recordAt, one, spent);
   }
   msg.SetCurrentIndex(index);
   msg.CurrentCommand() = reply;

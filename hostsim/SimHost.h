@@ -27,6 +27,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -50,6 +51,9 @@ struct SentRequest {
   std::thread::id thread;
   // The reply commands the modules gave, as a JSON array, before the sender saw them.
   std::string repliesJson;
+  // The time the simulated modules took to answer: their reply delays, and the whole
+  // time-out where a reply came too late (counted once per request).
+  uint32_t simulatedMs = 0;
 };
 
 // One message a module handed back, copied during the call.
@@ -101,14 +105,30 @@ class SimHost : public CIModuleHost {
   SipJson DeliverEventOnThread(uint32_t mid, SipJson event);
 
   // ---- Records ----------------------------------------------------------------------------
-  std::vector<SentRequest> SentRequests() const;
+  // Records are numbered from 0 in the order they were made; the numbers stay valid when
+  // older records are forgotten.
+  std::vector<SentRequest> SentRequests() const;  // the records still kept
   std::vector<HandedBack> HandedBackMessages() const;
   std::vector<std::string> AlternateSends() const;  // serialised messages
+  // Number of records ever made (kept or forgotten).
+  size_t SentCount() const;
+  size_t HandBackCount() const;
+  // The kept records numbered `first` and later; the one numbered `number`, when kept.
+  // A request's repliesJson stays empty until it has been answered.
+  std::vector<SentRequest> SentRequestsFrom(size_t first) const;
+  std::optional<SentRequest> SentRequestAt(size_t number) const;
+  std::vector<HandedBack> HandedBackFrom(size_t first) const;
+  // Drops the records numbered below `sent` and `handedBack`: a host that runs for long
+  // keeps only what it still reads.
+  void ForgetRecordsBefore(size_t sent, size_t handedBack);
   void ClearRecords();
   // Wait until at least `count` requests (hand-backs) have been recorded; false when the
   // deadline passes first.
   bool WaitForRequests(size_t count, std::chrono::milliseconds timeout) const;
   bool WaitForHandBacks(size_t count, std::chrono::milliseconds timeout) const;
+  // Waits until more than `sent` requests or more than `handedBack` hand-backs have been
+  // recorded; false when the time-out passes first.
+  bool WaitForMore(size_t sent, size_t handedBack, std::chrono::milliseconds timeout) const;
 
   // ---- The host interface ------------------------------------------------------------------
   // Records the message and answers ST 0x01.
@@ -125,10 +145,19 @@ class SimHost : public CIModuleHost {
   std::vector<std::shared_ptr<SimModule>> ModulesSnapshot() const;
   // Builds one module's reply to `request` in the message's allocator (may sleep).
   // `replies` (may be null) gets how many times a broadcast carries it.
+  // `spentMs` gets the reply's delay, or the time-out when it comes too late.
   rapidjson::Value BuildReply(const rapidjson::Value& request, SimModule* module,
                               uint32_t timeoutMs, SipJson::Allocator& allocator,
-                              uint32_t* replies = nullptr);
-  void RecordReplies(size_t at, const rapidjson::Value& replies);
+                              uint32_t* spentMs, uint32_t* replies = nullptr);
+  void RecordReplies(size_t at, const rapidjson::Value& replies, uint32_t simulatedMs);
+  // Records a sent request; gives its number, the hook to call and the module that sent
+  // it (nullptr: another context).
+  size_t RecordSent(const SipJson& msg, int32_t index, uint64_t context, uint32_t timeoutMs,
+                    RequestHook& hook, CIExtensionModule*& sender);
+  // Answers a broadcast: one reply command per module in `msg`, each passed to `sender`.
+  void Broadcast(const rapidjson::Value& request,
+                 const std::vector<std::shared_ptr<SimModule>>& modules, uint32_t timeoutMs,
+                 size_t recordAt, SipJson& msg, CIExtensionModule* sender);
 
   mutable std::mutex mutex_;
   mutable std::condition_variable recorded_;
@@ -144,6 +173,8 @@ class SimHost : public CIModuleHost {
   RequestHook hook_;
   std::vector<SentRequest> sent_;
   std::vector<HandedBack> handedBack_;
+  size_t sentBase_ = 0;        // number of the first kept request record
+  size_t handedBackBase_ = 0;  // number of the first kept hand-back record
   std::vector<std::string> alternate_;
 };
 

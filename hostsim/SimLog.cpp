@@ -96,4 +96,17 @@ std::string RawDataJson(const std::vector<uint8_t>& bytes) {
   return json + "]}";
 }
 
+bool RawBytesOf(const rapidjson::Value& data, std::vector<uint8_t>& bytes) {
+  if (!data.IsObject()) return false;
+  const auto raw = data.FindMember("RAW");
+  if (raw == data.MemberEnd() || !raw->value.IsArray()) return false;
+  std::vector<uint8_t> read;
+  for (const rapidjson::Value& byte : raw->value.GetArray()) {
+    if (!byte.IsUint() || byte.GetUint() > 0xFF) return false;
+    read.push_back(static_cast<uint8_t>(byte.GetUint()));
+  }
+  bytes = std::move(read);
+  return true;
+}
+
 }  // namespace em_oidmap::hostsim

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+#include <rapidjson/document.h>
+
 namespace em_oidmap::hostsim {
 
 constexpr uint32_t kOcLogEntry = 0x0B00;             // old-style records, OI 0 or 1
@@ -60,6 +62,8 @@ std::vector<uint8_t> EncodeLog(const std::vector<SimOldStyleRecord>& records);
 std::vector<uint8_t> EncodeLog(const std::vector<SimUnifiedRecord>& records);
 // Raw bytes as the JSON data of a reply: {"RAW":[...]}.
 std::string RawDataJson(const std::vector<uint8_t>& bytes);
+// The bytes of such data; false for any other value (a member that is not a byte).
+bool RawBytesOf(const rapidjson::Value& data, std::vector<uint8_t>& bytes);
 
 }  // namespace em_oidmap::hostsim
 

@@ -123,6 +123,52 @@ void SimModule::SetKeepsConfigWrites(bool keep) {
   keepsConfigWrites_ = keep;
 }
 
+bool SimModule::ApplyEvent(const rapidjson::Value& command) {
+  const uint32_t oc = CommandKey(command, "OC", 0);
+  const auto data = command.IsObject() ? command.FindMember("DA") : command.MemberEnd();
+  const bool hasData = command.IsObject() && data != command.MemberEnd();
+  std::lock_guard<std::mutex> lock(mutex_);
+  if (oc == kOcLogMessageArguments || oc == kOcLogEntry) {
+    std::vector<uint8_t> bytes;
+    if (!hasData || !RawBytesOf(data->value, bytes)) return false;
+    ReplyRule log;
+    log.oc = oc;
+    if (oc == kOcLogEntry) log.oi = CommandKey(command, "OI", 0);
+    for (const ReplyRule& rule : rules_) {
+      if (rule.SameKey(log)) {
+        log = rule;
+        break;
+      }
+    }
+    std::vector<uint8_t> kept;
+    if (!log.dataJson.empty()) {
+      rapidjson::Document old;
+      old.Parse(log.dataJson.c_str(), log.dataJson.size());
+      RawBytesOf(old, kept);
+    }
+    kept.insert(kept.end(), bytes.begin(), bytes.end());
+    log.dataJson = RawDataJson(kept);
+    UpsertLocked(log, false);
+    return true;
+  }
+  ReplyRule rule;
+  rule.oc = oc;
+  rule.oe = CommandKey(command, "OE", 0);
+  rule.oi = CommandKey(command, "OI", 0);
+  rule.ca = CommandKey(command, "CA", 0);
+  if (hasData) rule.dataJson = ToJsonText(data->value);
+  for (auto it = rules_.begin(); it != rules_.end(); ++it) {
+    if (it->SameKey(rule)) {
+      rules_.erase(it);
+      break;
+    }
+  }
+  auto at = rules_.begin();
+  while (at != rules_.end() && at->fault) ++at;
+  rules_.insert(at, rule);
+  return true;
+}
+
 void SimModule::ClearRules() {
   std::lock_guard<std::mutex> lock(mutex_);
   rules_.clear();
@@ -165,7 +211,7 @@ ModuleAnswer SimModule::Answer(const rapidjson::Value& command) {
   const uint32_t oi = CommandKey(command, "OI", 0);
   const uint32_t ca = CommandKey(command, "CA", 0);
   std::lock_guard<std::mutex> lock(mutex_);
-  received_.push_back(std::move(text));
+  if (received_.size() < kMaxReceived) received_.push_back(std::move(text));
   ModuleAnswer answer;
   bool wrongType = false;
   uint32_t lateMs = 0;

@@ -28,6 +28,9 @@ constexpr uint32_t kAllCabinets = 0xFFFFFFFF;
 constexpr uint32_t kOcConfigRead = 0xE001;
 constexpr uint32_t kOcConfigWrite = 0xE002;
 constexpr uint32_t kNeverInTime = 0xFFFFFFFF;  // a delay no time-out waits for
+// The most received commands a module keeps for Received(): a host that runs all day
+// sends it without end.
+constexpr size_t kMaxReceived = 10000;
 
 struct ReplyRule {
   uint32_t oc = 0;
@@ -99,6 +102,11 @@ class SimModule {
   // Configuration writes (OC 0xE002) with data that the rules answer ST 0, or leave
   // unanswered, are kept: later reads of that value id answer the written data.
   void SetKeepsConfigWrites(bool keep);
+  // What the module reports in an event becomes what it answers from then on: a log
+  // event (OC 0x0B16, or 0x0B00 with its OI) appends its record bytes to that log, any
+  // other event answers its OC, OE, OI and CA with ST 0 and the event's data, after the
+  // faults and before the other rules. False when a log event carries no raw data.
+  bool ApplyEvent(const rapidjson::Value& command);
   void ClearRules();
   std::vector<ReplyRule> Rules() const;
 
@@ -108,7 +116,8 @@ class SimModule {
   // requests). Records nothing.
   bool Accepts(const rapidjson::Value& command) const;
 
-  // The commands delivered to this module, serialised, in order of arrival.
+  // The commands delivered to this module, serialised, in order of arrival (the first
+  // kMaxReceived of them).
   std::vector<std::string> Received() const;
   void ClearReceived();
 

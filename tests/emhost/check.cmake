@@ -6,6 +6,13 @@ emhost_golden(check-stdin STDIN examples/msgfiles/ERRMSG.XML ARGS check -)
 emhost_golden(check-broken-errmsg EXIT 1 ARGS check ${D}/broken-errmsg.xml)
 emhost_golden(check-broken-eventmsg EXIT 1 ARGS check ${D}/broken-eventmsg.xml)
 emhost_golden(check-not-well-formed EXIT 1 ARGS check ${D}/not-well-formed.xml)
+# The format of a file of another name is how most of its codes are written, not its first.
+emhost_golden(check-first-code-misspelt EXIT 1 ARGS check ${D}/first-code-misspelt.xml)
 emhost_golden(check-bad-scenario EXIT 1 ARGS check ${D}/bad-scenario.json)
-# A file that cannot be read is a bad input (exit 2); the others are still checked.
-emhost_golden(check-unreadable EXIT 2 ARGS check ${D}/nosuch.xml examples/msgfiles/EVENTMSG.XML)
+# A file that cannot be read, or a directory, is a bad input (exit 2); the others are still
+# checked.
+emhost_golden(check-unreadable EXIT 2 ARGS check ${D}/nosuch.xml examples/msgfiles/EVENTMSG.XML
+                                            ${D})
+# Every error of a scenario in one pass, and the warnings: a module id twice, an event from
+# a module that is not there, more cabinets than the module keeps and its queue holds.
+emhost_golden(check-lint-scenario EXIT 1 ARGS check ${D}/lint-scenario.json)

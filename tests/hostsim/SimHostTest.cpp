@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include "hostsim/SimLog.h"
 #include "module/ExtensionModule.h"
 #include "tests/sip/SipJsonTestUtil.h"
 
@@ -152,8 +153,60 @@ TEST_F(SimHostTest, Timeout_LongDelayAnswers0x0FAtOnceShortDelayReallyWaits) {
   EXPECT_EQ(slow.GetStatus(0), 0x0Fu);
   EXPECT_FALSE(slow.HasKey(0, "DA"));
   EXPECT_EQ(DataValue(slow, 1), 8u);
+  // The simulated time: the delay waited and the whole time-out of the late reply.
+  EXPECT_EQ(host.SentRequests().back().simulatedMs, 1030u);
   // The same short delay above a shorter time-out is a time-out too.
   EXPECT_EQ(Send({0x0301, 0, 0, 0}, kMidB, 10).GetStatus(0), 0x0Fu);
+}
+
+// A host that runs all day forgets old records; the others keep their numbers, so that a
+// reader goes on from the number it stopped at.
+TEST_F(SimHostTest, Records_KeepTheirNumbersWhenOlderOnesAreForgotten) {
+  host.AddModule(kMidA).AddRule(Rule(0x0301, "1"));
+  for (uint32_t oi = 0; oi < 3; ++oi) Send({0x0301, 0, oi, 0}, kMidA);
+  host.ForgetRecordsBefore(2, 0);
+  EXPECT_EQ(host.SentCount(), 3u);
+  EXPECT_EQ(host.SentRequests().size(), 1u);
+  ASSERT_EQ(host.SentRequestsFrom(1).size(), 1u) << "from the first one kept";
+  EXPECT_NE(host.SentRequestsFrom(2)[0].json.find("\"OI\":2"), std::string::npos);
+  EXPECT_TRUE(host.SentRequestsFrom(3).empty());
+  EXPECT_TRUE(host.WaitForMore(2, 0, milliseconds(1)));
+  EXPECT_FALSE(host.WaitForMore(3, 0, milliseconds(1)));
+}
+
+// What a module reports in an event it answers afterwards, behind its faults; the record
+// of a log event joins its log.
+TEST_F(SimHostTest, ApplyEvent_TheModuleAnswersWhatItReported) {
+  SimModule& a = host.AddModule(kMidA);
+  a.AddRule(Rule(0x0301, R"({"Speed":4200})"));  // any object
+  ReplyRule fault = Rule(0x0301, "", 0, 2u);
+  fault.status = 0x13;
+  a.AddFault(fault);
+  a.SetLog(kOcLogMessageArguments, std::nullopt, {1, 2});
+  for (const char* event : {R"({"OC":769,"OI":1,"CA":0,"DA":{"Speed":0}})",
+                            R"({"OC":769,"OI":2,"CA":0,"DA":{"Speed":0}})",
+                            R"({"OC":2838,"CA":0,"DA":{"RAW":[3]}})"}) {
+    rapidjson::Document command;
+    command.Parse(event);
+    EXPECT_TRUE(a.ApplyEvent(command)) << event;
+  }
+  rapidjson::Document notRaw;
+  notRaw.Parse(R"({"OC":2838,"CA":0,"DA":5})");
+  EXPECT_FALSE(a.ApplyEvent(notRaw));
+
+  const struct { uint32_t oc, oi, st; const char* data; } rows[] = {
+      {0x0301, 1, 0x00, R"({"Speed":0})"},
+      {0x0301, 0, 0x00, R"({"Speed":4200})"},
+      {0x0301, 2, 0x13, ""},  // the fault still comes first
+      {0x0B16, 0, 0x00, R"({"RAW":[1,2,3]})"},
+  };
+  for (const auto& row : rows) {
+    SipJson reply = Send({row.oc, 0, row.oi, 0}, kMidA);
+    const rapidjson::Value& command = *reply.Command(0);
+    const auto data = command.FindMember("DA");
+    EXPECT_EQ(reply.GetStatus(0), row.st) << row.oi;
+    EXPECT_EQ(data == command.MemberEnd() ? "" : ToJsonText(data->value), row.data) << row.oi;
+  }
 }
 
 TEST_F(SimHostTest, RequestHook_HoldsTheSenderUntilTheTestReleasesIt) {

@@ -1,7 +1,7 @@
 // emhost check FILE...: checks scenario files and message files without loading the module.
-// Findings go to standard output, one line each ("FILE:LINE: what"); a file without any
-// gets one "FILE: ok (...)" line. Exit 0 without findings, 1 with findings, 2 when a file
-// cannot be read.
+// Findings go to standard output, one line each ("FILE:LINE: what", "FILE:LINE: warning:
+// what" for what plays but hardly as meant); a file without any gets one "FILE: ok (...)"
+// line. Exit 0 without findings, 1 with findings, 2 when a file cannot be read.
 #include "CheckCommand.h"
 
 #include <fmt/format.h>
@@ -16,10 +16,12 @@
 #include <string>
 #include <vector>
 
+#include "Console.h"
+#include "HostSession.h"
 #include "MessageFileCheck.h"
 #include "hostsim/Scenario.h"
 
-using namespace em_oidmap;  // emhost is not in the project namespace yet
+namespace em_oidmap::emhost {
 
 namespace {
 
@@ -35,20 +37,6 @@ std::string Lower(std::string text) {
 
 bool EndsWith(const std::string& text, const std::string& end) {
   return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-}
-
-bool ReadFile(const std::string& path, std::string& bytes) {
-  std::ifstream in;
-  std::istream* from = &std::cin;
-  if (path != "-") {
-    in.open(path, std::ios::binary);
-    if (!in) return false;
-    from = &in;
-  }
-  std::ostringstream all;
-  all << from->rdbuf();
-  bytes = all.str();
-  return !from->bad();
 }
 
 // A scenario is JSON: by its name, or else by its first character.
@@ -74,15 +62,18 @@ std::optional<LogMsgFormat> MessageFormat(const CheckOptions& options, const std
 size_t CheckOne(const CheckOptions& options, const std::string& path, const std::string& bytes) {
   if (IsScenario(path, bytes)) {
     hostsim::Scenario scenario;
-    std::string error;
-    if (!scenario.Parse(bytes, error)) {
-      fmt::print("{}:{}\n", path, error);  // the error starts with its line, as Load gives it
-      return 1;
+    std::vector<hostsim::ScenarioFinding> findings;
+    scenario.Check(bytes, findings);
+    for (const hostsim::ScenarioFinding& finding : findings) {
+      fmt::print("{}:{}: {}{}\n", path, finding.line, finding.warning ? "warning: " : "",
+                 finding.what);
     }
-    fmt::print("{}: ok (scenario{}, {} modules, {} requests)\n", path,
-               scenario.name.empty() ? "" : " \"" + scenario.name + "\"", scenario.modules.size(),
-               scenario.requests.size());
-    return 0;
+    if (findings.empty()) {
+      fmt::print("{}: ok (scenario{}, {} modules, {} requests)\n", path,
+                 scenario.name.empty() ? "" : " \"" + scenario.name + "\"",
+                 scenario.modules.size(), scenario.requests.size());
+    }
+    return findings.size();
   }
   const MessageFileReport report = CheckMessageFile(bytes, MessageFormat(options, path));
   for (const MessageFileFinding& finding : report.findings) {
@@ -101,9 +92,10 @@ int RunCheck(const CheckOptions& options) {
   size_t faultyFiles = 0;
   bool unreadable = false;
   for (const std::string& path : options.files) {
-    std::string bytes;
-    if (!ReadFile(path, bytes)) {
-      fmt::print(stderr, "emhost check: cannot read {}\n", path);
+    std::string bytes, error;
+    if (!ReadInputFile(path, bytes, error)) {
+      std::fflush(stdout);
+      console::Err("emhost check: " + error + "\n");
       unreadable = true;
       continue;
     }
@@ -128,15 +120,19 @@ void AddCheckCommand(CLI::App& app, int* exitCode) {
       "check", "Check scenario files and message files without running the module");
   check
       ->add_option("FILE", options->files,
-                   "Scenario (.json) or message file (.xml) to check; - for standard input")
+                   "Scenario (.json) or message file (.xml) to check; - for standard input. "
+                   "A scenario gets every error and warnings for what plays, but hardly as "
+                   "meant")
       ->required();
   check
       ->add_option("--format", options->format,
                    "Format of the message files (default: EVENTMSG.XML is unified, "
-                   "ERRMSG.XML old style, others by their codes)")
+                   "ERRMSG.XML old style, others by how most of their codes are written)")
       ->check(CLI::IsMember({"old", "unified"}));
   check->footer(
       "Exit status: 0 without findings, 1 with findings, 2 on a bad command line or a file "
       "that cannot be read.");
   check->callback([options, exitCode] { *exitCode = RunCheck(*options); });
 }
+
+}  // namespace em_oidmap::emhost

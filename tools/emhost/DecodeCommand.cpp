@@ -22,7 +22,7 @@
 #include "msglog/LogRecords.h"
 #include "msglog/MsgLogPage.h"
 
-using namespace em_oidmap;  // emhost is not in the project namespace yet
+namespace em_oidmap::emhost {
 
 namespace {
 
@@ -133,18 +133,21 @@ class MessageDirectory {
   std::string temporary_;
 };
 
-int RunDecode(const DecodeOptions& options) {
-  uint16_t langId = 0;
+// The language id of --lang; false when it is none.
+bool ParseLang(const std::string& text, uint16_t& langId) {
   try {
     size_t used = 0;
-    const unsigned long value = std::stoul(options.lang, &used, 0);
-    if (used != options.lang.size() || value > 0xFFFF) throw std::out_of_range("lang");
+    const unsigned long value = std::stoul(text, &used, 0);
+    if (used != text.size() || value > 0xFFFF) return false;
     langId = static_cast<uint16_t>(value);
+    return true;
   } catch (const std::exception&) {
-    return Fail(fmt::format("--lang needs a language id such as 0x409, not \"{}\"", options.lang));
+    return false;
   }
+}
 
-  std::vector<InputRecord> inputs;
+// The records of the arguments, or of standard input; "" or what is wrong.
+std::string ReadInputs(const DecodeOptions& options, std::vector<InputRecord>& inputs) {
   std::string error;
   const bool fromStdin =
       options.records.empty() || (options.records.size() == 1 && options.records[0] == "-");
@@ -154,73 +157,110 @@ int RunDecode(const DecodeOptions& options) {
       const size_t first = line.find_first_not_of(" \t\r");
       if (first == std::string::npos || line[first] == '#') continue;  // blank or comment
       inputs.push_back({fmt::format("line {}", number), {}});
-      if (!ParseHex(line, inputs.back().bytes, error))
-        return Fail(fmt::format("{}: {}", inputs.back().where, error));
+      if (!ParseHex(line, inputs.back().bytes, error)) {
+        return fmt::format("{}: {}", inputs.back().where, error);
+      }
     }
-  } else {
-    for (size_t k = 0; k < options.records.size(); ++k) {
-      inputs.push_back({fmt::format("argument {}", k + 1), {}});
-      if (!ParseHex(options.records[k], inputs.back().bytes, error))
-        return Fail(fmt::format("{}: {}", inputs.back().where, error));
+    return "";
+  }
+  for (size_t k = 0; k < options.records.size(); ++k) {
+    inputs.push_back({fmt::format("argument {}", k + 1), {}});
+    if (!ParseHex(options.records[k], inputs.back().bytes, error)) {
+      return fmt::format("{}: {}", inputs.back().where, error);
     }
   }
+  return "";
+}
 
-  const auto allWhole = [&inputs](LogMsgFormat format) {
+// The records' format: --format, else the one of which every record is a whole record.
+// "" or what is wrong.
+std::string ChooseFormat(const DecodeOptions& options, const std::vector<InputRecord>& inputs,
+                         LogMsgFormat& format) {
+  const auto allWhole = [&inputs](LogMsgFormat candidate) {
     for (const InputRecord& input : inputs) {
-      if (!IsWholeRecord(input.bytes, format)) return false;
+      if (!IsWholeRecord(input.bytes, candidate)) return false;
     }
     return true;
   };
-  std::optional<LogMsgFormat> format;
-  if (options.format == "old") format = LogMsgFormat::kOldStyle;
-  if (options.format == "unified") format = LogMsgFormat::kUnified;
-  if (!format) {
+  if (options.format == "old") {
+    format = LogMsgFormat::kOldStyle;
+  } else if (options.format == "unified") {
+    format = LogMsgFormat::kUnified;
+  } else if (allWhole(LogMsgFormat::kUnified)) {
     // A unified record starts with its own length, which an old-style header rarely fits.
-    if (allWhole(LogMsgFormat::kUnified)) {
-      format = LogMsgFormat::kUnified;
-    } else if (allWhole(LogMsgFormat::kOldStyle)) {
-      format = LogMsgFormat::kOldStyle;
-    } else {
-      return Fail(
-          "the records are neither all unified nor all old-style records; "
-          "give --format to learn which one is not");
-    }
+    format = LogMsgFormat::kUnified;
+  } else if (allWhole(LogMsgFormat::kOldStyle)) {
+    format = LogMsgFormat::kOldStyle;
+  } else {
+    return "the records are neither all unified nor all old-style records; "
+           "give --format to learn which one is not";
   }
-  const bool oldStyle = *format == LogMsgFormat::kOldStyle;
   for (const InputRecord& input : inputs) {
-    if (!IsWholeRecord(input.bytes, *format)) {
-      const size_t length = HeaderLength(input.bytes, *format);
-      return Fail(fmt::format("{}: {} bytes are not one whole {} record ({})", input.where,
-                              input.bytes.size(), oldStyle ? "old-style" : "unified",
-                              length == 0 ? std::string("too short for its header")
-                              : length == input.bytes.size()
-                                  ? std::string("a string lacks its NUL")
-                                  : fmt::format("its header gives {} bytes", length)));
-    }
+    if (IsWholeRecord(input.bytes, format)) continue;
+    const size_t length = HeaderLength(input.bytes, format);
+    return fmt::format("{}: {} bytes are not one whole {} record ({})", input.where,
+                       input.bytes.size(),
+                       format == LogMsgFormat::kOldStyle ? "old-style" : "unified",
+                       length == 0 ? std::string("too short for its header")
+                       : length == input.bytes.size()
+                           ? std::string("a string lacks its NUL")
+                           : fmt::format("its header gives {} bytes", length));
   }
+  return "";
+}
 
+std::vector<MsgLogEntry> MakeEntries(const std::vector<InputRecord>& inputs,
+                                     LogMsgFormat format, const std::string& designation) {
   std::vector<MsgLogEntry> entries;
   for (const InputRecord& input : inputs) {
-    if (oldStyle) {
+    if (format == LogMsgFormat::kOldStyle) {
       WalkOldStyleRecords(
           input.bytes.data(), input.bytes.size(), [&](const OldStyleRecord& record) {
-            entries.push_back(MakeOldStyleEntry(record, 0, false, options.designation));
+            entries.push_back(MakeOldStyleEntry(record, 0, false, designation));
           });
     } else {
       ParseUnifiedRecords(input.bytes.data(), input.bytes.size(), 0, entries);
-      if (!options.designation.empty()) entries.back().Arguments[0] = options.designation;
+      if (!designation.empty()) entries.back().Arguments[0] = designation;
     }
     entries.back().SequenceNumber = static_cast<uint32_t>(entries.size());
   }
+  return entries;
+}
 
-  const char* fixedName = MessageFileName(*format);
+// Prints the page's records, one a line; returns how many.
+size_t PrintPage(const std::vector<uint8_t>& page) {
+  size_t shown = 0;
+  for (size_t at = 0; page.size() - at >= kMsgLogRecordOverhead; ++shown) {
+    const size_t length = page[at] | page[at + 1] << 8;
+    const unsigned code = page[at + 4] | page[at + 5] << 8;
+    const std::string text(reinterpret_cast<const char*>(&page[at + 16]),
+                           length - kMsgLogRecordOverhead);
+    fmt::print("{:04X} {}{}\n", code, text, (page[at + 6] & 1) != 0 ? "  [CSS]" : "");
+    at += length;
+  }
+  return shown;
+}
+
+int RunDecode(const DecodeOptions& options) {
+  uint16_t langId = 0;
+  if (!ParseLang(options.lang, langId)) {
+    return Fail(fmt::format("--lang needs a language id such as 0x409, not \"{}\"", options.lang));
+  }
+  std::vector<InputRecord> inputs;
+  LogMsgFormat format = LogMsgFormat::kUnified;
+  std::string error = ReadInputs(options, inputs);
+  if (error.empty()) error = ChooseFormat(options, inputs, format);
+  if (!error.empty()) return Fail(error);
+  const std::vector<MsgLogEntry> entries = MakeEntries(inputs, format, options.designation);
+
+  const char* fixedName = MessageFileName(format);
   const std::string msgFile = options.msgFile.empty()
                                   ? std::string(EM_SAMPLE_MSGFILES_DIR "/") + fixedName
                                   : options.msgFile;
   MessageDirectory dir;
   if (!dir.Prepare(msgFile, fixedName, error)) return Fail(error);
   CLogMsgFile files(dir.Dir(), [] { return std::string(); });
-  if (!files.Open(*format)) return Fail(fmt::format("cannot load the message file {}", msgFile));
+  if (!files.Open(format)) return Fail(fmt::format("cannot load the message file {}", msgFile));
 
   MsgLogTextSources sources;
   sources.files = &files;
@@ -231,15 +271,7 @@ int RunDecode(const DecodeOptions& options) {
        ++query.pageNumber) {
     BuildMsgLogPage(query, entries, sources, &page);
   }
-  size_t shown = 0;
-  for (size_t at = 0; page.size() - at >= kMsgLogRecordOverhead; ++shown) {
-    const size_t length = page[at] | page[at + 1] << 8;
-    const unsigned code = page[at + 4] | page[at + 5] << 8;
-    const std::string text(reinterpret_cast<const char*>(&page[at + 16]),
-                           length - kMsgLogRecordOverhead);
-    fmt::print("{:04X} {}{}\n", code, text, (page[at + 6] & 1) != 0 ? "  [CSS]" : "");
-    at += length;
-  }
+  const size_t shown = PrintPage(page);
   if (shown != entries.size()) {
     fmt::print(stderr, "emhost decode: the module showed {} of {} records\n", shown,
                entries.size());
@@ -274,3 +306,5 @@ void AddDecodeCommand(CLI::App& app, int* exitCode) {
       "command line, malformed hexadecimal or a message file that cannot be loaded.");
   decode->callback([options, exitCode] { *exitCode = RunDecode(*options); });
 }
+
+}  // namespace em_oidmap::emhost

@@ -1,20 +1,25 @@
 #include "HostSession.h"
 
 #include <dlfcn.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
+#include <climits>
 #include <cstdlib>
 #include <exception>
+#include <fstream>
+#include <iostream>
+#include <sstream>
 #include <thread>
 
 #include <fmt/format.h>
 
+#include "Console.h"
 #include "DemoScenario.h"
 #include "hostsim/DebugSink.h"
 
-using namespace em_oidmap;  // emhost is not in the project namespace yet
+namespace em_oidmap::emhost {
 
 namespace {
 
@@ -28,6 +33,9 @@ constexpr const char* kModuleOptionHelp = "extension module to load (default: th
 constexpr const char* kModuleOptionHelp =
     "extension module to load (default: the one built beside emhost)";
 #endif
+
+// The module's line when its task queue refuses a task.
+constexpr const char* kQueueFullTrace = "Task queue for priority 0 is full";
 
 }  // namespace
 
@@ -54,23 +62,57 @@ void AddHostOptions(CLI::App& command, HostOptions& options) {
 }
 
 int Fail(int code, const std::string& message) {
-  fmt::print(stderr, "emhost: {}\n", message);
+  console::Err(fmt::format("emhost: {}\n", message));
   return code;
+}
+
+bool ReadInputFile(const std::string& path, std::string& bytes, std::string& error) {
+  if (path == "-") {
+    bytes.assign(std::istreambuf_iterator<char>(std::cin), std::istreambuf_iterator<char>());
+    return true;
+  }
+  struct stat info;
+  if (stat(path.c_str(), &info) == 0 && S_ISDIR(info.st_mode)) {
+    error = path + " is a directory";
+    return false;
+  }
+  std::ifstream file(path, std::ios::binary);
+  if (!file) {
+    error = "cannot open " + path;
+    return false;
+  }
+  std::ostringstream all;
+  all << file.rdbuf();
+  bytes = all.str();
+  if (file.bad()) {
+    error = "cannot read " + path;
+    return false;
+  }
+  return true;
 }
 
 HostSession::~HostSession() { Close(); }
 
+void HostSession::WatchTrace(bool echo) {
+  std::FILE* file = traceFile_;
+  hostsim::Sink().SetKeepLines(false);  // a run may last all day
+  hostsim::Sink().SetObserver([this, echo, file](const std::string& line) {
+    if (line.find(kQueueFullTrace) != std::string::npos) ++refusals_;
+    if (echo) console::Trace(line, file);
+  });
+}
+
 int HostSession::Open(const HostOptions& options) {
+  options_ = options;
   std::string error;
   bool parsed = false;
   if (options.scenarioPath.empty()) {
     parsed = scenario_.Parse(kDemoScenario, error);
-  } else if (options.scenarioPath == "-") {
-    std::string text((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
-    parsed = scenario_.Parse(text, error);
-    if (!parsed) error = "-:" + error;
   } else {
-    parsed = scenario_.Load(options.scenarioPath, error);
+    std::string text;
+    if (!ReadInputFile(options.scenarioPath, text, error)) return Fail(kExitInput, error);
+    parsed = scenario_.Parse(text, error);
+    if (!parsed) error = options.scenarioPath + ":" + error;
   }
   if (!parsed) return Fail(kExitInput, error);
 
@@ -78,40 +120,47 @@ int HostSession::Open(const HostOptions& options) {
     traceFile_ = std::fopen(options.traceFile.c_str(), "w");
     if (traceFile_ == nullptr) return Fail(kExitInput, "cannot write " + options.traceFile);
   }
-  if (options.traceLevel >= 0 || traceFile_ != nullptr) {
-    // The module's trace client reads its level from the environment when it is loaded.
-    const int level = options.traceLevel >= 0 ? options.traceLevel : 3;
-    setenv("KT_LOG_DEBUG_LEVEL", std::to_string(level).c_str(), 1);
-    hostsim::Sink().SetEcho(true, traceFile_);
-  }
+  // Loaded again later (shell), the module must be found from the message file directory.
+  char resolved[PATH_MAX];
+  if (realpath(options.modulePath.c_str(), resolved) != nullptr) options_.modulePath = resolved;
+  if (realpath(options.msgDir.c_str(), resolved) != nullptr) options_.msgDir = resolved;
+  const int level = options.traceLevel >= 0 ? options.traceLevel : (traceFile_ ? 3 : 0);
+  if (const int code = Reload(level); code != kExitOk) return code;
+  scenario_.ApplyTo(host_);
+  return kExitOk;
+}
 
-  library_ = dlopen(options.modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
+int HostSession::Load() {
+  library_ = dlopen(options_.modulePath.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (library_ == nullptr) {
     const char* why = dlerror();
-    return Fail(kExitModule,
-                fmt::format("cannot load {}: {}", options.modulePath, why ? why : "unknown error"));
+    return Fail(kExitModule, fmt::format("cannot load {}: {}", options_.modulePath,
+                                         why ? why : "unknown error"));
   }
-  const auto create = reinterpret_cast<CreateFn>(dlsym(library_, "EM_Create"));
+  create_ = reinterpret_cast<CreateFn>(dlsym(library_, "EM_Create"));
   delete_ = reinterpret_cast<DeleteFn>(dlsym(library_, "EM_Delete"));
   const auto name = reinterpret_cast<NameFn>(dlsym(library_, "EM_GetModuleName"));
   const void* setupAction = dlsym(library_, "EM_SetupAction");
-  for (const auto& [entry, found] : {std::pair{"EM_Create", create != nullptr},
+  for (const auto& [entry, found] : {std::pair{"EM_Create", create_ != nullptr},
                                      std::pair{"EM_Delete", delete_ != nullptr},
                                      std::pair{"EM_GetModuleName", name != nullptr},
                                      std::pair{"EM_SetupAction", setupAction != nullptr}}) {
-    if (!found) return Fail(kExitModule, options.modulePath + " has no entry point " + entry);
+    if (!found) return Fail(kExitModule, options_.modulePath + " has no entry point " + entry);
   }
   // The module looks for its message files in the current directory first. Changed after
   // loading, so that a relative --module still names the right file.
-  if (!options.msgDir.empty() && chdir(options.msgDir.c_str()) != 0) {
-    return Fail(kExitInput, "cannot change to the message file directory " + options.msgDir);
+  if (!options_.msgDir.empty() && chdir(options_.msgDir.c_str()) != 0) {
+    return Fail(kExitInput, "cannot change to the message file directory " + options_.msgDir);
   }
   const char* moduleNameText = name();
   moduleName_ = moduleNameText != nullptr ? moduleNameText : "(unnamed)";
+  return kExitOk;
+}
 
-  scenario_.ApplyTo(host_);
+int HostSession::Create() {
+  if (module_ != nullptr) return kExitOk;
   try {
-    if (!create(&module_, nullptr) || module_ == nullptr) {
+    if (!create_(&module_, nullptr) || module_ == nullptr) {
       module_ = nullptr;
       return Fail(kExitModule, "EM_Create failed");
     }
@@ -143,22 +192,54 @@ void HostSession::Start(const std::function<void()>& progress) {
   if (reporter.joinable()) reporter.join();
 }
 
+int HostSession::Destroy() {
+  if (module_ == nullptr) return kExitOk;
+  if (started_) module_->Stop();
+  started_ = false;
+  host_.Attach(nullptr);
+  module_ = nullptr;
+  return delete_() == 1 ? kExitOk : Fail(kExitModule, "EM_Delete failed");
+}
+
 int HostSession::Close() {
-  int code = kExitOk;
-  if (module_ != nullptr) {
-    if (started_) module_->Stop();
-    host_.Attach(nullptr);
-    module_ = nullptr;
-    if (delete_() != 1) code = Fail(kExitModule, "EM_Delete failed");
-  }
-  if (library_ != nullptr) {
-    dlclose(library_);
-    library_ = nullptr;
-  }
+  const int code = Destroy();
+  Unload();
   if (traceFile_ != nullptr) {
-    hostsim::Sink().SetEcho(false);
     std::fclose(traceFile_);
     traceFile_ = nullptr;
   }
   return code;
 }
+
+void HostSession::Unload() {
+  if (library_ != nullptr) {
+    dlclose(library_);
+    library_ = nullptr;
+  }
+  hostsim::Sink().SetObserver(nullptr);
+}
+
+int HostSession::Reload(int level) {
+  if (library_ != nullptr) {
+    if (const int code = Close(); code != kExitOk) return code;
+    if (!options_.traceFile.empty()) traceFile_ = std::fopen(options_.traceFile.c_str(), "a");
+  }
+  // The module's trace client reads its level from the environment when it is loaded.
+  setenv("KT_LOG_DEBUG_LEVEL", std::to_string(level > 0 ? level : 1).c_str(), 1);
+  WatchTrace(level > 0);
+  if (const int code = Load(); code != kExitOk) return code;
+  return Create();
+}
+
+std::vector<uint32_t> HostSession::Cabinets() const {
+  std::vector<uint32_t> cabinets{scenario_.serverCabinet};
+  if (!scenario_.seEnumerationSucceeds) return cabinets;
+  for (size_t i = 0; i < scenario_.seCabinets.size() && i < hostsim::kMaxSeCabinets &&
+                     cabinets.size() < kMaxCabinets;
+       ++i) {
+    cabinets.push_back(scenario_.seCabinets[i]);
+  }
+  return cabinets;
+}
+
+}  // namespace em_oidmap::emhost

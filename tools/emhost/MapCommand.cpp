@@ -8,10 +8,14 @@
 
 #include <fmt/format.h>
 
+#include "Console.h"
+#include "Explain.h"
 #include "HostSession.h"
+#include "Opcodes.h"
+#include "Player.h"
 #include "hostsim/SimModule.h"
 
-using namespace em_oidmap;  // emhost is not in the project namespace yet
+namespace em_oidmap::emhost {
 
 namespace {
 
@@ -61,41 +65,66 @@ std::string Target(HostSession& session, const Kind& kind, uint32_t cabinet, uin
                      : "answered without asking a module";
 }
 
-int PrintMap(const HostOptions& options) {
-  HostSession session;
-  if (const int code = session.Open(options); code != kExitOk) return code;
-  session.Start({});
+}  // namespace
+
+void PrintMap(HostSession& session) {
   const hostsim::Scenario& scenario = session.scenario();
-  std::vector<uint32_t> cabinets{scenario.serverCabinet};
-  if (scenario.seEnumerationSucceeds) {
-    cabinets.insert(cabinets.end(), scenario.seCabinets.begin(), scenario.seCabinets.end());
-  }
-  fmt::print("OID map of {}{}\n", session.moduleName(),
-             scenario.name.empty() ? "" : " for scenario " + scenario.name);
+  std::string text = fmt::format("OID map of {}{}\n", session.moduleName(),
+                                 scenario.name.empty() ? "" : " for scenario " + scenario.name);
   size_t kinds = 0;
-  for (const uint32_t cabinet : cabinets) {
+  for (const uint32_t cabinet : session.Cabinets()) {
     for (const Kind& kind : kKinds) {
       const std::optional<uint32_t> count = CountOf(session, kind, cabinet);
       if (!count || *count == 0) continue;
       ++kinds;
-      fmt::print("cabinet {} count OC 0x{:04X} OE 0x{:02X}: {} instances, item OC 0x{:04X}", cabinet,
-                 kind.countOc, kind.countOe, *count, kind.itemOc);
-      fmt::print(kind.itemOe != 0 ? fmt::format(" OE 0x{:04X}\n", kind.itemOe) : "\n");
+      text += fmt::format("cabinet {} count OC 0x{:04X} OE 0x{:02X}: {} instances, item OC 0x{:04X}",
+                          cabinet, kind.countOc, kind.countOe, *count, kind.itemOc);
+      text += kind.itemOe != 0 ? fmt::format(" OE 0x{:04X}\n", kind.itemOe) : "\n";
       for (uint32_t index = 0; index < std::min(*count, kMaxInstances); ++index) {
-        fmt::print("  {:>3} -> {}\n", index, Target(session, kind, cabinet, index));
+        text += fmt::format("  {:>3} -> {}\n", index, Target(session, kind, cabinet, index));
       }
     }
   }
-  if (kinds == 0) fmt::print("no module counts any instances\n");
-  return session.Close();
+  if (kinds == 0) {
+    text += LearnStartFacts(session.host(), 0).mappingNeeded
+                ? "no kind of instance is mapped in these cabinets\n"
+                : "OID mapping is not needed: no kind of instance is counted by more than one "
+                  "module, so the module passes requests on unchanged\n";
+  }
+  console::Out(text);
 }
 
-}  // namespace
+void PrintOpcodes() {
+  std::string text = "Opcodes (names as the request shorthand takes them):\n";
+  for (const std::string& line : OpcodeTable()) text += "  " + line + "\n";
+  text += "Other opcodes from 0x0B01 to 0x0B25, and all others, are declined (result 0).\n";
+  text += "Statuses and results:\n";
+  for (const std::string& line : StatusTable()) text += "  " + line + "\n";
+  console::Out(text);
+}
 
 void AddMapCommand(CLI::App& app, int* exitCode) {
   auto options = std::make_shared<HostOptions>();
   CLI::App* map = app.add_subcommand(
       "map", "start the module and print its OID map: global index -> module id, local id");
   AddHostOptions(*map, *options);
-  map->callback([options, exitCode] { *exitCode = PrintMap(*options); });
+  map->callback([options, exitCode] {
+    HostSession session;
+    *exitCode = session.Open(*options);
+    if (*exitCode != kExitOk) return;
+    session.Start({});
+    PrintMap(session);
+    *exitCode = session.Close();
+  });
 }
+
+void AddOpcodesCommand(CLI::App& app, int* exitCode) {
+  CLI::App* opcodes = app.add_subcommand(
+      "opcodes", "list the opcodes the module maps, merges or answers, and the statuses");
+  opcodes->callback([exitCode] {
+    PrintOpcodes();
+    *exitCode = kExitOk;
+  });
+}
+
+}  // namespace em_oidmap::emhost

@@ -10,7 +10,7 @@
 #include <set>
 #include <string_view>
 
-using namespace em_oidmap;  // emhost is not in the project namespace yet
+namespace em_oidmap::emhost {
 
 namespace {
 
@@ -198,6 +198,18 @@ class Checker {
   MessageFileReport& report_;
 };
 
+// Without a name or an option to go by, the format is how most codes are written, so
+// that one misspelt code is one finding, not one for each of the others.
+LogMsgFormat FormatOfMost(const pugi::xml_node& events) {
+  size_t unified = 0, oldStyle = 0;
+  for (const pugi::xml_node& event : events.children("Event")) {
+    const size_t length = std::string_view(event.attribute("ErrorCode").value()).size();
+    unified += length == 8 ? 1 : 0;
+    oldStyle += length == 6 ? 1 : 0;
+  }
+  return unified > oldStyle ? LogMsgFormat::kUnified : LogMsgFormat::kOldStyle;
+}
+
 }  // namespace
 
 size_t MaxArgumentNumber(LogMsgFormat format) {
@@ -233,11 +245,7 @@ MessageFileReport CheckMessageFile(const std::string& bytes, std::optional<LogMs
   report.languages = languages.size();
   if (events) checker.Layout(events, {"Event"}, {});
 
-  const pugi::xml_node firstEvent = events.child("Event");
-  report.format = format ? *format
-                         : (std::string_view(firstEvent.attribute("ErrorCode").value()).size() == 8
-                                ? LogMsgFormat::kUnified
-                                : LogMsgFormat::kOldStyle);
+  report.format = format ? *format : FormatOfMost(events);
   std::map<std::string, size_t> codes;  // lower-cased code, its line
   for (const pugi::xml_node& event : events.children("Event")) {
     ++report.events;
@@ -264,3 +272,5 @@ MessageFileReport CheckMessageFile(const std::string& bytes, std::optional<LogMs
       [](const MessageFileFinding& a, const MessageFileFinding& b) { return a.line < b.line; });
   return report;
 }
+
+}  // namespace em_oidmap::emhost

@@ -19,7 +19,7 @@
 
 #include "msglog/LogMsgFile.h"
 
-using namespace em_oidmap;  // emhost is not in the project namespace yet
+namespace em_oidmap::emhost {
 
 struct MessageFileFinding {
   size_t line = 0;  // 1-based
@@ -37,7 +37,9 @@ struct MessageFileReport {
 size_t MaxArgumentNumber(LogMsgFormat format);
 
 // Checks the message file held in `bytes` (in its own encoding). Without a `format` it is
-// taken from the first ErrorCode: six digits unified, otherwise old style.
+// how most ErrorCodes are written: six digits unified, otherwise old style.
 MessageFileReport CheckMessageFile(const std::string& bytes, std::optional<LogMsgFormat> format);
+
+}  // namespace em_oidmap::emhost
 
 #endif  // EM_TOOLS_EMHOST_MESSAGEFILECHECK_H

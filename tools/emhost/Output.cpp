@@ -4,10 +4,12 @@
 
 #include <fmt/format.h>
 
-#include "RequestShorthand.h"
+#include "Console.h"
+#include "Explain.h"
+#include "Opcodes.h"
 #include "hostsim/SimModule.h"
 
-using namespace em_oidmap;  // emhost is not in the project namespace yet
+namespace em_oidmap::emhost {
 
 namespace {
 
@@ -26,7 +28,8 @@ std::string Describe(const rapidjson::Value& command) {
   if (!name.empty()) text += " " + name;
   if (command.HasMember("OE")) text += fmt::format(" OE 0x{:04X}", hostsim::CommandKey(command, "OE", 0));
   if (command.HasMember("OI")) text += fmt::format(" OI {}", hostsim::CommandKey(command, "OI", 0));
-  text += fmt::format(" CA {}", hostsim::CommandKey(command, "CA", 0));
+  const uint32_t ca = hostsim::CommandKey(command, "CA", 0);
+  text += ca == hostsim::kAllCabinets ? " CA 0xFFFFFFFF" : fmt::format(" CA {}", ca);
   if (command.HasMember("MI")) text += fmt::format(" MI 0x{:08X}", hostsim::CommandKey(command, "MI", 0));
   return text;
 }
@@ -38,10 +41,7 @@ std::string DataText(const rapidjson::Value& command) {
 }
 
 std::string StatusAndData(const rapidjson::Value& command) {
-  return (command.HasMember("ST")
-              ? fmt::format("ST 0x{:02X}", hostsim::CommandKey(command, "ST", 0))
-              : std::string("no ST")) +
-         DataText(command);
+  return StatusText(command) + DataText(command);
 }
 
 uint32_t Little(const std::vector<uint8_t>& bytes, size_t at, int size) {
@@ -73,41 +73,58 @@ std::string LogPageTable(const SipJson& answer) {
 
 }  // namespace
 
+void Output::CollectInto(std::string* text) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  collected_ = text;
+}
+
 void Output::Line(const std::string& text) {
   std::lock_guard<std::mutex> lock(mutex_);
-  std::fputs(text.c_str(), stdout);
-  std::fflush(stdout);
+  if (collected_ != nullptr) {
+    *collected_ += text;
+  } else {
+    console::Out(text);
+  }
 }
 
 void Output::Note(const std::string& text) {
   if (format_ == OutputFormat::kTable) {
     Line(text + "\n");
   } else {
-    std::lock_guard<std::mutex> lock(mutex_);
-    std::fputs((text + "\n").c_str(), stderr);
+    console::Err(text + "\n");
   }
 }
 
-void Output::Answer(size_t number, const SipJson& request, uint32_t result,
-                    const SipJson& answer, long long tookMs,
-                    const std::vector<std::string>& mergedFrom) {
+void Output::Answer(const AnswerView& view) {
   if (format_ == OutputFormat::kJson) {
     std::string merged;
-    for (const std::string& replies : mergedFrom) merged += (merged.empty() ? "" : ",") + replies;
-    Line(fmt::format("{{\"request\":{},\"sent\":{},\"result\":{},\"answer\":{}{}}}\n", number,
-                     request.Serialize(), result, answer.Serialize(),
+    for (const std::string& replies : view.mergedFrom) {
+      merged += (merged.empty() ? "" : ",") + replies;
+    }
+    Line(fmt::format("{{\"request\":{},\"sent\":{},\"result\":{},\"answer\":{}{}}}\n",
+                     view.number, view.request->Serialize(), view.result,
+                     view.answer->Serialize(),
                      merged.empty() ? "" : ",\"mergedFrom\":[" + merged + "]"));
     return;
   }
-  const rapidjson::Value* sent = CommandAt(request);
-  const rapidjson::Value* reply = CommandAt(answer);
+  const rapidjson::Value* sent = CommandAt(*view.request);
+  const rapidjson::Value* reply = CommandAt(*view.answer);
   if (sent == nullptr || reply == nullptr) return;
-  std::string text = fmt::format("request {}: {}{}\n", number, Describe(*sent), DataText(*sent));
+  std::string text =
+      fmt::format("request {}: {}{}\n", view.number, Describe(*sent), DataText(*sent));
   const bool page = hostsim::CommandKey(*reply, "OC", 0) == kOcLogPage &&
-                    answer.GetStatus(answer.CurrentIndex()) == 0 && reply->HasMember("DA");
-  text += fmt::format("answer  {}: result {} after {} ms, {}", number, result, tookMs,
-                      page ? "ST 0x00, " + LogPageTable(answer) : StatusAndData(*reply) + "\n");
-  for (const std::string& replies : mergedFrom) {
+                    view.answer->GetStatus(view.answer->CurrentIndex()) == 0 &&
+                    reply->HasMember("DA");
+  text += fmt::format("answer  {}: result {} ({}) after {} ms, {}", view.number, view.result,
+                      ResultMeaning(view.result), view.tookMs,
+                      page ? "ST 0x00 success, " + LogPageTable(*view.answer)
+                           : StatusAndData(*reply) + "\n");
+  if (!view.mergedFrom.empty()) {
+    const std::string rule = MergeRule(hostsim::CommandKey(*sent, "OC", 0),
+                                       hostsim::CommandKey(*sent, "OE", 0));
+    if (!rule.empty()) text += "          merge rule: " + rule + "\n";
+  }
+  for (const std::string& replies : view.mergedFrom) {
     rapidjson::Document commands;
     commands.Parse(replies.c_str());
     if (!commands.IsArray()) continue;
@@ -116,6 +133,7 @@ void Output::Answer(size_t number, const SipJson& request, uint32_t result,
                           hostsim::CommandKey(command, "MI", 0), StatusAndData(command));
     }
   }
+  if (!view.hint.empty()) text += "          hint: " + view.hint + "\n";
   Line(text);
 }
 
@@ -127,21 +145,22 @@ void Output::Late(size_t number, const SipJson& answer) {
   }
 }
 
-void Output::LateMissing(size_t number, long long waitedSeconds) {
+void Output::LateMissing(size_t number, long long waitedMs) {
   if (format_ == OutputFormat::kJson) {
     Line(fmt::format("{{\"late\":{},\"answer\":null}}\n", number));
   } else {
-    Line(fmt::format("late    {}: no answer within {} s\n", number, waitedSeconds));
+    Line(fmt::format("late    {}: no answer within {} ms\n", number, waitedMs));
   }
 }
 
-void Output::EventSent(uint32_t atMs, uint32_t mid, const SipJson& event) {
+void Output::EventSent(uint32_t atMs, uint32_t mid, const SipJson& event, bool updatesModule) {
   if (format_ == OutputFormat::kJson) {
     Line(fmt::format("{{\"event\":{{\"atMs\":{},\"mid\":{},\"sent\":{}}}}}\n", atMs, mid,
                      event.Serialize()));
   } else if (const rapidjson::Value* command = CommandAt(event)) {
-    Line(fmt::format("event   at {} ms: MI 0x{:08X} reports {}{}\n", atMs, mid,
-                     Describe(*command), DataText(*command)));
+    Line(fmt::format("event   at {} ms: MI 0x{:08X} reports {}{}{}\n", atMs, mid,
+                     Describe(*command), DataText(*command),
+                     updatesModule ? " (and answers so from now on)" : ""));
   }
 }
 
@@ -152,3 +171,5 @@ void Output::HandedBack(const SipJson& message) {
     Line(fmt::format("handed back: {}: {}\n", Describe(*command), StatusAndData(*command)));
   }
 }
+
+}  // namespace em_oidmap::emhost

@@ -1,7 +1,7 @@
 // emhost: plays the agent host for one extension module, for an integrator. Subcommands:
-// run (the default, on the built-in demo), map, check and decode; `emhost SUBCOMMAND
-// --help` describes each. Exit code 0 on success, 1 when the module misbehaves or cannot
-// be loaded, 2 on a bad command line or input file.
+// run (the default, on the built-in demo), shell, map, opcodes, check and decode; `emhost
+// SUBCOMMAND --help` describes each. Exit code 0 on success, 1 when the module misbehaves,
+// cannot be loaded or a run is not clean, 2 on a bad command line or input file.
 #include <CLI/CLI.hpp>
 
 #include "CheckCommand.h"
@@ -9,8 +9,10 @@
 #include "HostSession.h"
 #include "MapCommand.h"
 #include "RunCommand.h"
+#include "ShellCommand.h"
 
 int main(int argc, char** argv) {
+  using namespace em_oidmap::emhost;
   CLI::App app{"emhost: plays the agent host for an extension module.\n"
                "Without a subcommand it plays the built-in demo, as \"emhost run "
                "--format table\" does."};
@@ -18,7 +20,9 @@ int main(int argc, char** argv) {
   app.require_subcommand(0, 1);
   int exitCode = kExitOk;
   AddRunCommand(app, &exitCode);
+  AddShellCommand(app, &exitCode);
   AddMapCommand(app, &exitCode);
+  AddOpcodesCommand(app, &exitCode);
   AddCheckCommand(app, &exitCode);
   AddDecodeCommand(app, &exitCode);
   try {
@@ -29,10 +33,10 @@ int main(int argc, char** argv) {
     return code == 0 ? kExitOk : kExitInput;
   }
   if (app.get_subcommands().empty()) {
-    HostOptions demo;
+    RunOptions demo;
     CLI::App defaults;
-    AddHostOptions(defaults, demo);
-    return RunScenario(demo, "", OutputFormat::kTable);
+    AddHostOptions(defaults, demo.host);
+    return RunScenario(demo);
   }
   return exitCode;
 }
