@@ -1,4 +1,4 @@
-// Wall time of one start with 100 cabinets (the server's and 99 SE cabinets) and four
+// Wall time of one start with 100 cabinets (the server's and 99 SE cabinets) and 16
 // lower modules that answer every count request at once: the worker's settle pause, the
 // count broadcasts that fill the OID map table, and the message log caches. The settle is
 // a fixed pause; what start adds beyond it is the module's own cost.
@@ -21,10 +21,10 @@ using namespace em_oidmap;  // a program of its own: its names are short
 namespace {
 
 constexpr uint32_t kCabinets = 100;
-constexpr uint32_t kModules = 4;
+constexpr uint32_t kModules = 16;
 
 // Every module answers every count request of every cabinet with two instances, so that
-// every count opcode has four valid replies and mapping is needed.
+// every count opcode has 16 valid replies and mapping is needed.
 std::unique_ptr<hostsim::SimHost> MakeHost() {
   auto host = std::make_unique<hostsim::SimHost>();
   std::vector<uint32_t> se;
