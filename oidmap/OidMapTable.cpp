@@ -85,6 +85,7 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
   }
   if (newEntry) {
     IndexInsert(Key{countOc, countOe, ca}, position);
+    count_ocs_ |= CountOcBit(countOc);
     TableEntry entry;
     entry.oids.reserve(kInitialOidCapacity);
     entry.countOc = countOc;
@@ -122,6 +123,7 @@ void COidMapTable::AddInstances(uint32_t countOc, uint32_t countOe, uint32_t ca,
 void COidMapTable::Clear() {
   entries_.clear();
   index_.clear();
+  count_ocs_ = 0;
   byOcAndCa_.clear();
 }
 
@@ -148,30 +150,36 @@ uint32_t COidMapTable::TranslateMessage(SipJson& msg, int32_t index) const {
   // there is nothing to translate.
   SipJson::Value* command = msg.Command(index);
   if (!command) return 0;
-  const SipJson::Header header = SipJson::HeaderOf(*command);
+  return TranslateCommand(msg, index, *command, SipJson::HeaderOf(*command));
+}
+
+uint32_t COidMapTable::TranslateCommand(SipJson& msg, int32_t index, SipJson::Value& command,
+                                        const SipJson::Header& header) const {
+  if (!command.IsObject()) return 0;
   const uint32_t oc = header.oc;
   const uint32_t oe = header.oe;
   if (oc == CM_MessageLogReply) return PatchMessageLogReply(msg, index);
 
-  if (oc == CM_ExtObjectCount) return AnswerCountReply(msg, *command, header);
+  if (oc == CM_ExtObjectCount) return AnswerCountReply(msg, command, header);
 
   if (oc == CM_ReadConfigurationSpace || oc == CM_WriteConfigurationSpace) {
     const CountOpcodeRow* row = FindFirstRowOfKind(kCountKindConfigValue, oe);
-    return row ? TranslateByStatus(msg, *command, header, row->countOc, row->countOe) : 0;
+    return row ? TranslateByStatus(msg, command, header, row->countOc, row->countOe) : 0;
   }
 
   if (oc == CM_ExtObjectGet || oc == CM_ExtObjectSet) {
     const CountOpcodeRow* row = FindFirstRowOfKind(kCountKindExtObject, oe);
-    return row ? TranslateByStatus(msg, *command, header, row->countOc, (oe >> 8) & 0xFF) : 0;
+    return row ? TranslateByStatus(msg, command, header, row->countOc, (oe >> 8) & 0xFF) : 0;
   }
 
-  if (AnswerCountReply(msg, *command, header)) return 1;
+  if (AnswerCountReply(msg, command, header)) return 1;
   const CountOpcodeRow* row = FindFirstItemRow(oc, oe);
-  return row ? TranslateByStatus(msg, *command, header, row->countOc, row->countOe) : 0;
+  return row ? TranslateByStatus(msg, command, header, row->countOc, row->countOe) : 0;
 }
 
 uint32_t COidMapTable::AnswerCountReply(SipJson& msg, SipJson::Value& command,
                                         const SipJson::Header& header) const {
+  if ((count_ocs_ & CountOcBit(header.oc)) == 0) return 0;
   const TableEntry* entry = Find(header.oc, header.oe, header.ca);
   if (!entry) return 0;
   // Callers have always read this count as one byte; keep reporting 256 as 0.
@@ -205,8 +213,8 @@ uint32_t COidMapTable::ToModule(SipJson& msg, SipJson::Value& command,
   const TableEntry* entry = Find(countOc, countOe, header.ca);
   if (!entry || header.oi >= entry->Count()) return 0;
   const OidEntry& target = entry->oids[header.oi];
-  msg.SetKey(command, "MI", target.mid, false);
-  msg.SetKey(command, "OI", target.localId, false);
+  msg.SetHeaderKey(command, header, SipJson::Header::kMi, target.mid);
+  msg.SetHeaderKey(command, header, SipJson::Header::kOi, target.localId);
   return 1;
 }
 
@@ -219,7 +227,7 @@ uint32_t COidMapTable::ToGlobal(SipJson& msg, SipJson::Value& command,
   // ids are 0..count-1, so the first run of this module that is long enough holds it.
   for (const ModuleRun& run : entry->runs) {
     if (run.mid == header.mi && header.oi < run.count) {
-      msg.SetKey(command, "OI", run.first + header.oi, false);
+      msg.SetHeaderKey(command, header, SipJson::Header::kOi, run.first + header.oi);
       return 1;
     }
   }

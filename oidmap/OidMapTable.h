@@ -82,6 +82,11 @@ class COidMapTable {
   //    with this item OC and item OE.
   // Direction: ST 0x16 (also a missing ST) goes to the module, any other ST to global.
   uint32_t TranslateMessage(SipJson& msg, int32_t index) const;
+  // The same for the command object at `index` whose addressing members the caller has
+  // already read (header = SipJson::HeaderOf(command)): a request handler reads them
+  // anyway. Returns 0 when `command` is not an object.
+  uint32_t TranslateCommand(SipJson& msg, int32_t index, SipJson::Value& command,
+                            const SipJson::Header& header) const;
 
   // Rewrites the object ids (16 bits at offset 10) inside the old-style log records of a
   // log reply's raw data, for entries whose entity code has a log-entity row (kind 3);
@@ -129,6 +134,9 @@ class COidMapTable {
     uint32_t position;  // of the table entry, plus one; 0 marks a free slot
   };
   static size_t Hash(const Key& k);
+  // One bit per count OC that has an entry (several OCs may share a bit): most messages
+  // are no count reply, and a clear bit says so without a look-up.
+  static uint64_t CountOcBit(uint32_t oc) { return uint64_t{1} << ((oc * 0x9E3779B1u) >> 26); }
   // Enters a key that the index does not hold yet.
   void IndexInsert(const Key& key, size_t position);
 
@@ -153,6 +161,7 @@ class COidMapTable {
 
   std::vector<TableEntry> entries_;
   std::vector<Slot> index_;
+  uint64_t count_ocs_ = 0;  // CountOcBit of every entry's count OC
   std::unordered_map<uint64_t, std::vector<size_t>> byOcAndCa_;
 };
 

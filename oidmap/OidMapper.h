@@ -49,6 +49,13 @@ class COidMapper {
   // Translates the command at `index` through the published table (see
   // COidMapTable::TranslateMessage). Returns 1 when the message was changed.
   uint32_t TranslateMessage(SipJson& msg, int32_t index) const;
+  // The same on the command object at `index` whose addressing members the caller has
+  // read (header = SipJson::HeaderOf(command)).
+  uint32_t TranslateCommand(SipJson& msg, int32_t index, SipJson::Value& command,
+                            const SipJson::Header& header) const {
+    const COidMapTable* table = Published();
+    return table == nullptr ? 0 : table->TranslateCommand(msg, index, command, header);
+  }
   // Turns the object ids inside the records of a valid log reply into global ones.
   void PatchLogReply(SipJson& msg, int32_t index) const;
   // A CSS or designation request about the object of a log record of entity class

@@ -17,8 +17,12 @@ constexpr const char* kBannerStars =
 void COidMapExtModule::OnReply(SipJson& msg) {
   const int32_t i = msg.CurrentIndex();
   try {
-    mapper_.TranslateMessage(msg, i);
-    const uint32_t st = msg.GetStatus(i);
+    // One walk reads the members for the translation and the status, which no
+    // translation changes.
+    SipJson::Value* command = msg.Command(i);
+    const SipJson::Header header = command ? SipJson::HeaderOf(*command) : SipJson::Header();
+    if (command) mapper_.TranslateCommand(msg, i, *command, header);
+    const uint32_t st = header.st;
     if (TraceClient().IsTraceActive()) {
       const uint32_t mi = msg.GetKey(i, "MI", 0);
       REPLY_TRACE(2, "CABID %04d: OC 0x%04X-0x%04X OID 0x%04X MID 0x%04X%04X Stat 0x%02X",

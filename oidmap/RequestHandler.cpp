@@ -42,15 +42,20 @@ void FinaliseReply(SipJson& msg, const ClientView& view) {
   if (command == nullptr) {
     return;
   }
+  // Values are replaced where one walk found them, until a member is removed: a removal
+  // moves the last member into the gap, so later ones are looked up by name again.
+  const SipJson::Header now = SipJson::HeaderOf(*command);
   if (view.hasOi) {
-    msg.SetKey(*command, "OI", view.oi, false);
+    msg.SetHeaderKey(*command, now, SipJson::Header::kOi, view.oi);
   } else {
     msg.SetKey(*command, "OI", 0, true);
   }
-  if (view.hasMi) {
-    msg.SetKey(*command, "MI", view.mi, false);
-  } else {
+  if (!view.hasMi) {
     msg.SetKey(*command, "MI", 0, true);
+  } else if (view.hasOi) {
+    msg.SetHeaderKey(*command, now, SipJson::Header::kMi, view.mi);
+  } else {
+    msg.SetKey(*command, "MI", view.mi, false);
   }
   msg.SetKey(*command, "CI", view.ci, true);
 }
@@ -86,8 +91,9 @@ uint32_t COidMapExtModule::OnRequest(SipJson& msg) {
 uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
   TraceRequest(msg, 2);
   // A message without commands gets the one it is answered in. The command's members are
-  // read here once; the reference is not used once the message has been changed.
-  const SipJson::Value& command = msg.CurrentCommand();
+  // read here once, and the translation uses what was read; the reference is not used
+  // once the message has been changed.
+  SipJson::Value& command = msg.CurrentCommand();
   const SipJson::Header header = SipJson::HeaderOf(command);
   const int32_t i = msg.CurrentIndex();
   const uint32_t oc = header.oc;
@@ -106,7 +112,7 @@ uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
   }
 
   const ClientView view = SaveClientView(command, header);
-  if (mapper_.TranslateMessage(msg, i) != 0) {
+  if (mapper_.TranslateCommand(msg, i, command, header) != 0) {
     if (IsValidReplyStatus(header.st)) {  // translation never changes ST
       return 1;                           // the client sent an answer, not a question
     }

@@ -135,6 +135,11 @@ class SipJson {
     uint32_t ca = 0;
     uint32_t mi = 0;
     uint32_t st = 22;
+    // Where each member found lies among the command's members, in the order of the bits
+    // (OC first), so that SetHeaderKey replaces a value without another walk; kFar for a
+    // member beyond the first kFar members (SetHeaderKey then looks it up by name).
+    static constexpr uint16_t kFar = 0xFFFF;
+    uint16_t position[6] = {kFar, kFar, kFar, kFar, kFar, kFar};
   };
   static Header HeaderOf(const Value& command);
 
@@ -152,6 +157,12 @@ class SipJson {
   // Same on any command object of this message's document. False only when `command`
   // is not an object. `key` must outlive the document (it is stored by reference).
   bool SetKey(Value& command, const char* key, uint32_t value, bool removeIfZero);
+  // SetKey(command, name, value, false) for the addressing member `which` (one of the
+  // Header bits), where `header` is HeaderOf(command): the member found is replaced in
+  // its place, a missing one added, without walking the members.
+  // REQUIRES: no member was removed from `command`, nor this one added, since `header`
+  // was read.
+  bool SetHeaderKey(Value& command, const Header& header, uint32_t which, uint32_t value);
   // "DA" = {"RAW": [bytes...]} for a non-empty vector, "DA" removed for an empty one;
   // then "ST" = status.
   void SetRawData(const std::vector<uint8_t>& bytes, uint32_t status);

@@ -89,6 +89,20 @@ bool SipJson::SetKey(Value& command, const char* key, uint32_t value, bool remov
   return true;
 }
 
+bool SipJson::SetHeaderKey(Value& command, const Header& header, uint32_t which, uint32_t value) {
+  if (!command.IsObject() || which == 0) return false;
+  const unsigned slot = static_cast<unsigned>(__builtin_ctz(which)) % 6;
+  const char* name = kHeaderNames[slot];
+  if ((header.present & which) == 0) {
+    command.AddMember(rapidjson::StringRef(name), Value(value), doc_.GetAllocator());
+  } else if (header.position[slot] != Header::kFar) {
+    (command.MemberBegin() + header.position[slot])->value.SetUint(value);
+  } else {
+    SetMember(command, name, Value(value));
+  }
+  return true;
+}
+
 void SipJson::SetRawData(const std::vector<uint8_t>& bytes, uint32_t status) {
   Value& cmd = CurrentCommand();
   if (!cmd.IsObject()) return;

@@ -54,7 +54,8 @@ TEST(SipJsonPaths, WrongTypedValuesFallBackPerReader) {
 }
 
 // The one-walk reader of the addressing members reads each as the reader by name does:
-// the first of repeated names, text numbers, wrong types, near-miss names, defaults.
+// the first of repeated names, text numbers, wrong types, near-miss names, defaults; and
+// a write through the places it found gives what a write by name gives.
 TEST(SipJsonPaths, HeaderReadsAsReadersByName) {
   for (const char* text :
        {R"({"SIP":{"CMD":[{"OC":"0x0310","ST":true,"OI":"12","OE":1.5,"MI":-1,"CA":[1]}]}})",
@@ -71,6 +72,11 @@ TEST(SipJsonPaths, HeaderReadsAsReadersByName) {
       SCOPED_TRACE(std::string(text) + " " + m.key);
       EXPECT_EQ(m.value, msg.GetKey(0, m.key, m.def));
       EXPECT_EQ((h.present & m.bit) != 0, msg.HasKey(0, m.key));
+      SipJson byName = msg;
+      SipJson byPlace = msg;
+      byName.SetKey(*byName.Command(0), m.key, 77, false);
+      byPlace.SetHeaderKey(*byPlace.Command(0), h, m.bit, 77);
+      EXPECT_EQ(byName.Serialize(), byPlace.Serialize());
     }
   }
 }
