@@ -111,12 +111,12 @@ std::vector<MsgLogEntry> FullCache() {
       e.OldStyle = 1;
       e.ErrorCode = code;
       // Cabinet 1, object id 3, two 32-bit values.
-      e.RawRecord = {static_cast<uint8_t>(code), static_cast<uint8_t>(code >> 8), 0, 3,
-                     0, 0, 0, 0, 1, 0, 3, 0, 40, 0, 0, 0, 60, 0, 0, 0};
-      e.Arguments[0] = "TEMP" + std::to_string(k % 16);
+      e.SetRawRecord({static_cast<uint8_t>(code), static_cast<uint8_t>(code >> 8), 0, 3, 0, 0, 0,
+                      0, 1, 0, 3, 0, 40, 0, 0, 0, 60, 0, 0, 0});
+      e.SetArgument(0, "TEMP" + std::to_string(k % 16));
     } else {
       e.ErrorCode = UnifiedCode(event);
-      e.Arguments = {{1, std::to_string(k % 90)}, {2, "85"}};
+      e.SetArguments({{1, std::to_string(k % 90)}, {2, "85"}});
     }
   }
   return entries;

@@ -108,27 +108,35 @@ void ScanFormat(std::string_view format, Literal literal, Placeholder placeholde
   }
 }
 
-// Fills `format`; `argument(token, text)` appends the text of an argument placeholder.
+// Fills `format` and appends it to `text`; `argument(token, text)` appends the text of an
+// argument placeholder.
 template <typename RenderArgument>
-std::string Render(std::string_view format, const std::string& designation,
-                   RenderArgument argument) {
-  std::string text;
-  text.reserve(format.size() + 32);
+void RenderTo(std::string_view format, std::string_view designation, RenderArgument argument,
+              std::string& text) {
+  text.reserve(text.size() + format.size() + 32);
   ScanFormat(
       format, [&text](const char* data, size_t length) { text.append(data, length); },
       [&](const Token& token) {
         if (token.kind == Token::kArgument)
           argument(token, text);
+        else if (designation.empty())
+          text += "<?D>";
         else
-          text += designation.empty() ? std::string("<?D>") : designation;
+          text += designation;
       });
+}
+
+template <typename RenderArgument>
+std::string Render(std::string_view format, std::string_view designation, RenderArgument argument) {
+  std::string text;
+  RenderTo(format, designation, argument, text);
   return text;
 }
 
 }  // namespace
 
 std::string CLogMsgDecoder::FillFormat(std::string_view format, const std::vector<Argument>& args,
-                                       const std::string& designation, LogMsgFormat logFormat,
+                                       std::string_view designation, LogMsgFormat logFormat,
                                        bool argsNotSet) {
   if (TraceClient().IsTraceActive()) {
     std::vector<bool> asText(args.size(), false);
@@ -175,31 +183,42 @@ std::string CLogMsgDecoder::FillFormat(std::string_view format, const std::vecto
   });
 }
 
-std::string CLogMsgDecoder::FillTextArguments(std::string_view format,
-                                              const std::map<int32_t, std::string>& args) {
+std::string CLogMsgDecoder::FillTextArguments(std::string_view format, const MsgLogEntry& entry) {
+  std::string text;
+  AppendTextArguments(format, entry, text);
+  return text;
+}
+
+void CLogMsgDecoder::AppendTextArguments(std::string_view format, const MsgLogEntry& entry,
+                                         std::string& text) {
   EM_TRACE(5, "\nCLogMsgDecoder      : Format %s SEL message:", "Unified");
   EM_TRACE(5, "\nCLogMsgDecoder      :   Message format string: \"%s\"",
            std::string(format).c_str());
-  EM_TRACE(5, "\nCLogMsgDecoder      :   Message arguments (%d):", static_cast<int>(args.size()));
   if (TraceClient().IsTraceActive()) {
-    for (const auto& arg : args)
-      EM_TRACE(5, "\nCLogMsgDecoder      :     Arg[%d]: \"%s\"", arg.first, arg.second.c_str());
+    EM_TRACE(5, "\nCLogMsgDecoder      :   Message arguments (%d):",
+             static_cast<int>(entry.ArgumentCount()));
+    entry.ForEachArgument([](const MsgLogArgument& arg) {
+      EM_TRACE(5, "\nCLogMsgDecoder      :     Arg[%d]: \"%s\"", arg.number,
+               std::string(arg.text).c_str());
+    });
   }
-  const auto designation = args.find(0);
-  const std::string none;
-  return Render(format, designation == args.end() ? none : designation->second,
-                [&args](const Token& token, std::string& text) {
-                  const auto arg = args.find(static_cast<int32_t>(token.number));
-                  if (arg == args.end()) {
-                    text += MissingArgument(token.number);
-                  } else if (token.conversion == 'S') {
-                    text += '"';
-                    text += arg->second;
-                    text += '"';
-                  } else {
-                    text += arg->second;
-                  }
-                });
+  std::string_view designation;
+  entry.FindArgument(0, &designation);
+  RenderTo(
+      format, designation,
+      [&entry](const Token& token, std::string& out) {
+        std::string_view arg;
+        if (!entry.FindArgument(static_cast<int32_t>(token.number), &arg)) {
+          out += MissingArgument(token.number);
+        } else if (token.conversion == 'S') {
+          out += '"';
+          out += arg;
+          out += '"';
+        } else {
+          out += arg;
+        }
+      },
+      text);
 }
 
 std::vector<CLogMsgDecoder::Argument> CLogMsgDecoder::CollectArguments(
@@ -257,7 +276,7 @@ std::string CLogMsgDecoder::FallbackText(uint32_t errorCode, const std::vector<A
 }
 
 std::string CLogMsgDecoder::DecodeFormatted(const uint8_t* record, size_t length, bool shortText,
-                                            const std::string& designation,
+                                            std::string_view designation,
                                             const char* languageName) const {
   const uint8_t low = record[0];
   const uint8_t cls = record[1] & 0x3F;
@@ -285,7 +304,7 @@ std::string CLogMsgDecoder::DecodeFormatted(const uint8_t* record, size_t length
 }
 
 int32_t CLogMsgDecoder::Decode(const uint8_t* record, size_t length, std::string& out,
-                               bool withCodePrefix, bool shortText, const std::string& designation,
+                               bool withCodePrefix, bool shortText, std::string_view designation,
                                const char* languageName) const {
   if (record == nullptr) return 0;
   if (length < kMinRecordBytes) {

@@ -17,13 +17,13 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <map>
 #include <string>
 #include <string_view>
 #include <utility>
 #include <vector>
 
 #include "msglog/LogMsgFile.h"
+#include "msglog/MsgLogEntry.h"
 
 namespace em_oidmap {
 
@@ -49,7 +49,7 @@ class CLogMsgDecoder {
   // short to hold its code and argument count (under 4 bytes), or building failed;
   // `out` then keeps what it had.
   int32_t Decode(const uint8_t* record, size_t length, std::string& out, bool withCodePrefix,
-                 bool shortText, const std::string& designation, const char* languageName) const;
+                 bool shortText, std::string_view designation, const char* languageName) const;
 
   // One argument of a record; `present` is false when the record was too short to hold it.
   struct Argument {
@@ -60,21 +60,23 @@ class CLogMsgDecoder {
   // Fills `format` with `args`. `argsNotSet` renders every argument placeholder as
   // "<not set>". Never interprets `format` through printf.
   static std::string FillFormat(std::string_view format, const std::vector<Argument>& args,
-                                const std::string& designation, LogMsgFormat logFormat,
+                                std::string_view designation, LogMsgFormat logFormat,
                                 bool argsNotSet);
 
   // Fills `format` with the argument strings of a unified entry: "%N" (with any
   // conversion letter) renders string N as it stands, "%NS" in double quotes, "%D"
   // string 0 (the designation, when the entry has one); a string the entry lacks shows as
   // "<?N>" / "<?D>". Never interprets `format` through printf.
-  static std::string FillTextArguments(std::string_view format,
-                                       const std::map<int32_t, std::string>& args);
+  static std::string FillTextArguments(std::string_view format, const MsgLogEntry& entry);
+  // The same, appended to `text` (a page reuses one buffer for all its entries).
+  static void AppendTextArguments(std::string_view format, const MsgLogEntry& entry,
+                                  std::string& text);
 
  private:
   // The text of a record that is not an inline-text record: its message of the file filled
   // with its arguments, or the fallback text without one.
   std::string DecodeFormatted(const uint8_t* record, size_t length, bool shortText,
-                              const std::string& designation, const char* languageName) const;
+                              std::string_view designation, const char* languageName) const;
   std::vector<Argument> CollectArguments(const uint8_t* record, size_t length, uint32_t errorCode,
                                          const char* langForTrace) const;
   std::string FallbackText(uint32_t errorCode, const std::vector<Argument>& args,

@@ -46,21 +46,21 @@ MsgLogEntry MakeOldStyleEntry(const OldStyleRecord& record, uint32_t moduleId, b
                               const std::string& designation) {
   MsgLogEntry entry;
   entry.ModuleId = moduleId;
-  entry.RawRecord.assign(record.bytes, record.bytes + record.length);
   entry.OldStyle = 1;
   entry.CodeBits = record.CodeBits();
   entry.ErrorCode = record.ErrorCode();
   entry.Flags = css ? 1 : 0;
   entry.OrderValue = record.OrderValue();
-  if (!designation.empty()) {
-    entry.Arguments[0] = designation;
-  }
+  const MsgLogArgument designationArgument{0, designation};
+  entry.Assign(MsgLogBytes{record.bytes, record.length}, &designationArgument,
+               designation.empty() ? 0 : 1);
   return entry;
 }
 
 LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t moduleId,
                                  std::vector<MsgLogEntry>& out) {
   LogBlockWalk walk;
+  MsgLogArgument strings[UINT8_MAX];  // of one record, which has at most 255
   while (walk.end < size) {
     const uint8_t* at = data + walk.end;
     const size_t left = size - walk.end;
@@ -82,6 +82,7 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
     const char* text = reinterpret_cast<const char*>(at + kUnifiedHeaderBytes);
     const char* const recordEnd = reinterpret_cast<const char*>(at + length);
     bool stringsWhole = true;
+    size_t found = 0;
     for (int32_t k = 1; k <= count; ++k) {
       const void* nul = std::memchr(text, 0, static_cast<size_t>(recordEnd - text));
       if (nul == nullptr) {
@@ -92,7 +93,8 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
       if (stop == text) {
         break;  // an empty string ends the list
       }
-      entry.Arguments[k].assign(text, stop);
+      strings[found++] =
+          MsgLogArgument{k, std::string_view(text, static_cast<size_t>(stop - text))};
       text = stop + 1;
     }
     if (!stringsWhole) {
@@ -100,6 +102,7 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
       walk.whole = false;
       break;
     }
+    entry.Assign(MsgLogBytes{}, strings, found);
     EM_MODULE_TRACE(3, " Add message log entry 0x%06X (CSS: %s)", entry.ErrorCode,
                     (entry.Flags & 1) ? "yes" : "no");
     ++walk.records;

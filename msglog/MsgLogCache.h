@@ -28,6 +28,7 @@
 #include <vector>
 
 #include "base/Mutex.h"
+#include "msglog/MsgLogEntry.h"
 #include "runtime/Event.h"
 #include "runtime/RecursiveLock.h"
 
@@ -37,21 +38,6 @@ namespace em_oidmap {
 constexpr uint32_t kMaxMsgLogEntries = 2000;
 // How long a query waits for a cabinet's cache to become ready.
 constexpr uint32_t kCacheWaitMs = 120000;
-
-// One cached message log entry.
-struct MsgLogEntry {
-  uint32_t ModuleId = 0;                     // MI of the module whose reply delivered it
-  std::vector<uint8_t> RawRecord;            // old-style record bytes; empty for unified entries
-  std::map<int32_t, std::string> Arguments;  // unified: 1..m; old style: 0 = designation
-  uint32_t ErrorCode = 0;
-  uint32_t Flags = 0;           // bit 0: customer self service (CSS)
-  uint32_t OrderValue = 0;      // merge order; 0 = none
-  uint32_t SequenceNumber = 0;  // 0 until stored
-  int32_t RecordId = -1;        // record number at the source; -1 = none
-  uint8_t AuxByte = 0;
-  uint8_t OldStyle = 0;  // 1: decode RawRecord; 0: unified
-  uint8_t CodeBits = 0;
-};
 
 // A cabinet's entries, oldest first, in one contiguous array. Eviction from the front
 // only moves a start offset; the dead prefix is dropped by one move of the live entries

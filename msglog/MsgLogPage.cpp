@@ -98,9 +98,10 @@ class PageTranslator {
     std::string text;
     if (oldStyle) {
       *shortCode = ShortCodeOfOldStyle(entry.ErrorCode);
-      const auto designation = entry.Arguments.find(0);
-      decoder_.Decode(entry.RawRecord.data(), entry.RawRecord.size(), text, false, false,
-                      designation == entry.Arguments.end() ? none_ : designation->second,
+      std::string_view designation;
+      entry.FindArgument(0, &designation);
+      const MsgLogBytes record = entry.RawRecord();
+      decoder_.Decode(record.data(), record.size(), text, false, false, designation,
                       old_style_.language.c_str());
       return text;
     }
@@ -109,7 +110,7 @@ class PageTranslator {
       const std::string_view format =
           unified_.doc->FindMessage(ErrorCodeText(entry.ErrorCode, LogMsgFormat::kUnified),
                                     kKeyLongMsg, unified_.language.c_str(), 0);
-      if (!format.empty()) return CLogMsgDecoder::FillTextArguments(format, entry.Arguments);
+      if (!format.empty()) return CLogMsgDecoder::FillTextArguments(format, entry);
     }
     return LongTextFromModules(entry.ErrorCode);
   }
@@ -144,7 +145,6 @@ class PageTranslator {
   const FormTexts unified_;
   const FormTexts old_style_;
   const CLogMsgDecoder decoder_;
-  const std::string none_;
   std::unordered_map<uint32_t, std::string> asked_;
 };
 

@@ -83,11 +83,11 @@ TEST(LogRecordsTest, OldStyleEntry_FieldsFromTheRecord) {
   EXPECT_EQ(1u, entry.OldStyle);
   EXPECT_EQ(-1, entry.RecordId);
   EXPECT_EQ(0x00020001u, entry.ModuleId);
-  EXPECT_EQ(bytes, entry.RawRecord);
-  EXPECT_EQ((std::map<int32_t, std::string>{{0, "CPU 2"}}), entry.Arguments);
+  EXPECT_EQ(bytes, entry.RawRecord().ToVector());
+  EXPECT_EQ((std::map<int32_t, std::string>{{0, "CPU 2"}}), entry.Arguments());
   EXPECT_EQ(3u, record.Cabinet());
   EXPECT_EQ(0x0105u, record.ObjectId());
-  EXPECT_TRUE(MakeOldStyleEntry(record, 1, false, "").Arguments.empty());
+  EXPECT_TRUE(MakeOldStyleEntry(record, 1, false, "").Arguments().empty());
 }
 
 TEST(LogRecordsTest, UnifiedParse_GoodRecordsAndEveryKindOfBadOne) {
@@ -142,10 +142,10 @@ TEST(LogRecordsTest, UnifiedParse_GoodRecordsAndEveryKindOfBadOne) {
   EXPECT_EQ(3, e.CodeBits);
   EXPECT_EQ(0, e.OldStyle);
   EXPECT_EQ(0x55u, e.ModuleId);
-  EXPECT_TRUE(e.RawRecord.empty());
-  EXPECT_EQ((std::map<int32_t, std::string>{{1, "fan"}}), e.Arguments)
+  EXPECT_TRUE(e.RawRecord().empty());
+  EXPECT_EQ((std::map<int32_t, std::string>{{1, "fan"}}), e.Arguments())
       << "the empty second string ends the list";
-  EXPECT_EQ((std::map<int32_t, std::string>{{1, "x"}}), out.at(1).Arguments);
+  EXPECT_EQ((std::map<int32_t, std::string>{{1, "x"}}), out.at(1).Arguments());
 }
 
 TEST(LogRecordsTest, TenMegabyteBlocks_WalkEndsWithinTheData) {

@@ -30,7 +30,7 @@ MsgLogEntry Unified(uint32_t seq, uint32_t code, std::map<int32_t, std::string> 
   MsgLogEntry e;
   e.SequenceNumber = seq;
   e.ErrorCode = code;
-  e.Arguments = std::move(args);
+  e.SetArguments(args);
   return e;
 }
 
@@ -40,8 +40,8 @@ MsgLogEntry FanFailedOldStyle(uint32_t seq) {
   e.SequenceNumber = seq;
   e.OldStyle = 1;
   e.ErrorCode = 0x0401;
-  e.RawRecord = {0x01, 0x84, 0, 2, 7, 0, 0, 0, 1, 0, 3, 0, 0x84, 0x03, 0, 0};
-  e.Arguments[0] = "FAN3";
+  e.SetRawRecord({0x01, 0x84, 0, 2, 7, 0, 0, 0, 1, 0, 3, 0, 0x84, 0x03, 0, 0});
+  e.SetArgument(0, "FAN3");
   return e;
 }
 

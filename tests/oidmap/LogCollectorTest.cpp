@@ -100,7 +100,7 @@ TEST_F(LogCollectorTest, LogScans_StoreEveryModulesRecordsInOrder) {
       EXPECT_EQ(c.mids[i], entries[i].ModuleId) << i;
       EXPECT_EQ(i + 1, entries[i].SequenceNumber);
       if (entries[i].ErrorCode == 0x3F00) {
-        EXPECT_EQ(88u, entries[i].RawRecord.size());
+        EXPECT_EQ(88u, entries[i].RawRecord().size());
         EXPECT_EQ(1, entries[i].OldStyle);
       }
     }
@@ -130,7 +130,7 @@ TEST_F(LogCollectorTest, MappingNeeded_LogRecordsGetGlobalIdsAndLookupsAskTheOwn
   Scan(h.collector, 0x0B16);
   const std::vector<MsgLogEntry> entries = Entries(h.store);
   ASSERT_EQ(1u, entries.size());
-  EXPECT_EQ(4, entries[0].RawRecord.at(10) | entries[0].RawRecord.at(11) << 8);
+  EXPECT_EQ(4, entries[0].RawRecord().at(10) | entries[0].RawRecord().at(11) << 8);
   std::multiset<uint32_t> asked;  // CSS and designation requests
   for (const std::string& received : b.Received()) {
     SipJson msg;

@@ -220,7 +220,7 @@ std::vector<MsgLogEntry> MakeEntries(const std::vector<InputRecord>& inputs,
           });
     } else {
       ParseUnifiedRecords(input.bytes.data(), input.bytes.size(), 0, entries);
-      if (!designation.empty()) entries.back().Arguments[0] = designation;
+      if (!designation.empty()) entries.back().SetArgument(0, designation);
     }
     entries.back().SequenceNumber = static_cast<uint32_t>(entries.size());
   }
