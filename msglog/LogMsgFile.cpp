@@ -4,7 +4,7 @@
 #include <sys/stat.h>
 
 #include <cstdio>
-#include <unordered_set>
+#include <cstring>
 #include <utility>
 
 #include "platform/Registry.h"
@@ -34,6 +34,42 @@ std::string LowerCase(std::string text) {
   return text;
 }
 
+// The first element child of `node` named `name`, and the next element after `node` with
+// that name, as the document's cursor finds them (FindElem); null when there is none.
+pugi::xml_node ChildElement(const pugi::xml_node& node, const char* name) {
+  for (pugi::xml_node child = node.first_child(); child; child = child.next_sibling())
+    if (child.type() == pugi::node_element && std::strcmp(child.name(), name) == 0) return child;
+  return pugi::xml_node();
+}
+
+pugi::xml_node NextElement(const pugi::xml_node& node, const char* name) {
+  for (pugi::xml_node next = node.next_sibling(); next; next = next.next_sibling())
+    if (next.type() == pugi::node_element && std::strcmp(next.name(), name) == 0) return next;
+  return pugi::xml_node();
+}
+
+// The ids of the first few distinct names met, found again by a compare of the raw name:
+// a message file repeats a handful of element names and languages in every event.
+class RecentIds {
+ public:
+  template <class MakeId>
+  uint32_t Id(const char* raw, MakeId makeId) {
+    for (const Seen& seen : seen_)
+      if (seen.raw == raw) return seen.id;
+    const uint32_t id = makeId(raw);
+    if (seen_.size() < kMax) seen_.push_back({raw, id});
+    return id;
+  }
+
+ private:
+  static constexpr size_t kMax = 16;
+  struct Seen {
+    std::string raw;
+    uint32_t id;
+  };
+  std::vector<Seen> seen_;
+};
+
 std::string JoinPath(const std::string& dir, const char* name) {
   if (dir.empty() || dir.back() == '/') return dir + name;
   return dir + "/" + name;
@@ -47,19 +83,27 @@ const char* MessageFileName(LogMsgFormat format) {
 
 CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path)
     : path_(std::move(path)) {
-  CXmlDocument root(doc);
-  root.Reset();
-  if (!root.FindElem("EventMsg") || !root.IntoElem()) return;
-  CXmlDocument table(root);
-  if (table.FindElem("LanguageTable") && table.IntoElem()) {
-    while (table.FindElem("Language"))
-      languages_.push_back({table.GetAttrib("locale"), table.GetAttrib("lang")});
-  }
-  CXmlDocument walk(root);
-  if (!walk.FindElem("Events") || !walk.IntoElem()) return;
-  std::vector<std::pair<std::string, Event>> events;
-  std::unordered_set<std::string> seen;
-  while (walk.FindElem("Event")) {
+  // The tree is read node by node: names and texts are taken where the parser left them,
+  // not copied out first, and the names that repeat in every event are recognised by a
+  // compare (RecentIds). The index is the same as a walk with the document's cursor
+  // (FindElem, IntoElem, GetAttrib, GetData) builds.
+  const pugi::xml_node root = ChildElement(doc.Root(), "EventMsg");
+  if (!root) return;
+  for (pugi::xml_node language = ChildElement(ChildElement(root, "LanguageTable"), "Language");
+       language; language = NextElement(language, "Language"))
+    languages_.push_back(
+        {language.attribute("locale").value(), language.attribute("lang").value()});
+  const pugi::xml_node events = ChildElement(root, "Events");
+  if (!events) return;
+  size_t eventCount = 0;
+  for (pugi::xml_node event = ChildElement(events, "Event"); event;
+       event = NextElement(event, "Event"))
+    ++eventCount;
+  events_.reserve(eventCount);
+  RecentIds langs;
+  RecentIds names;
+  for (pugi::xml_node event = ChildElement(events, "Event"); event;
+       event = NextElement(event, "Event")) {
     if (chars_.size() > kMaxIndexedChars) {
       EM_TRACE(1,
                "\nCLogMsgXmlFileImpl  : ## ERROR \"%s\" holds more text than is indexed; "
@@ -68,29 +112,28 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
       break;
     }
     // The first Event of a code is the one searches find; later ones are never reached.
-    std::string code = LowerCase(walk.GetAttrib("ErrorCode"));
-    if (!seen.insert(code).second || !walk.IntoElem()) continue;
-    Event event;
-    event.firstMessages = static_cast<uint32_t>(messages_.size());
-    while (walk.FindElem("Messages")) {
+    const auto entered = events_.try_emplace(LowerCase(event.attribute("ErrorCode").value()));
+    if (!entered.second) continue;
+    Event& indexed = entered.first->second;
+    indexed.firstMessages = static_cast<uint32_t>(messages_.size());
+    for (pugi::xml_node element = ChildElement(event, "Messages"); element;
+         element = NextElement(element, "Messages")) {
       Messages messages;
-      messages.lang = Intern(langs_, LowerCase(walk.GetAttrib("lang")));
+      messages.lang = langs.Id(element.attribute("lang").value(), [this](const char* lang) {
+        return Intern(langs_, LowerCase(lang));
+      });
       messages.firstElement = static_cast<uint32_t>(elements_.size());
-      if (walk.IntoElem()) {
-        while (walk.FindElem())
-          elements_.push_back({Intern(names_, walk.GetTagName()), Add(walk.GetData())});
-        walk.OutOfElem();
+      for (pugi::xml_node text = element.first_child(); text; text = text.next_sibling()) {
+        if (text.type() != pugi::node_element) continue;
+        const uint32_t name =
+            names.Id(text.name(), [this](const char* tag) { return Intern(names_, tag); });
+        elements_.push_back({name, AddData(text)});
       }
       messages.elementCount = static_cast<uint32_t>(elements_.size()) - messages.firstElement;
       messages_.push_back(messages);
-      ++event.messagesCount;
+      ++indexed.messagesCount;
     }
-    walk.OutOfElem();
-    events.emplace_back(std::move(code), event);
   }
-  // Inserted after the walk so that the index's nodes lie together in memory.
-  events_.reserve(events.size());
-  for (auto& event : events) events_.emplace(std::move(event.first), event.second);
 }
 
 uint32_t CLogMsgXmlFileImpl::Intern(Ids& ids, std::string text) {
@@ -98,11 +141,14 @@ uint32_t CLogMsgXmlFileImpl::Intern(Ids& ids, std::string text) {
   return ids.emplace(std::move(text), next).first->second;
 }
 
-CLogMsgXmlFileImpl::Text CLogMsgXmlFileImpl::Add(const std::string& text) {
+CLogMsgXmlFileImpl::Text CLogMsgXmlFileImpl::AddData(const pugi::xml_node& element) {
   Text piece;
   piece.offset = static_cast<uint32_t>(chars_.size());
-  piece.length = static_cast<uint32_t>(text.size());
-  chars_ += text;
+  for (pugi::xml_node child = element.first_child(); child; child = child.next_sibling()) {
+    if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)
+      chars_ += child.value();
+  }
+  piece.length = static_cast<uint32_t>(chars_.size() - piece.offset);
   return piece;
 }
 

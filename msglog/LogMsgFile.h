@@ -117,7 +117,8 @@ class CLogMsgXmlFileImpl {
   using Ids = std::unordered_map<std::string, uint32_t>;
 
   static uint32_t Intern(Ids& ids, std::string text);
-  Text Add(const std::string& text);
+  // Appends the element's own text (its text and CDATA children, joined) to chars_.
+  Text AddData(const pugi::xml_node& element);
   std::string_view View(Text text) const { return {chars_.data() + text.offset, text.length}; }
 
   std::string path_;

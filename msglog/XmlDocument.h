@@ -53,6 +53,11 @@ class CXmlDocument {
   // The current element's name; empty without one.
   std::string GetTagName() const;
 
+  // The document node of the parsed tree (null when nothing is loaded), for a reader that
+  // takes in the whole tree at once: the cursor's copies of names and texts would cost it
+  // more than the parse itself. It stays valid while this object or a copy lives.
+  pugi::xml_node Root() const { return doc_ ? doc_->root() : pugi::xml_node(); }
+
  private:
   bool Finish(const pugi::xml_parse_result& result, std::shared_ptr<pugi::xml_document> doc,
               const char* source);
