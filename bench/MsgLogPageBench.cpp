@@ -25,6 +25,7 @@
 #include "hostsim/SimHost.h"
 #include "hostsim/SimLog.h"
 #include "msglog/MsgLogPage.h"
+#include "msglog/XmlDocument.h"
 #include "oidmap/OidMapExtModule.h"
 #include "sip/SipStatus.h"
 #include "trace/DebugClient.h"
@@ -299,7 +300,7 @@ void BM_PugixmlParse(benchmark::State& state) {
   const std::string path = Messages().Path() + "/" + kUnifiedMessageFile;
   for (auto _ : state) {
     pugi::xml_document doc;
-    if (!doc.load_file(path.c_str(), pugi::parse_default, pugi::encoding_auto)) {
+    if (!doc.load_file(path.c_str(), CXmlDocument::kParseOptions, pugi::encoding_auto)) {
       state.SkipWithError("the file did not parse");
       break;
     }

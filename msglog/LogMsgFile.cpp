@@ -3,6 +3,7 @@
 #include <strings.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <utility>
@@ -48,16 +49,35 @@ pugi::xml_node NextElement(const pugi::xml_node& node, const char* name) {
   return pugi::xml_node();
 }
 
+// Two NUL-terminated names equal; written out because most differ at the first letter,
+// where a library compare would first measure both.
+bool SameName(const char* a, const char* b) {
+  while (*a != '\0' && *a == *b) {
+    ++a;
+    ++b;
+  }
+  return *a == *b;
+}
+
 // The ids of the first few distinct names met, found again by a compare of the raw name:
-// a message file repeats a handful of element names and languages in every event.
+// a message file repeats a handful of element names and languages in every event, in the
+// same order, so the search starts at the name that followed the last one found.
 class RecentIds {
  public:
   template <class MakeId>
   uint32_t Id(const char* raw, MakeId makeId) {
-    for (const Seen& seen : seen_)
-      if (seen.raw == raw) return seen.id;
+    const size_t count = seen_.size();
+    for (size_t k = 0, i = next_; k < count; ++k, i = i + 1 == count ? 0 : i + 1) {
+      if (SameName(seen_[i].raw.c_str(), raw)) {
+        next_ = i + 1 == count ? 0 : i + 1;
+        return seen_[i].id;
+      }
+    }
     const uint32_t id = makeId(raw);
-    if (seen_.size() < kMax) seen_.push_back({raw, id});
+    if (count < kMax) {
+      seen_.push_back({raw, id});
+      next_ = 0;
+    }
     return id;
   }
 
@@ -68,6 +88,7 @@ class RecentIds {
     uint32_t id;
   };
   std::vector<Seen> seen_;
+  size_t next_ = 0;
 };
 
 std::string JoinPath(const std::string& dir, const char* name) {
@@ -81,7 +102,8 @@ const char* MessageFileName(LogMsgFormat format) {
   return format == LogMsgFormat::kUnified ? kUnifiedMessageFile : kOldStyleMessageFile;
 }
 
-CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path)
+CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path,
+                                       size_t sourceBytes)
     : path_(std::move(path)) {
   // The tree is read node by node: names and texts are taken where the parser left them,
   // not copied out first, and the names that repeat in every event are recognised by a
@@ -102,6 +124,7 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
   events_.reserve(eventCount);
   RecentIds langs;
   RecentIds names;
+  size_t indexedEvents = 0;
   for (pugi::xml_node event = ChildElement(events, "Event"); event;
        event = NextElement(event, "Event")) {
     if (chars_.size() > kMaxIndexedChars) {
@@ -127,13 +150,31 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
         if (text.type() != pugi::node_element) continue;
         const uint32_t name =
             names.Id(text.name(), [this](const char* tag) { return Intern(names_, tag); });
-        elements_.push_back({name, AddData(text)});
+        // Filled in place: a whole Element built on the stack and copied was read back
+        // before its parts were stored, a stall per element.
+        Element& added = elements_.emplace_back();
+        added.name = name;
+        added.text = AddData(text);
       }
       messages.elementCount = static_cast<uint32_t>(elements_.size()) - messages.firstElement;
       messages_.push_back(messages);
       ++indexed.messagesCount;
     }
+    if (++indexedEvents == 1) ReserveLike(eventCount, sourceBytes);
   }
+  // What the first event foretold may be well beyond what the rest held.
+  if (chars_.capacity() > chars_.size() + chars_.size() / 4) chars_.shrink_to_fit();
+  if (elements_.capacity() > elements_.size() + elements_.size() / 4) elements_.shrink_to_fit();
+  if (messages_.capacity() > messages_.size() + messages_.size() / 4) messages_.shrink_to_fit();
+}
+
+void CLogMsgXmlFileImpl::ReserveLike(size_t eventCount, size_t sourceBytes) {
+  // Events of one file are alike: room for `eventCount` events like the first, and an
+  // eighth more, saves the copies of growing the arrays step by step.
+  const size_t events = eventCount + eventCount / 8;
+  chars_.reserve(std::min(chars_.size() * events, sourceBytes));
+  elements_.reserve(elements_.size() * events);
+  messages_.reserve(messages_.size() * events);
 }
 
 uint32_t CLogMsgXmlFileImpl::Intern(Ids& ids, std::string text) {
@@ -144,9 +185,10 @@ uint32_t CLogMsgXmlFileImpl::Intern(Ids& ids, std::string text) {
 CLogMsgXmlFileImpl::Text CLogMsgXmlFileImpl::AddData(const pugi::xml_node& element) {
   Text piece;
   piece.offset = static_cast<uint32_t>(chars_.size());
+  chars_ += element.value();  // the leading text (CXmlDocument::kParseOptions)
   for (pugi::xml_node child = element.first_child(); child; child = child.next_sibling()) {
-    if (child.type() == pugi::node_pcdata || child.type() == pugi::node_cdata)
-      chars_ += child.value();
+    const pugi::xml_node_type type = child.type();
+    if (type == pugi::node_pcdata || type == pugi::node_cdata) chars_ += child.value();
   }
   piece.length = static_cast<uint32_t>(chars_.size() - piece.offset);
   return piece;
@@ -233,7 +275,8 @@ CLogMsgFile::Document CLogMsgFile::TryLoad(LoadedFile& slot, const std::string& 
   if (!(slot.stamp == stamp)) {
     CXmlDocument xml;
     parse_count_.fetch_add(1, std::memory_order_relaxed);
-    slot.doc = xml.Load(stamp.path) ? std::make_shared<const CLogMsgXmlFileImpl>(xml, stamp.path)
+    slot.doc = xml.Load(stamp.path) ? std::make_shared<const CLogMsgXmlFileImpl>(
+                                          xml, stamp.path, static_cast<size_t>(stamp.size))
                                     : nullptr;
     slot.stamp = std::move(stamp);
   }
@@ -267,7 +310,8 @@ bool CLogMsgFile::OpenFromText(const std::string& xml) {
   CXmlDocument doc;
   parse_count_.fetch_add(1, std::memory_order_relaxed);
   const bool loaded = doc.LoadFromText(xml);
-  SetCurrent(loaded ? std::make_shared<const CLogMsgXmlFileImpl>(doc, std::string()) : nullptr);
+  SetCurrent(loaded ? std::make_shared<const CLogMsgXmlFileImpl>(doc, std::string(), xml.size())
+                    : nullptr);
   return loaded;
 }
 

@@ -72,7 +72,8 @@ class CLogMsgXmlFileImpl {
  public:
   // Indexes `doc` (which must be loaded); `path` is the file it came from (empty for a
   // document from memory).
-  CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path);
+  // `sourceBytes`: the size of the text parsed, which bounds what the index reserves ahead.
+  CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path, size_t sourceBytes);
 
   // The text of paragraph `index` (from 0) of kind `key` in the first Messages element of
   // language `lang` (null: "en") of the first Event whose ErrorCode equals `errorCode`.
@@ -119,6 +120,9 @@ class CLogMsgXmlFileImpl {
   static uint32_t Intern(Ids& ids, std::string text);
   // Appends the element's own text (its text and CDATA children, joined) to chars_.
   Text AddData(const pugi::xml_node& element);
+  // Makes room for `eventCount` events like those indexed so far, and for no more
+  // characters than `sourceBytes` ahead.
+  void ReserveLike(size_t eventCount, size_t sourceBytes);
   std::string_view View(Text text) const { return {chars_.data() + text.offset, text.length}; }
 
   std::string path_;

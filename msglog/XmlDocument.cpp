@@ -17,14 +17,14 @@ bool IsText(const pugi::xml_node& node) {
 bool CXmlDocument::Load(const std::string& path) {
   auto doc = std::make_shared<pugi::xml_document>();
   pugi::xml_parse_result result =
-      doc->load_file(path.c_str(), pugi::parse_default, pugi::encoding_auto);
+      doc->load_file(path.c_str(), kParseOptions, pugi::encoding_auto);
   return Finish(result, std::move(doc), path.c_str());
 }
 
 bool CXmlDocument::LoadFromText(const std::string& text) {
   auto doc = std::make_shared<pugi::xml_document>();
   pugi::xml_parse_result result =
-      doc->load_buffer(text.data(), text.size(), pugi::parse_default, pugi::encoding_auto);
+      doc->load_buffer(text.data(), text.size(), kParseOptions, pugi::encoding_auto);
   return Finish(result, std::move(doc), "<memory>");
 }
 
@@ -91,6 +91,7 @@ std::string CXmlDocument::GetAttrib(const char* name) const {
 std::string CXmlDocument::GetData() const {
   std::string text;
   if (!current_) return text;
+  text = current_.value();  // the leading text (kParseOptions)
   for (pugi::xml_node child = current_.first_child(); child; child = child.next_sibling()) {
     if (IsText(child)) text += child.value();
   }

@@ -20,6 +20,11 @@ namespace em_oidmap {
 
 class CXmlDocument {
  public:
+  // How the text is parsed. An element's leading text is kept as the element's value
+  // rather than as a child node (parse_embed_pcdata): a message file is mostly elements
+  // holding one text each, and half the nodes less halve the tree to build and walk.
+  static constexpr unsigned int kParseOptions = pugi::parse_default | pugi::parse_embed_pcdata;
+
   CXmlDocument() = default;
 
   // Parses the file at `path`, in the encoding it declares (BOM or XML declaration;
@@ -55,7 +60,8 @@ class CXmlDocument {
 
   // The document node of the parsed tree (null when nothing is loaded), for a reader that
   // takes in the whole tree at once: the cursor's copies of names and texts would cost it
-  // more than the parse itself. It stays valid while this object or a copy lives.
+  // more than the parse itself. It stays valid while this object or a copy lives. An
+  // element's text is its value (kParseOptions) followed by its text and CDATA children.
   pugi::xml_node Root() const { return doc_ ? doc_->root() : pugi::xml_node(); }
 
  private:
