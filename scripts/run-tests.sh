@@ -9,6 +9,10 @@ bash scripts/install-deps.sh --fuzz
 cmake --preset default
 cmake --build --preset default
 ctest --preset default
+# A minute of soak: the module under a busy host (scripts/soak.sh); its summary here, the
+# whole table in build/soak.log.
+nice -n 5 bash scripts/soak.sh 1 >build/soak.log 2>&1 || { cat build/soak.log; exit 1; }
+tail -n 7 build/soak.log
 # Everything compiled by clang with the lock annotations checked; a warning fails it.
 # Then the module's sources through clang-format and clang-tidy (its compile commands).
 cmake --preset clang-tsa >/dev/null
