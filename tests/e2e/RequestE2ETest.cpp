@@ -263,6 +263,12 @@ TEST_F(RequestE2ETest, LogEntryBroadcast_EveryModulesRecordsReachTheClient) {
   EXPECT_EQ(150000u, host_.SentRequests().back().timeoutMs);
   EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP (MMR)     :   3 replies received, analysing..."));
   EXPECT_EQ(2u, Sink().Count("got CM_LogEntry reply from MID"));
+  // The lower modules get the client's request as it came, as a request: pending, not
+  // the 0 that the client's answer is given.
+  rapidjson::Document received;
+  received.Parse(a.Received().back().c_str());
+  EXPECT_EQ(0x0B00u, hostsim::CommandKey(received, "OC", 0));
+  EXPECT_EQ(0x16u, hostsim::CommandKey(received, "ST", 0));
 }
 
 TEST_F(RequestE2ETest, BadInput_DefinedAnswersNoCrash) {
@@ -290,6 +296,7 @@ TEST_F(RequestE2ETest, BadInput_DefinedAnswersNoCrash) {
       {R"({"SIP":{"V":1,"CMD":[{"OC":"0x0310","CA":0,"DA":"x"}]}})", 0, 1, 0x00, nullptr},
       {R"({"SIP":{"V":1,"CMD":[{"OC":57345,"OE":49,"DA":"3"}]}})", 0, 1, 0x13, nullptr},
       {R"({"SIP":{"V":1,"CMD":[7]}})", 0, 0, 0x16, nullptr},                    // command not an object
+      {R"({"SIP":{"V":1,"CMD":[{"OC":2854,"CA":0}]}})", 0, 0, 0x01, nullptr},    // 0x0B26: not ours
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.json);
