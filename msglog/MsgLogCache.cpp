@@ -142,14 +142,17 @@ bool CMsgLogCache::ClearCabinet(uint32_t cabinet) {
 }
 
 size_t MsgLogEntryBytes(const MsgLogEntry& entry) {
-  // A map node holds its key and string beside the tree's links; a string longer than
-  // its inline buffer holds its characters on the heap as well.
-  constexpr size_t kArgumentNodeBytes = 48 + sizeof(std::string);
+  // What the allocator takes for a block: the bytes asked for and its header, in steps of
+  // 16. An argument is a tree node holding its number and string beside the tree's links;
+  // a string longer than its inline buffer holds its characters in a block of their own.
+  constexpr auto kBlock = [](size_t n) -> size_t { return (n + 8 + 15) & ~size_t{15}; };
+  constexpr size_t kArgumentNode = kBlock(32 + sizeof(std::pair<const int32_t, std::string>));
   constexpr size_t kInlineChars = 15;
-  size_t bytes = sizeof(MsgLogEntry) + entry.RawRecord.capacity();
+  const size_t record = entry.RawRecord.capacity();
+  size_t bytes = sizeof(MsgLogEntry) + (record != 0 ? kBlock(record) : 0);
   for (const auto& argument : entry.Arguments) {
     const size_t capacity = argument.second.capacity();
-    bytes += kArgumentNodeBytes + (capacity > kInlineChars ? capacity + 1 : 0);
+    bytes += kArgumentNode + (capacity > kInlineChars ? kBlock(capacity + 1) : 0);
   }
   return bytes;
 }

@@ -42,9 +42,9 @@ namespace em_oidmap {
 constexpr uint32_t kMaxMsgLogEntries = 2000;
 // The most bytes one cabinet's entries hold after a store (as MsgLogEntryBytes counts
 // them); past it the oldest go, as past kMaxMsgLogEntries. 2000 entries of today's logs
-// take about 0.5 MB; this is four times that, and 200 caches stay within 400 MB however
-// large the records that peers send.
-constexpr size_t kMaxCabinetCacheBytes = 2u << 20;
+// take about 0.5 MB; this is three times that (an average of 800 bytes per entry), and
+// 200 caches stay within 300 MB however large the records that peers send.
+constexpr size_t kMaxCabinetCacheBytes = 1536u << 10;
 // How long a query waits for a cabinet's cache to become ready.
 constexpr uint32_t kCacheWaitMs = 120000;
 
