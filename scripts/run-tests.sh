@@ -52,5 +52,6 @@ cmake --build --preset bench
 ./build/bench/bench/registry_bench --benchmark_min_time=0.01 >/dev/null
 ./build/bench/bench/startup_bench --benchmark_min_time=0.01 >/dev/null
 ./build/bench/bench/cache_memory_bench --benchmark_min_time=0.01 >/dev/null
+./build/bench/bench/store_latency_bench --benchmark_min_time=0.01 >/dev/null
 echo "benchmarks ran"
 echo "all test suites passed"
