@@ -185,8 +185,8 @@ std::string CLogQueryService::FetchPageLongText(uint32_t errorCode, uint16_t lan
                        &timedOut);
   }
   if (timedOut) {
-    deadline.Expire();
-    deferred->push_back({errorCode, langId, cabinet});
+    deadline.Expire();  // the fetch waited all that was left
+    if (texts.empty()) deferred->push_back({errorCode, langId, cabinet});
   }
   return texts.empty() ? std::string() : texts.front();
 }
