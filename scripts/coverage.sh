@@ -12,7 +12,7 @@
 # to build/coverage/coverage.txt.
 set -euo pipefail
 cd "$(dirname "$0")/.."
-folders=(${COVERAGE_FOLDERS:-module sip runtime oidmap msglog platform})
+folders=(${COVERAGE_FOLDERS:-entry oidmap module msglog platform runtime sip trace base})
 
 bash scripts/install-deps.sh --coverage
 cmake --preset coverage >/dev/null

@@ -171,8 +171,8 @@ FLIP = {"==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">"}
 COMPARISON = re.compile(r"(?<=[\w)\]]) (==|!=|<=|>=|<|>) (?=[\w(!*&:-])")
 CONDITION = re.compile(r"\b(if|while) \(")
 LITERAL = re.compile(r"(?<![\w.])(0[xX][0-9a-fA-F]+|\d+)([uUlL]*)(?![\w.])")
-TRACE_LEVEL = re.compile(r"EM_TRACE\(\s*$")
-STATEMENT = re.compile(r"(?m)^[ \t]*((?:[\w.>*-]*SetStatus|EM_TRACE)\()")
+TRACE_LEVEL = re.compile(r"EM_(?:MODULE_)?TRACE\(\s*$")
+STATEMENT = re.compile(r"(?m)^[ \t]*((?:[\w.>*-]*SetStatus|EM_(?:MODULE_)?TRACE)\()")
 
 
 def sites(path, text):
@@ -209,7 +209,7 @@ def sites(path, text):
             semi += 1
         if close_at < 0 or semi >= len(masked) or masked[semi] != ";":
             continue
-        what = "trace" if m.group(1).startswith("EM_TRACE") else "status"
+        what = "trace" if m.group(1).startswith("EM_") else "status"
         found.append(("drop", m.start(1), semi + 1, ";", "%s statement dropped" % what))
     result = []
     for kind, start, end, replacement, description in found:
