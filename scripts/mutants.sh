@@ -7,7 +7,7 @@
 #   negate   the condition of an if or while
 #   constant an integer literal plus one (not the level of a trace site: the suite traces
 #            at level 5 throughout, so a level shows only to a host that traces less)
-#   drop     a statement that sets a status or writes a trace line
+#   drop     a statement that sets a status or writes a trace line (any *TRACE macro)
 # The sites are found in the current sources (comments, strings and preprocessor lines
 # left alone) and COUNT of them drawn with SEED, spread evenly over the folders and the
 # four kinds, so that the same sources, SEED and COUNT give the same mutants.
@@ -171,8 +171,8 @@ FLIP = {"==": "!=", "!=": "==", "<": "<=", "<=": "<", ">": ">=", ">=": ">"}
 COMPARISON = re.compile(r"(?<=[\w)\]]) (==|!=|<=|>=|<|>) (?=[\w(!*&:-])")
 CONDITION = re.compile(r"\b(if|while) \(")
 LITERAL = re.compile(r"(?<![\w.])(0[xX][0-9a-fA-F]+|\d+)([uUlL]*)(?![\w.])")
-TRACE_LEVEL = re.compile(r"EM_(?:MODULE_)?TRACE\(\s*$")
-STATEMENT = re.compile(r"(?m)^[ \t]*((?:[\w.>*-]*SetStatus|EM_(?:MODULE_)?TRACE)\()")
+TRACE_LEVEL = re.compile(r"\b[A-Z_]*TRACE\(\s*$")
+STATEMENT = re.compile(r"(?m)^[ \t]*((?:[\w.>*-]*SetStatus|[A-Z_]*TRACE)\()")
 
 
 def sites(path, text):
@@ -209,7 +209,7 @@ def sites(path, text):
             semi += 1
         if close_at < 0 or semi >= len(masked) or masked[semi] != ";":
             continue
-        what = "trace" if m.group(1).startswith("EM_") else "status"
+        what = "status" if "SetStatus" in m.group(1) else "trace"
         found.append(("drop", m.start(1), semi + 1, ";", "%s statement dropped" % what))
     result = []
     for kind, start, end, replacement, description in found:
