@@ -144,16 +144,24 @@ TEST(MsgLogCacheTest, ReadyEvent_ManualResetAndUnknownCabinet) {
 TEST(MsgLogCacheTest, WaitingReader_SeesCompleteResultOfRun) {
   CMsgLogCache cache;
   MsgLogCabinetCache* cab = cache.FindOrCreateCabinetCache(5);
-  std::atomic<bool> waiting{false};
-  std::pair<std::vector<uint32_t>, uint32_t> seen;
-  std::thread reader([&] {
-    waiting = true;
-    if (cache.WaitForCacheReady(5, 60000)) seen = Snapshot(cache, 5);
-  });
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!waiting && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  cache.SetCacheReady(5, true);  // the end of an earlier run
   // The writer's run: reset, store in two parts, set.
   cache.SetCacheReady(5, false);
+  std::atomic<bool> done{false};
+  std::pair<std::vector<uint32_t>, uint32_t> seen;
+  std::thread reader([&] {
+    if (cache.WaitForCacheReady(5, 60000)) seen = Snapshot(cache, 5);
+    done = true;
+  });
+  // The stores start only once the reader waits on the event (a waiter makes
+  // ChangeAttributes refuse; on an unsignalled manual event it changes nothing) or has
+  // already returned without waiting, which the snapshot then shows.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  auto waitingOrDone = [&] {
+    return done || (!cab->ReadyEvent.Check() && !cab->ReadyEvent.ChangeAttributes(false, true));
+  };
+  while (!waitingOrDone() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  EXPECT_TRUE(waitingOrDone()) << "the reader never waited";
   CMsgLogCache::StoreEntries(*cab, MakeEntries(700));
   CMsgLogCache::StoreEntries(*cab, MakeEntries(800));
   cache.SetCacheReady(5, true);
