@@ -34,7 +34,6 @@ using FilePtr = std::unique_ptr<FILE, FileCloser>;
 const char* Nil(const char* s) { return s ? s : "<nil>"; }
 
 bool IsSpace(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
-bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
 // The default as the result of a read: copied within the buffer, length returned.
 uint32_t StoreDefault(const char* section, const char* key, const char* defaultValue, char* buffer,
@@ -143,7 +142,8 @@ class ProfileEdit {
     size_t eq = t.find('=');
     if (eq == std::string::npos || key_ == nullptr) return std::nullopt;
     size_t keyEnd = eq;
-    while (keyEnd > 0 && IsBlank(t[keyEnd - 1])) --keyEnd;
+    // Trimmed as a read trims it, so that a write replaces the key a read finds.
+    while (keyEnd > 0 && IsSpace(t[keyEnd - 1])) --keyEnd;
     if (t.compare(0, keyEnd, key_) != 0) return std::nullopt;
     // The first key line's region swallowed the empty line below the header.
     return Replace(position, lineEnd, lineCounter_ < 2, keyLine_);

@@ -116,6 +116,8 @@ TEST_F(ProfileTest, EditsInPlaceKeepTheLayout) {
         {"c", nullptr, nullptr, true},
         {"zz", nullptr, nullptr, false}},
        "[a]\nx=1\n"},
+      // A key trimmed of any white space before '=' is the key a read finds.
+      {"[s]\nk\v\t = v\n", {{"s", "k", "w", true}}, "[s]\n\nk=w\n"},
       // An indented header is read, but a write does not find it.
       {"  [s]\nk=v", {{"s", "k", "w", true}}, "  [s]\nk=v\n[s]\n\nk=w\n"},
       // What would read back differently is refused and leaves the file as it was.
