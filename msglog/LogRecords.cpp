@@ -1,11 +1,14 @@
 #include "msglog/LogRecords.h"
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <limits>
 #include <queue>
+#include <string_view>
 #include <utility>
 
+#include "msglog/Utf8.h"
 #include "trace/DebugClient.h"
 
 namespace em_oidmap {
@@ -82,6 +85,8 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
     const char* text = reinterpret_cast<const char*>(at + kUnifiedHeaderBytes);
     const char* const recordEnd = reinterpret_cast<const char*>(at + length);
     bool stringsWhole = true;
+    size_t room = kMaxEntryArgumentBytes;
+    bool cut = false;
     for (int32_t k = 1; k <= count; ++k) {
       const void* nul = std::memchr(text, 0, static_cast<size_t>(recordEnd - text));
       if (nul == nullptr) {
@@ -92,7 +97,22 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
       if (stop == text) {
         break;  // an empty string ends the list
       }
-      entry.Arguments[k].assign(text, stop);
+      // The strings past the room are still walked: they decide whether the record is whole.
+      if (room != 0) {
+        const std::string_view raw(text, static_cast<size_t>(stop - text));
+        std::string& argument = entry.Arguments[k];
+        size_t taken = Utf8PrefixLength(raw, room);
+        if (taken == 0) taken = std::min(room, raw.size());  // no boundary: not UTF-8 at all
+        argument.assign(raw.substr(0, taken));
+        MakeValidUtf8(argument);  // a replacement may have made it longer
+        const size_t kept = Utf8PrefixLength(argument, room);
+        cut = cut || taken < raw.size() || kept < argument.size();
+        argument.resize(kept);
+        room -= kept;
+        if (argument.empty()) entry.Arguments.erase(k);
+      } else {
+        cut = true;
+      }
       text = stop + 1;
     }
     if (!stringsWhole) {
@@ -102,6 +122,7 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
     }
     EM_MODULE_TRACE(3, " Add message log entry 0x%06X (CSS: %s)", entry.ErrorCode,
                     (entry.Flags & 1) ? "yes" : "no");
+    if (cut) ++walk.cut;
     ++walk.records;
     walk.end += length;
   }
