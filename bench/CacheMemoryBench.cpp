@@ -4,16 +4,28 @@
 // cabinet of 2000), and for 100 full cabinets of both forms mixed. The records are those
 // of log_collection_bench. Collection runs on the calling thread, so every allocation it
 // keeps is in the main arena.
+//
+// The worst case: every cache that peers can fill, filled to its ceiling by hostile ones,
+// in resident memory (the process's resident set before and after, once the allocator
+// gave back what it could): 200 cabinet caches (the most the cache table makes) of unified
+// entries that carry the most argument bytes an entry keeps, as 64 strings of 16 bytes
+// (the shape that costs the allocator most per byte kept); the CSS and designation caches
+// full, with designations of the longest kept length; the text cache full of short texts.
 
 #include <malloc.h>
+#include <unistd.h>
 
 #include <cstdio>
+#include <string>
 #include <vector>
 
 #include <benchmark/benchmark.h>
 
 #include "bench/BenchRatio.h"
 #include "bench/LogReplies.h"
+#include "msglog/CollectionTables.h"
+#include "msglog/LogRecords.h"
+#include "msglog/MsgTextCache.h"
 #include "oidmap/OidMapExtModule.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
@@ -35,8 +47,21 @@ size_t EntriesHeld(COidMapExtModule& module, uint32_t ca) {
   return held;
 }
 
+// The resident set of the process, after the allocator returned its free memory.
+size_t ResidentBytes() {
+  malloc_trim(0);
+  long pages = 0;
+  long resident = 0;
+  if (FILE* statm = std::fopen("/proc/self/statm", "r")) {
+    if (std::fscanf(statm, "%ld %ld", &pages, &resident) != 2) resident = 0;
+    std::fclose(statm);
+  }
+  return static_cast<size_t>(resident) * static_cast<size_t>(sysconf(_SC_PAGESIZE));
+}
+
 double g_bytes_per_entry[2] = {0, 0};
 double g_full_caches_bytes = 0;
+double g_worst_case_bytes = 0;
 
 // One full cabinet of one form.
 void BM_BytesPerEntry(benchmark::State& state) {
@@ -84,6 +109,55 @@ void BM_FullCaches(benchmark::State& state) {
 }
 BENCHMARK(BM_FullCaches)->Iterations(1)->Unit(benchmark::kMillisecond);
 
+// A peer's reply of 2000 unified records whose strings fill what an entry keeps.
+SipJson HostileReply() {
+  const size_t strings = kMaxEntryArgumentBytes / 16;
+  const std::vector<std::string> arguments(strings, std::string(16, 'h'));
+  std::vector<uint8_t> bytes;
+  for (uint32_t i = 0; i < kMaxMsgLogEntries; ++i) {
+    const std::vector<uint8_t> record = hostsim::Unified(0x3E0000 + i, i + 1, arguments).Encode();
+    bytes.insert(bytes.end(), record.begin(), record.end());
+  }
+  SipJson reply(0x0B16, 0, 0, 0);
+  reply.SetModuleId(0x00010001);
+  reply.SetRawData(bytes, ST_SUCCESS);
+  return reply;
+}
+
+void BM_WorstCaseCaches(benchmark::State& state) {
+  SipJson reply = HostileReply();
+  for (auto _ : state) {
+    const size_t before = ResidentBytes();
+    COidMapExtModule module;
+    for (uint32_t ca = 0; ca < kMaxCabinetCaches; ++ca) {
+      reply.SetKey("CA", ca, false);
+      module.Collector().CollectFromMessage(reply);
+    }
+    // The module's look-up and text caches are its components' own; these are the same
+    // classes, filled as peers and clients would fill them.
+    CLogLookupCache lookups;
+    for (uint32_t k = 0; k < kMaxLookupCacheEntries; ++k) {
+      const std::string key = LogLookupKey(k >> 8, k & 0xFF, 0xFFFF, 0xFFFF);
+      lookups.StoreCss(key, true);
+      lookups.StoreDesignation(key, std::string(kMaxDesignationBytes, 'd'));
+    }
+    CMsgTextCache texts;
+    const std::string text(16, 't');
+    const size_t puts = kMaxTextCacheBytes / CMsgTextCache::TextBytes({text}) + 1000;
+    for (uint32_t code = 0; code < puts; ++code) {
+      texts.PutText(MsgTextKind::kLongText, code, 0x409, text);
+    }
+    if (module.LogStore().Cache().CabinetCount() != kMaxCabinetCaches ||
+        texts.Bytes() + CMsgTextCache::TextBytes({text}) <= kMaxTextCacheBytes) {
+      state.SkipWithError("a cache is not full");
+      break;
+    }
+    g_worst_case_bytes = static_cast<double>(ResidentBytes() - before);
+  }
+  state.counters["MiB"] = g_worst_case_bytes / (1024.0 * 1024.0);
+}
+BENCHMARK(BM_WorstCaseCaches)->Iterations(1)->Unit(benchmark::kMillisecond);
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -106,5 +180,9 @@ int main(int argc, char** argv) {
     if (g_full_caches_bytes > 0)
       std::printf("%u full caches (%u entries): %.1f MiB\n", kCabinets,
                   kCabinets * kMaxMsgLogEntries, g_full_caches_bytes / (1024.0 * 1024.0));
+    if (g_worst_case_bytes > 0)
+      std::printf("worst case, every cache filled by hostile peers to its ceiling: %.1f MiB "
+                  "resident\n",
+                  g_worst_case_bytes / (1024.0 * 1024.0));
   });
 }

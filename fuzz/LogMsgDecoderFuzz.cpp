@@ -1,13 +1,18 @@
 // Arbitrary bytes as a log record, decoded in both formats against a small message file,
-// and as a format string filled with the record's arguments: nothing may crash or read
-// past the record, and a decoded record always yields text.
+// and as a format string filled with the record's arguments and with the input's
+// NUL-separated strings as a unified entry's: nothing may crash or read past the record,
+// and a decoded record always yields text. Tracing is on at the highest level (into a sink
+// that keeps nothing), so the arguments are formatted into trace lines too.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
+#include <map>
 #include <string>
 #include <vector>
 
+#include "hostsim/DebugSink.h"
 #include "msglog/LogMsgDecoder.h"
+#include "trace/DebugClient.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
 
@@ -24,6 +29,8 @@ const char* kMessages =
 
 const CLogMsgFile& File() {
   static const CLogMsgFile* file = [] {
+    hostsim::Sink().SetKeepLines(false);
+    TraceClient().SetTraceLevel(5);
     auto* f = new CLogMsgFile(".", [] { return std::string(); });
     if (!f->OpenFromText(kMessages)) abort();
     return f;
@@ -53,5 +60,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }
   const std::string format(data, data + size);
   CLogMsgDecoder::FillFormat(format, args, "", LogMsgFormat::kOldStyle, flags);
+  std::map<int32_t, std::string> strings;
+  for (size_t start = 0, n = 0; start < size && n < 20; ++n) {
+    const size_t end = format.find('\0', start);
+    strings[static_cast<int32_t>(n)] = format.substr(start, end - start);
+    start = end == std::string::npos ? size : end + 1;
+  }
+  CLogMsgDecoder::FillTextArguments(format, strings);
   return 0;
 }

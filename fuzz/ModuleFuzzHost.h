@@ -5,13 +5,17 @@
 //   single: one lower module, so mapping is not needed.
 // Both have scanned their logs before the first input, so every listed cabinet's cache is
 // ready, and queries of other cabinets give up after 1 ms. Tracing is on at the highest
-// level, so every trace site formats its arguments.
+// level, so every trace site formats its arguments. The hosts' send and hand-back throw for
+// a message whose current command has CI kThrowingCi (a std::exception) or kThrowingCi + 1
+// (anything else), as a faulty host might: the module must catch it, answer, and keep no
+// lock held.
 #ifndef EM_FUZZ_MODULEFUZZHOST_H
 #define EM_FUZZ_MODULEFUZZHOST_H
 
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
@@ -36,7 +40,7 @@ constexpr const char* kSingleModule = R"({
   "modules": [ {
     "mid": "0x00030001",
     "counts": [ { "oc": "0x0300", "ca": 0, "count": 4 } ],
-    "config": [ { "oe": "0x211", "da": "the help desk" } ],
+    "config": [ { "oe": "0x211", "da": "the help desk" }, { "oe": "0x32", "da": "no number" } ],
     "rules": [
       { "oc": "0x0B20", "da": { "RAW": [9, 4] } },
       { "oc": "0x0B19", "da": { "RAW": [1, 2, 3] } },
@@ -44,7 +48,8 @@ constexpr const char* kSingleModule = R"({
       { "oc": "0x0B23", "da": "a summary" },
       { "oc": "0x0B1A", "da": ["cause one", "cause two"] },
       { "oc": "0x0B17", "da": ["call %HD%"] },
-      { "oc": "0x0301", "da": { "Name": "FAN", "Speed": 4000 } }
+      { "oc": "0x0301", "da": { "Name": "FAN", "Speed": 4000 } },
+      { "oc": "0x0B03", "st": 0 }
     ],
     "messageLog": [
       { "code": "0x040005", "order": 100, "recordId": 1, "strings": ["1", "2"] },
@@ -54,8 +59,29 @@ constexpr const char* kSingleModule = R"({
   } ]
 })";
 
+constexpr uint32_t kThrowingCi = 0xE0E0;
+
+class ThrowingHost : public hostsim::SimHost {
+ public:
+  uint32_t SendRequest(uint64_t context, SipJson& msg, uint32_t timeoutMs) override {
+    ThrowFor(msg);
+    return SimHost::SendRequest(context, msg, timeoutMs);
+  }
+  uint32_t HandBack(CIExtensionModule* module, SipJson& msg) override {
+    ThrowFor(msg);
+    return SimHost::HandBack(module, msg);
+  }
+
+ private:
+  static void ThrowFor(const SipJson& msg) {
+    const uint32_t ci = msg.GetKey(msg.CurrentIndex(), "CI", 0);
+    if (ci == kThrowingCi) throw std::runtime_error("the host failed");
+    if (ci == kThrowingCi + 1) throw ci;
+  }
+};
+
 struct Instance {
-  hostsim::SimHost host;
+  ThrowingHost host;
   COidMapExtModule module{EM_SAMPLE_MSGFILES_DIR};
   std::vector<uint32_t> mids;
   std::vector<uint32_t> cabinets;

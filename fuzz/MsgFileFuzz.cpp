@@ -1,10 +1,14 @@
 // Arbitrary bytes as the text of an XML message file: every lookup must come back (with
 // text or empty) without crashing, give the same answer when repeated, and a language
-// lookup always names some language.
+// lookup always names some language. The same bytes then replace EVENTMSG.XML in the
+// registered directory of a file object that lives across inputs: it must load the new
+// file (a new inode each time) and answer as the text in memory does.
 #include <cstddef>
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
+#include "fuzz/FuzzTempDir.h"
 #include "trace/DebugClient.h"
 #include "msglog/LogMsgFile.h"
 
@@ -46,5 +50,23 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   Check(file.SearchMessage("0x0105", kKeyLongMsg, "en", 0) ==
         file.SearchMessage("0x0105", kKeyLongMsg, "en", 0));
   for (uint32_t id : kLanguageIds) Check(!file.LanguageName(id).empty());
+
+  // Not in the current directory (it does not exist): found in the registered one.
+  static const std::string dir = fuzz::TempDir("msgfile");
+  static CLogMsgFile onDisk(dir + "/none", [] { return dir; });
+  const std::string path = dir + "/" + kUnifiedMessageFile;
+  fuzz::WriteFile(path + ".new", data, size);
+  Check(rename((path + ".new").c_str(), path.c_str()) == 0);
+  Check(onDisk.Open(LogMsgFormat::kUnified) == open);
+  Check(onDisk.Path() == (open ? path : std::string()));
+  uint32_t code = 0;
+  for (size_t i = 0; i < size && i < 4; ++i) code = code << 8 | data[i];
+  for (LogMsgFormat format : {LogMsgFormat::kUnified, LogMsgFormat::kOldStyle}) {
+    for (const std::string& text : {ErrorCodeText(code, format), ErrorCodeText(0x0105, format)}) {
+      Check(onDisk.SearchMessage(text, kKeyLongMsg, "en", 0) ==
+            file.SearchMessage(text, kKeyLongMsg, "en", 0));
+    }
+  }
+  Check(onDisk.LanguageName(0x407) == file.LanguageName(0x407));
   return 0;
 }

@@ -1,6 +1,10 @@
 #include "msglog/CollectionTables.h"
 
 #include <cstdio>
+#include <utility>
+
+#include "msglog/Utf8.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
@@ -68,28 +72,49 @@ std::string LogLookupKey(uint8_t codeClass, uint8_t codeLow, uint16_t objectId, 
   return key;
 }
 
+void SanitiseDesignation(std::string& designation) {
+  MakeValidUtf8(designation);
+  designation.resize(Utf8PrefixLength(designation, kMaxDesignationBytes));
+}
+
+template <class V>
+bool CLogLookupCache::Answers<V>::Store(const std::string& key, V value) {
+  const auto [it, added] = byKey.insert_or_assign(key, std::move(value));
+  if (!added) return true;
+  order.push_back(key);
+  if (byKey.size() <= kMaxLookupCacheEntries) return true;
+  byKey.erase(order.front());
+  order.pop_front();
+  return false;
+}
+
+void CLogLookupCache::TraceFull(const char* cache) {
+  EM_MODULE_TRACE(2, "%s cache full (%u answers): the oldest removed", cache,
+                  static_cast<unsigned>(kMaxLookupCacheEntries));
+}
+
 std::optional<bool> CLogLookupCache::FindCss(const std::string& key) const {
   CMutexLock guard(mutex_);
-  const auto it = css_.find(key);
-  if (it == css_.end()) return std::nullopt;
+  const auto it = css_.byKey.find(key);
+  if (it == css_.byKey.end()) return std::nullopt;
   return it->second;
 }
 
 void CLogLookupCache::StoreCss(const std::string& key, bool css) {
   CMutexLock guard(mutex_);
-  css_[key] = css;
+  if (!css_.Store(key, css)) TraceFull("CSS support");
 }
 
 std::optional<std::string> CLogLookupCache::FindDesignation(const std::string& key) const {
   CMutexLock guard(mutex_);
-  const auto it = designations_.find(key);
-  if (it == designations_.end()) return std::nullopt;
+  const auto it = designations_.byKey.find(key);
+  if (it == designations_.byKey.end()) return std::nullopt;
   return it->second;
 }
 
 void CLogLookupCache::StoreDesignation(const std::string& key, const std::string& designation) {
   CMutexLock guard(mutex_);
-  designations_[key] = designation;
+  if (!designations_.Store(key, designation)) TraceFull("Designation");
 }
 
 }  // namespace em_oidmap

@@ -1,11 +1,14 @@
 #include "msglog/LogRecords.h"
 
+#include <algorithm>
 #include <cstring>
 #include <functional>
 #include <limits>
 #include <queue>
+#include <string_view>
 #include <utility>
 
+#include "msglog/Utf8.h"
 #include "trace/DebugClient.h"
 
 namespace em_oidmap {
@@ -61,6 +64,8 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
                                  std::vector<MsgLogEntry>& out) {
   LogBlockWalk walk;
   MsgLogArgument strings[UINT8_MAX];  // of one record, which has at most 255
+  char repaired[kMaxEntryArgumentBytes];
+  std::string repairing;
   while (walk.end < size) {
     const uint8_t* at = data + walk.end;
     const size_t left = size - walk.end;
@@ -83,6 +88,9 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
     const char* const recordEnd = reinterpret_cast<const char*>(at + length);
     bool stringsWhole = true;
     size_t found = 0;
+    size_t room = kMaxEntryArgumentBytes;
+    size_t repairedUsed = 0;
+    bool cut = false;
     for (int32_t k = 1; k <= count; ++k) {
       const void* nul = std::memchr(text, 0, static_cast<size_t>(recordEnd - text));
       if (nul == nullptr) {
@@ -93,8 +101,32 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
       if (stop == text) {
         break;  // an empty string ends the list
       }
-      strings[found++] =
-          MsgLogArgument{k, std::string_view(text, static_cast<size_t>(stop - text))};
+      // The strings past the room are still walked: they decide whether the record is whole.
+      if (room != 0) {
+        const std::string_view raw(text, static_cast<size_t>(stop - text));
+        size_t taken = Utf8PrefixLength(raw, room);
+        if (taken == 0) taken = std::min(room, raw.size());  // no boundary: not UTF-8 at all
+        std::string_view argument = raw.substr(0, taken);
+        if (!IsValidUtf8(argument)) {
+          repairing.assign(argument);
+          MakeValidUtf8(repairing);  // a replacement may have made it longer
+          argument = repairing;
+        }
+        const size_t kept = Utf8PrefixLength(argument, room);
+        cut = cut || taken < raw.size() || kept < argument.size();
+        argument = argument.substr(0, kept);
+        if (argument.data() == repairing.data()) {
+          // The entry copies the strings once they are all read: a repaired one waits in
+          // `repaired`, which holds at most the room of one entry.
+          std::memcpy(repaired + repairedUsed, argument.data(), kept);
+          argument = std::string_view(repaired + repairedUsed, kept);
+          repairedUsed += kept;
+        }
+        room -= kept;
+        if (!argument.empty()) strings[found++] = MsgLogArgument{k, argument};
+      } else {
+        cut = true;
+      }
       text = stop + 1;
     }
     if (!stringsWhole) {
@@ -105,6 +137,7 @@ LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t modu
     entry.Assign(MsgLogBytes{}, strings, found);
     EM_MODULE_TRACE(3, " Add message log entry 0x%06X (CSS: %s)", entry.ErrorCode,
                     (entry.Flags & 1) ? "yes" : "no");
+    if (cut) ++walk.cut;
     ++walk.records;
     walk.end += length;
   }

@@ -29,12 +29,18 @@
 namespace em_oidmap {
 
 constexpr size_t kUnifiedHeaderBytes = 26;  // a unified record before its strings
+// The most bytes of argument strings one unified entry keeps. A record may carry almost
+// 64 KB of them, and 2000 entries in each of 200 cabinet caches would then hold tens of
+// GB; the strings that fill a message's parameters (values, names, a path) stay far
+// below this.
+constexpr size_t kMaxEntryArgumentBytes = 1024;
 
 // How a walk over one data block ended.
 struct LogBlockWalk {
   size_t records = 0;  // whole records found
   size_t end = 0;      // offset just past the last whole record
   bool whole = true;   // false: bytes after `end` are no whole record
+  size_t cut = 0;      // entries whose argument strings were cut to kMaxEntryArgumentBytes
 };
 
 // One old-style record inside a data block. REQUIRES: length >= 12 bytes at `bytes`.
@@ -83,7 +89,9 @@ MsgLogEntry MakeOldStyleEntry(const OldStyleRecord& record, uint32_t moduleId, b
 
 // Appends one entry per whole unified record of the block to `out`, tracing each
 // ("Add message log entry"). A record whose strings run past its length is malformed and
-// ends the walk.
+// ends the walk. The argument strings are made valid UTF-8 (msglog/Utf8.h) and kept up
+// to kMaxEntryArgumentBytes in all, cut on a character boundary; strings past that are
+// dropped.
 LogBlockWalk ParseUnifiedRecords(const uint8_t* data, size_t size, uint32_t moduleId,
                                  std::vector<MsgLogEntry>& out);
 

@@ -90,35 +90,44 @@ bool CMsgLogCache::WaitForCacheReady(uint32_t cabinet, uint32_t timeoutMs) {
 
 uint32_t CMsgLogCache::StoreEntries(MsgLogCabinetCache& cache, std::vector<MsgLogEntry>&& newest,
                                     size_t unseen) {
-  CMutexLock guard(cache.entries_mutex_);
-  MsgLogEntryList& entries = cache.entries_;
+  CMutexLock storeGuard(cache.store_mutex_);
   const size_t run = unseen + newest.size();
-  const size_t total = entries.size() + run;
-  const size_t surplus = total > kMaxMsgLogEntries ? total - kMaxMsgLogEntries : 0;
-  const size_t evictHeld = surplus < entries.size() ? surplus : entries.size();
-  const size_t skipRun = surplus - evictHeld;  // entries of the run evicted at once
+  size_t total = 0;
   uint32_t first = 0;
+  // The entries evicted: the cache's and the run's numbers are one contiguous range
+  // (every store appends the numbers that follow, and only the oldest leave), so the
+  // evicted ones are the `evicted` numbers from `evictedFirst` on.
+  uint32_t evictedFirst = 0;
+  size_t evicted = 0;
+  {
+    CMutexLock guard(cache.entries_mutex_);
+    MsgLogEntryList& entries = cache.entries_;
+    total = entries.size() + run;
+    const size_t surplus = total > kMaxMsgLogEntries ? total - kMaxMsgLogEntries : 0;
+    const size_t evictHeld = surplus < entries.size() ? surplus : entries.size();
+    const size_t skipRun = surplus - evictHeld;  // entries of the run evicted at once
+    if (run != 0) first = cache.last_sequence_number_ + 1;
+    evictedFirst = entries.empty() ? first : entries.front().SequenceNumber;
+    entries.PopFront(evictHeld);
+    for (size_t i = skipRun > unseen ? skipRun : unseen; i < run; ++i) {
+      MsgLogEntry& entry = newest[i - unseen];
+      entry.SequenceNumber = first + static_cast<uint32_t>(i);
+      entries.push_back(std::move(entry));
+    }
+    const size_t overBudget = entries.OldestBeyond(kMaxCabinetCacheBytes);
+    entries.PopFront(overBudget);
+    evicted = surplus + overBudget;
+    cache.last_sequence_number_ += static_cast<uint32_t>(run);
+  }
   if (run != 0) {
-    first = cache.last_sequence_number_ + 1;
     EM_MODULE_TRACE(4, "    %u entries stored to messag log cache", static_cast<unsigned>(total));
   }
-  if (surplus != 0 && TraceClient().IsTraceActive()) {
-    for (size_t i = 0; i < evictHeld; ++i) {
+  if (evicted != 0 && TraceClient().IsTraceActive()) {
+    for (size_t i = 0; i < evicted; ++i) {
       EM_MODULE_TRACE(3, "Remove entry %u from beginning of message log list",
-                      entries[i].SequenceNumber);
-    }
-    for (size_t i = 0; i < skipRun; ++i) {
-      EM_MODULE_TRACE(3, "Remove entry %u from beginning of message log list",
-                      static_cast<uint32_t>(first + i));
+                      static_cast<uint32_t>(evictedFirst + i));
     }
   }
-  entries.PopFront(evictHeld);
-  for (size_t i = skipRun > unseen ? skipRun : unseen; i < run; ++i) {
-    MsgLogEntry& entry = newest[i - unseen];
-    entry.SequenceNumber = first + static_cast<uint32_t>(i);
-    entries.push_back(std::move(entry));
-  }
-  cache.last_sequence_number_ += static_cast<uint32_t>(run);
   return first;
 }
 
@@ -134,6 +143,7 @@ bool CMsgLogCache::ClearCabinet(uint32_t cabinet) {
 
 void MsgLogEntryList::PopFront(size_t n) {
   for (size_t i = 0; i < n; ++i) {
+    bytes_ -= MsgLogEntryBytes(storage_[head_ + i]);
     storage_[head_ + i] = MsgLogEntry();  // frees its record and texts now
   }
   head_ += n;
@@ -144,9 +154,17 @@ void MsgLogEntryList::PopFront(size_t n) {
   }
 }
 
+size_t MsgLogEntryList::OldestBeyond(size_t budget) const {
+  size_t bytes = bytes_;
+  size_t n = 0;
+  while (bytes > budget && n < size()) bytes -= MsgLogEntryBytes((*this)[n++]);
+  return n;
+}
+
 void MsgLogEntryList::clear() {
   storage_.clear();
   head_ = 0;
+  bytes_ = 0;
 }
 
 }  // namespace em_oidmap

@@ -13,9 +13,14 @@
 // the worker, and a reader woken early must not walk an array that is being appended to
 // or evicted. A reader sees a store either not at all or whole.
 //
-// Lock order: the module's cache lock, then the table lock, then a cabinet's entry lock.
-// The entry lock is innermost: nothing takes another cache lock while holding it (the
-// function given to ReadEntries must not call back into this class).
+// Stores of one cabinet take turns on its store lock, which is held for the whole store
+// including its trace lines; the entry lock is held only while the array changes, so a
+// store that evicts many entries (a reply of 10 MB evicts hundreds of thousands, each
+// traced) keeps no reader waiting for its traces.
+//
+// Lock order: the module's cache lock, then the table lock, then a cabinet's store lock,
+// then its entry lock. The entry lock is innermost: nothing takes another cache lock while
+// holding it (the function given to ReadEntries must not call back into this class).
 #ifndef EM_MSGLOG_MSGLOGCACHE_H
 #define EM_MSGLOG_MSGLOGCACHE_H
 
@@ -36,13 +41,27 @@ namespace em_oidmap {
 
 // The most entries one cabinet keeps after a store.
 constexpr uint32_t kMaxMsgLogEntries = 2000;
+// The most bytes one cabinet's entries hold after a store (as MsgLogEntryBytes counts
+// them); past it the oldest go, as past kMaxMsgLogEntries. 2000 entries of today's logs
+// take about 0.1 MB (most hold their strings inside the entry); the ceiling allows an
+// average of 800 bytes per entry, and 200 caches stay within 300 MB however large the
+// records that peers send.
+constexpr size_t kMaxCabinetCacheBytes = 1536u << 10;
 // How long a query waits for a cabinet's cache to become ready.
 constexpr uint32_t kCacheWaitMs = 120000;
 
-// A cabinet's entries, oldest first, in one contiguous array. Eviction from the front
-// only moves a start offset; the dead prefix is dropped by one move of the live entries
-// once it is as long as they are, so a store of k entries costs O(k) amortised however
-// full the cache is, and a full cache that takes one entry at a time stops reallocating.
+// The bytes a cached entry holds: its place in the array and the heap block of its record
+// and argument strings, as the allocator takes it (the bytes asked for and a header, in
+// steps of 16). Known without a walk: a store counts every entry it adds or evicts.
+inline size_t MsgLogEntryBytes(const MsgLogEntry& entry) {
+  const size_t heap = entry.HeapBytes();
+  return sizeof(MsgLogEntry) + (heap != 0 ? (heap + 8 + 15) & ~size_t{15} : 0);
+}
+
+// A cabinet's entries, oldest first, in one contiguous array, and the bytes they hold. Eviction
+// from the front only moves a start offset; the dead prefix is dropped by one move of the live
+// entries once it is as long as they are, so a store of k entries costs O(k) amortised however full
+// the cache is, and a full cache that takes one entry at a time stops reallocating.
 class MsgLogEntryList {
  public:
   size_t size() const { return storage_.size() - head_; }
@@ -55,14 +74,23 @@ class MsgLogEntryList {
   // Entries the array has room for; grows geometrically (tests check the cost of a store).
   size_t capacity() const { return storage_.capacity(); }
 
-  void push_back(MsgLogEntry&& entry) { storage_.push_back(std::move(entry)); }
+  // What the entries hold, as MsgLogEntryBytes counts it.
+  size_t bytes() const { return bytes_; }
+
+  void push_back(MsgLogEntry&& entry) {
+    bytes_ += MsgLogEntryBytes(entry);
+    storage_.push_back(std::move(entry));
+  }
   // Removes the `n` oldest entries. REQUIRES: n <= size().
   void PopFront(size_t n);
+  // The number of oldest entries whose removal brings bytes() within `budget`.
+  size_t OldestBeyond(size_t budget) const;
   void clear();
 
  private:
   std::vector<MsgLogEntry> storage_;
   size_t head_ = 0;  // storage_[0, head_) are evicted entries
+  size_t bytes_ = 0;
 };
 
 // The cache of one cabinet. Its entries are reached through CMsgLogCache only, under
@@ -79,6 +107,7 @@ class MsgLogCabinetCache {
 
  private:
   friend class CMsgLogCache;
+  CMutex store_mutex_ ACQUIRED_BEFORE(entries_mutex_);  // held for a whole store
   CMutex entries_mutex_;
   uint32_t last_sequence_number_ GUARDED_BY(entries_mutex_) = 0;  // only ever grows
   MsgLogEntryList entries_ GUARDED_BY(entries_mutex_);            // oldest first
@@ -103,11 +132,12 @@ class CMsgLogCache {
   // false at once for an unknown cabinet.
   bool WaitForCacheReady(uint32_t cabinet, uint32_t timeoutMs);
   // Stores one run of entries: numbers them from the cabinet's last sequence number on,
-  // appends them and evicts the oldest entries beyond kMaxMsgLogEntries, all under the
-  // cabinet's lock. The run is `unseen` entries that the caller left out, followed by
-  // `newest`; entries that the same store evicts again (the unseen ones among them) are
-  // numbered and traced but never copied in. Returns the first new sequence number, 0
-  // when the run is empty.
+  // appends them and evicts the oldest entries beyond kMaxMsgLogEntries and beyond
+  // kMaxCabinetCacheBytes, under the cabinet's entry lock; the lines that say so are
+  // traced after it is released. The run is `unseen` entries that the caller left out,
+  // followed by `newest`; entries that the same store evicts again (the unseen ones among
+  // them) are numbered and traced but never copied in. Returns the first new sequence
+  // number, 0 when the run is empty.
   // REQUIRES: unseen == 0 or newest.size() >= kMaxMsgLogEntries (only entries that this
   // store evicts may be left out).
   static uint32_t StoreEntries(MsgLogCabinetCache& cache, std::vector<MsgLogEntry>&& newest,

@@ -5,6 +5,10 @@
 // Only texts that were found are stored: an empty text or an empty paragraph list is
 // refused, so a lookup that failed is asked again next time.
 //
+// The keys are chosen by clients (any code, any language id), so the cache keeps at most
+// kMaxTextCacheBytes: past that the texts stored first go (one trace line per store that
+// evicts), and are asked for again when they are needed.
+//
 // Paragraph numbers count from 0, as the paragraphs of a message file do.
 //
 // Thread safety: every member may be called from several threads at the same time
@@ -14,8 +18,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "base/Mutex.h"
@@ -23,6 +29,11 @@
 namespace em_oidmap {
 
 enum class MsgTextKind { kLongText, kSummary, kCauses, kResolutions };
+
+// The most bytes the texts of all kinds hold together (texts and their keeping, as
+// TextBytes counts them). A system's message texts, a few thousand codes in a few
+// languages of a few hundred bytes each, stay far below.
+constexpr size_t kMaxTextCacheBytes = 16u << 20;
 
 // The result of asking for one paragraph.
 enum class ParagraphLookup {
@@ -44,7 +55,7 @@ class CMsgTextCache {
                                 uint32_t number, std::string* text) const;
 
   // Stores (replacing) the text or list of the key. Returns false, storing nothing, for an
-  // empty text or list.
+  // empty text or list, or one larger than the whole cache.
   bool PutText(MsgTextKind kind, uint32_t errorCode, uint16_t langId, std::string text);
   bool PutParagraphs(MsgTextKind kind, uint32_t errorCode, uint16_t langId,
                      std::vector<std::string> paragraphs);
@@ -53,8 +64,12 @@ class CMsgTextCache {
   bool PutResolutions(uint32_t errorCode, uint16_t langId, std::vector<std::string> paragraphs,
                       const std::string& helpDeskText);
 
-  // Number of keys cached for `kind`.
+  // Number of keys cached for `kind`, and the bytes all kinds hold.
   size_t Size(MsgTextKind kind) const;
+  size_t Bytes() const;
+
+  // The bytes one key's paragraphs count for: their characters and what keeps them.
+  static size_t TextBytes(const std::vector<std::string>& paragraphs);
 
  private:
   using Map = std::unordered_map<uint64_t, std::vector<std::string>>;
@@ -64,9 +79,13 @@ class CMsgTextCache {
   const Map& MapOf(MsgTextKind kind) const REQUIRES_SHARED(mutex_) {
     return maps_[static_cast<size_t>(kind)];
   }
+  // Removes the oldest keys until `bytes_` is within the ceiling; returns how many.
+  size_t EvictOldest() REQUIRES(mutex_);
 
   mutable CSharedMutex mutex_;
   Map maps_[4] GUARDED_BY(mutex_);
+  std::deque<std::pair<MsgTextKind, uint64_t>> order_ GUARDED_BY(mutex_);  // oldest first
+  size_t bytes_ GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace em_oidmap

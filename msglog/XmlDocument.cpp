@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "msglog/Utf8.h"
 #include "trace/DebugClient.h"
 
 namespace em_oidmap {
@@ -85,7 +86,9 @@ bool CXmlDocument::OutOfElem() {
 
 std::string CXmlDocument::GetAttrib(const char* name) const {
   if (!current_ || name == nullptr) return std::string();
-  return current_.attribute(name).value();
+  std::string value = current_.attribute(name).value();
+  MakeValidUtf8(value);
+  return value;
 }
 
 std::string CXmlDocument::GetData() const {
@@ -95,6 +98,7 @@ std::string CXmlDocument::GetData() const {
   for (pugi::xml_node child = current_.first_child(); child; child = child.next_sibling()) {
     if (IsText(child)) text += child.value();
   }
+  MakeValidUtf8(text);
   return text;
 }
 

@@ -5,6 +5,10 @@
 // The cursor has a level (the element whose children are walked; at first the document
 // itself) and a current element on that level (none after Reset or IntoElem).
 //
+// Texts are handed out as UTF-8: pugixml converts a file declared in another encoding
+// (Latin-1, UTF-16) and passes the bytes of one declared UTF-8 through, so an ill-formed
+// sequence in such a file is replaced here (msglog/Utf8.h).
+//
 // Ownership and threads: the parsed tree is immutable once loaded and is shared by copies.
 // A copy has its own cursor, so several threads may walk one loaded document at the same
 // time, each through its own copy. A single CXmlDocument object is not synchronised.
@@ -50,10 +54,11 @@ class CXmlDocument {
   // Makes the level's element current again, one level up. False at the document level.
   bool OutOfElem();
 
-  // The attribute `name` of the current element; empty when it or the element is missing.
+  // The attribute `name` of the current element, as valid UTF-8; empty when it or the
+  // element is missing.
   std::string GetAttrib(const char* name) const;
-  // The current element's own text (its text and CDATA children, joined); empty when it
-  // has none or there is no current element.
+  // The current element's own text (its text and CDATA children, joined), as valid UTF-8;
+  // empty when it has none or there is no current element.
   std::string GetData() const;
   // The current element's name; empty without one.
   std::string GetTagName() const;

@@ -1,6 +1,7 @@
 #include "oidmap/CabinetDirectory.h"
 
 #include "module/CIModuleHost.h"
+#include "msglog/Utf8.h"
 #include "oidmap/ModuleTrace.h"
 #include "oidmap/Opcodes.h"
 #include "oidmap/Timeouts.h"
@@ -66,6 +67,7 @@ void CCabinetDirectory::ReadHelpDeskMessage() {
   if (!request.GetDataString(i, text)) {
     return;
   }
+  MakeValidUtf8(text);  // it is filled into the resolutions that clients get
   OIDMAP_TRACE(2, "SEL resolution help desk message: \"%s\" (from config space)", text.c_str());
   CMutexLock lock(help_desk_mutex_);
   help_desk_message_ = text;

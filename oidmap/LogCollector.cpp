@@ -234,6 +234,11 @@ std::vector<MsgLogEntry> CLogCollector::ParseLogReply(const SipJson& msg, int32_
                  "ignored",
                  mid, static_cast<unsigned>(walk.end), static_cast<unsigned>(bytes.size()));
   }
+  if (walk.cut != 0) {
+    OIDMAP_TRACE(
+        1, "## WARNING! Message log data from MID 0x%08X: arguments of %u entries cut to %u bytes",
+        mid, static_cast<unsigned>(walk.cut), static_cast<unsigned>(kMaxEntryArgumentBytes));
+  }
   return source;
 }
 
@@ -298,6 +303,7 @@ std::string CLogCollector::LookUpDesignation(const OldStyleRecord& record, uint3
     const int32_t i = request.CurrentIndex();
     std::string text;
     if (IsValidReplyStatus(request.GetStatus(i)) && request.GetDataString(i, text)) {
+      SanitiseDesignation(text);  // once, before it is cached and stored with entries
       designation = text;
       lookups_.StoreDesignation(key, text);
     }

@@ -1,6 +1,7 @@
 #include "oidmap/LogQueryService.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstdlib>
 #include <utility>
 
@@ -18,12 +19,26 @@ namespace {
 constexpr uint32_t kPlatformCabinetController = 0;
 
 // How long log queries wait for a cabinet's cache: EM_OIDMAP_CACHE_WAIT_MS when it is set
-// to a number (tests and diagnosis), else the standard wait.
+// to a positive decimal number of milliseconds (tests and diagnosis), else the standard
+// wait. Any other value is ignored with a warning: a typing error must not turn the wait
+// into none, or into one that never ends.
 uint32_t CacheWaitMs() {
   // Read while the module is created, before it has threads of its own.
   const char* text = std::getenv("EM_OIDMAP_CACHE_WAIT_MS");  // NOLINT(concurrency-mt-unsafe)
   if (text == nullptr || *text == '\0') return kCacheWaitMs;
-  return SipJson::ParseLenientNumber(text);
+  uint64_t value = 0;
+  const char* at = text;
+  for (; *at >= '0' && *at <= '9' && value <= UINT32_MAX; ++at) {
+    value = value * 10 + static_cast<uint64_t>(*at - '0');
+  }
+  if (*at != '\0' || value == 0 || value > UINT32_MAX) {
+    OIDMAP_TRACE(1,
+                 "## WARNING! EM_OIDMAP_CACHE_WAIT_MS=\"%s\" is no positive number of "
+                 "milliseconds - ignored, the wait is %u sec",
+                 text, kCacheWaitMs / 1000);
+    return kCacheWaitMs;
+  }
+  return static_cast<uint32_t>(value);
 }
 
 }  // namespace
@@ -149,14 +164,17 @@ bool CLogQueryService::GetMsgLogCacheEntries(SipJson& msg) {
   MsgLogTextSources sources;
   sources.files = &message_files_;
   sources.longTexts = &text_cache_;
-  sources.requestLongText = [this, ca](uint32_t errorCode, uint16_t langId) {
-    bool handled = false;
-    const std::vector<std::string> texts =
-        FetchTexts(CM_LogMessageLongText, errorCode, langId, ca, &handled);
-    return texts.empty() ? std::string() : texts.front();
+  // One request time-out for all the long texts of the page: a module that never answers
+  // must not hold the request thread once per code.
+  CFetchDeadline deadline(kSingleRequestTimeoutMs);
+  std::vector<PendingLongText> deferred;
+  sources.requestLongText = [&](uint32_t errorCode, uint16_t langId) {
+    return FetchPageLongText(errorCode, langId, ca, deadline, &deferred);
   };
   std::vector<uint8_t> data;
-  if (!BuildMsgLogPage(query, page.data(), page.data() + page.size(), sources, &data)) {
+  const bool built = BuildMsgLogPage(query, page.data(), page.data() + page.size(), sources, &data);
+  DeferLongTexts(deferred);
+  if (!built) {
     return false;
   }
   msg.SetRawData(data, ST_SUCCESS);

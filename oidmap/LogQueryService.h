@@ -9,10 +9,15 @@
 // the lower modules gave, and the readiness wait (kCacheWaitMs, or
 // EM_OIDMAP_CACHE_WAIT_MS for tests and diagnosis).
 //
+// A page waits for the long texts it fetches from the lower modules one request time-out
+// in all; the codes it could not wait for get the fallback text and are fetched on the
+// worker for the next page (oidmap/PendingLongTexts.h).
+//
 // Threads: Answer on request threads, which a readiness wait blocks up to 120 s; the
-// tasks on the worker. Locks: none of its own. The text cache and the message files are
-// thread-safe; a page's entries are copied under the log store's locks and translated
-// without them, since a long text may have to be fetched from the lower modules.
+// tasks on the worker. Locks: none of its own. The text cache, the pending long texts and
+// the message files are thread-safe; a page's entries are copied under the log store's
+// locks and translated without them, since a long text may have to be fetched from the
+// lower modules.
 #ifndef EM_OIDMAP_LOGQUERYSERVICE_H
 #define EM_OIDMAP_LOGQUERYSERVICE_H
 
@@ -26,6 +31,7 @@
 #include "oidmap/HostLink.h"
 #include "oidmap/LogCollector.h"
 #include "oidmap/LogStore.h"
+#include "oidmap/PendingLongTexts.h"
 #include "sip/SipJson.h"
 
 namespace em_oidmap {
@@ -46,6 +52,9 @@ class CLogQueryService {
   // Worker: a queued text request, or raw record request; the answer is handed up.
   void RunTextTask(SipJson& task);
   void RunRawLogTask(SipJson& task);
+  // Worker: fetches pending long texts into the text cache for one request time-out,
+  // and queues the next such task when some are left.
+  void RunLongTextTask();
 
  private:
   // ---- Log queries (LogQueryService.cpp) ----
@@ -70,17 +79,29 @@ class CLogQueryService {
   // Stores what the lower modules gave for a text task; false when nothing was stored.
   bool StoreTexts(uint32_t oc, uint32_t errorCode, uint16_t langId, std::vector<std::string> texts,
                   bool handled);
-  // Asks the lower modules for the texts of `textOc` (0x0B21, 0x0B23, 0x0B1A, 0x0B17).
-  // `handled` tells whether any module took the request at all.
+  // Asks the lower modules for the texts of `textOc` (0x0B21, 0x0B23, 0x0B1A, 0x0B17),
+  // waiting up to `timeoutMs`; the texts come back as valid UTF-8. `handled` tells
+  // whether any module took the request at all, `timedOut` whether one did not answer in
+  // time.
   std::vector<std::string> FetchTexts(uint32_t textOc, uint32_t errorCode, uint16_t langId,
-                                      uint32_t cabinet, bool* handled) const;
+                                      uint32_t cabinet, uint32_t timeoutMs, bool* handled,
+                                      bool* timedOut) const;
+  // A page's long text from the lower modules within the page's deadline; empty when
+  // none has one. A text not fetched in time is added to `deferred`.
+  std::string FetchPageLongText(uint32_t errorCode, uint16_t langId, uint32_t cabinet,
+                                CFetchDeadline& deadline, std::vector<PendingLongText>* deferred);
+  // Hands the page's deferred texts to the worker.
+  void DeferLongTexts(const std::vector<PendingLongText>& deferred);
+  // Queues the task that fetches pending long texts.
+  void QueueLongTextTask();
 
   const CHostLink& host_;
   const CCabinetDirectory& cabinets_;
   CLogStore& store_;
   const CLogCollector& collector_;
-  CLogMsgFile message_files_;  // both message files, parsed again only when changed
-  CMsgTextCache text_cache_;   // texts the lower modules gave
+  CLogMsgFile message_files_;             // both message files, parsed again only when changed
+  CMsgTextCache text_cache_;              // texts the lower modules gave
+  CPendingLongTexts pending_long_texts_;  // what pages could not wait for
   const uint32_t cache_wait_ms_;
 };
 

@@ -6,6 +6,7 @@
 #include <utility>
 #include <vector>
 
+#include "msglog/Utf8.h"
 #include "oidmap/LogQueryService.h"
 #include "oidmap/ModuleTrace.h"
 #include "oidmap/Opcodes.h"
@@ -140,18 +141,21 @@ bool CLogQueryService::AnswerParagraph(SipJson& msg, uint32_t oc, uint32_t error
 
 std::vector<std::string> CLogQueryService::FetchTexts(uint32_t textOc, uint32_t errorCode,
                                                       uint16_t langId, uint32_t cabinet,
-                                                      bool* handled) const {
+                                                      uint32_t timeoutMs, bool* handled,
+                                                      bool* timedOut) const {
   // Asked like the client asks this module: the language in OE, the error code in DA; the
   // first module that knows the code answers with a text or a multi-string.
   SipJson request(textOc, langId, 0, cabinet);
   request.SetDataValue(errorCode, ST_PENDING);
-  host_.SendToAllModules(request, kSingleRequestTimeoutMs);
+  host_.SendToAllModules(request, timeoutMs);
   std::vector<std::string> texts;
   *handled = false;
+  *timedOut = false;
   for (uint32_t r = 0; r < request.CommandCount(); ++r) {
     const int32_t i = static_cast<int32_t>(r);
     const uint32_t st = request.GetStatus(i);
     if (st != ST_NOT_HANDLED) *handled = true;
+    if (st == ST_TIMEOUT) *timedOut = true;
     if (!IsValidReplyStatus(st)) continue;
     if (request.GetDataForm(i) == SipDataForm::kMultiString) {
       request.GetDataStrings(i, texts);
@@ -164,7 +168,65 @@ std::vector<std::string> CLogQueryService::FetchTexts(uint32_t textOc, uint32_t 
     }
     if (!texts.empty()) break;
   }
+  // Texts given to clients are valid UTF-8: decided here, once, before they are cached.
+  for (std::string& text : texts) MakeValidUtf8(text);
   return texts;
+}
+
+std::string CLogQueryService::FetchPageLongText(uint32_t errorCode, uint16_t langId,
+                                                uint32_t cabinet, CFetchDeadline& deadline,
+                                                std::vector<PendingLongText>* deferred) {
+  const uint32_t timeoutMs = deadline.NextTimeoutMs();
+  bool handled = false;
+  bool timedOut = timeoutMs == 0;
+  std::vector<std::string> texts;
+  if (!timedOut) {
+    texts = FetchTexts(CM_LogMessageLongText, errorCode, langId, cabinet, timeoutMs, &handled,
+                       &timedOut);
+  }
+  if (timedOut) {
+    deadline.Expire();  // the fetch waited all that was left
+    if (texts.empty()) deferred->push_back({errorCode, langId, cabinet});
+  }
+  return texts.empty() ? std::string() : texts.front();
+}
+
+void CLogQueryService::DeferLongTexts(const std::vector<PendingLongText>& deferred) {
+  if (deferred.empty()) return;
+  OIDMAP_TRACE(2,
+               "%u long texts not fetched in time - fetched on the task thread for the next page",
+               static_cast<unsigned>(deferred.size()));
+  bool queueDrain = false;
+  const size_t refused = pending_long_texts_.Add(deferred, &queueDrain);
+  if (refused != 0) {
+    OIDMAP_TRACE(1, "## WARNING! %u long texts not fetched: %u are waiting already",
+                 static_cast<unsigned>(refused), static_cast<unsigned>(kMaxPendingLongTexts));
+  }
+  if (queueDrain) QueueLongTextTask();
+}
+
+void CLogQueryService::QueueLongTextTask() {
+  if (!host_.QueueTask(SipJson(CM_TaskFetchLongTexts, 0, 0, 0))) {
+    pending_long_texts_.DrainNotQueued();  // the next page asks again
+  }
+}
+
+void CLogQueryService::RunLongTextTask() {
+  // One request time-out per task, as for a page: the other tasks get their turn between.
+  CFetchDeadline deadline(kSingleRequestTimeoutMs);
+  PendingLongText text;
+  for (uint32_t timeoutMs = deadline.NextTimeoutMs();
+       timeoutMs != 0 && pending_long_texts_.Take(&text); timeoutMs = deadline.NextTimeoutMs()) {
+    OIDMAP_TRACE(3, "request message text for error code 0x%06X langId %d...", text.errorCode,
+                 static_cast<int>(text.langId));
+    bool handled = false;
+    bool timedOut = false;
+    std::vector<std::string> texts = FetchTexts(CM_LogMessageLongText, text.errorCode, text.langId,
+                                                text.cabinet, timeoutMs, &handled, &timedOut);
+    StoreTexts(CM_LogMessageLongText, text.errorCode, text.langId, std::move(texts), handled);
+    if (timedOut) deadline.Expire();
+  }
+  if (pending_long_texts_.ContinueDrain()) QueueLongTextTask();
 }
 
 void CLogQueryService::RunTextTask(SipJson& task) {
@@ -176,8 +238,10 @@ void CLogQueryService::RunTextTask(SipJson& task) {
   OIDMAP_TRACE(3, "request message text for error code 0x%06X langId %d...", errorCode,
                static_cast<int>(langId));
   bool handled = false;
-  std::vector<std::string> texts = FetchTexts(FetchOpcodeOf(TextKindOf(oc)), errorCode, langId,
-                                              task.GetKey(i, "CA", 0), &handled);
+  bool timedOut = false;
+  std::vector<std::string> texts =
+      FetchTexts(FetchOpcodeOf(TextKindOf(oc)), errorCode, langId, task.GetKey(i, "CA", 0),
+                 kSingleRequestTimeoutMs, &handled, &timedOut);
   const bool stored = StoreTexts(oc, errorCode, langId, std::move(texts), handled);
   if (!stored || !AnswerFromTextCache(task, oc)) {
     OIDMAP_TRACE(3, "  requested log message(s) not found for this error code");

@@ -201,9 +201,13 @@ uint32_t CMultipleModuleRequests::WriteToAllModules(SipJson& msg) {
 
 uint32_t CMultipleModuleRequests::ReadLogEntries(SipJson& msg) {
   MMR_TRACE(2, "CM_LogEntry needs to be sent to all modules; do module broadcast...");
+  // The working copy is the client's request as it came, taken before the client's status
+  // is set to 0 below: a lower module reads a valid status as a reply. Without a status
+  // it goes down as pending, as the request handler reads a missing one.
+  SipJson work = CopyOfCurrentCommand(msg);
+  if (!work.HasKey(0, "ST") || IsValidReplyStatus(work.GetStatus(0))) work.SetStatus(ST_PENDING);
   msg.RemoveData();
   msg.SetStatus(ST_SUCCESS);
-  SipJson work = CopyOfCurrentCommand(msg);
   host_.SendToAllModules(work, kLogReadTimeoutMs);
   const uint32_t replies = work.CommandCount();
   MMR_TRACE(4, "  %d replies received, analysing...", static_cast<int>(replies));

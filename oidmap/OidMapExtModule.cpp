@@ -91,6 +91,9 @@ void COidMapExtModule::OnTaskExecution(SipJson& task, int32_t /*level*/) {
     case CM_LogMessageRaw:
       queries_.RunRawLogTask(task);
       break;
+    case CM_TaskFetchLongTexts:
+      queries_.RunLongTextTask();
+      break;
     default:
       if (IsMessageTextOpcode(oc)) queries_.RunTextTask(task);
       break;

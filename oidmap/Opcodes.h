@@ -53,6 +53,8 @@ constexpr uint32_t CM_MessageLogLast = 0x0B25;
 // Opcodes of the module's own background tasks.
 constexpr uint32_t CM_TaskLogScan = 0x0B10;         // error and event log scan of a cabinet
 constexpr uint32_t CM_TaskMessageLogScan = 0x0B16;  // message log scan of a cabinet
+// Long texts that pages could not wait for; no request of the message log has this OC.
+constexpr uint32_t CM_TaskFetchLongTexts = 0x0B22;
 
 // ---- Configuration space ----------------------------------------------------------------
 constexpr uint32_t CM_ReadConfigurationSpace = 0xE001;

@@ -4,6 +4,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <climits>
@@ -17,6 +18,7 @@
 #include <utility>
 #include <vector>
 
+#include "platform/FileIo.h"
 #include "platform/LineReader.h"
 #include "trace/DebugClient.h"
 
@@ -32,7 +34,6 @@ using FilePtr = std::unique_ptr<FILE, FileCloser>;
 const char* Nil(const char* s) { return s ? s : "<nil>"; }
 
 bool IsSpace(char c) { return isspace(static_cast<unsigned char>(c)) != 0; }
-bool IsBlank(char c) { return c == ' ' || c == '\t'; }
 
 // The default as the result of a read: copied within the buffer, length returned.
 uint32_t StoreDefault(const char* section, const char* key, const char* defaultValue, char* buffer,
@@ -43,88 +44,38 @@ uint32_t StoreDefault(const char* section, const char* key, const char* defaultV
   return static_cast<uint32_t>(strlen(buffer));
 }
 
-// Replaces the bytes [start, end) of the file by an optional line feed and `insert`,
-// moving the rest of the file behind them, and truncates what is left over.
-bool ReplaceRegion(FILE* file, long start, long end, bool lineFeed, const std::string& insert) {
+// The file's whole text; false when it cannot be read.
+bool ReadWhole(FILE* file, std::string* text) {
   if (fseek(file, 0, SEEK_END) != 0) return false;
-  long length = ftell(file);
-  if (length < 0) return false;
-  if (end > length) end = length;
-  if (start < 0 || start > end) return false;
-  std::string out;
+  const long length = ftell(file);
+  if (length < 0 || fseek(file, 0, SEEK_SET) != 0) return false;
   try {
-    out.reserve((lineFeed ? 1 : 0) + insert.size() + static_cast<size_t>(length - end));
-    if (lineFeed) out.push_back('\n');
-    out += insert;
-    out.resize(out.size() + static_cast<size_t>(length - end));
+    text->resize(static_cast<size_t>(length));
   } catch (const std::bad_alloc&) {
     return false;
   }
-  size_t restAt = out.size() - static_cast<size_t>(length - end);
-  if (fseek(file, end, SEEK_SET) != 0) return false;
-  if (fread(&out[restAt], 1, out.size() - restAt, file) != out.size() - restAt) return false;
-  if (fseek(file, start, SEEK_SET) != 0) return false;
-  if (!out.empty() && fwrite(out.data(), 1, out.size(), file) != out.size()) return false;
-  if (fflush(file) != 0) return false;
-  long now = ftell(file);
-  return now >= 0 && ftruncate(fileno(file), now) == 0;
-}
-
-// Appends `text` at the end of the file, after a line feed when the last line lacks one.
-bool AppendText(FILE* file, std::string text) {
-  if (fseek(file, 0, SEEK_END) != 0) return false;
-  long length = ftell(file);
-  if (length < 0) return false;
-  if (length > 0 && text[0] != '\n') {
-    if (fseek(file, -1, SEEK_END) != 0) return false;
-    if (getc(file) != '\n') text.insert(0, 1, '\n');
-    if (fseek(file, 0, SEEK_END) != 0) return false;
-  }
-  return fwrite(text.data(), 1, text.size(), file) == text.size() && fflush(file) == 0;
+  return fread(&(*text)[0], 1, text->size(), file) == text->size() && fseek(file, 0, SEEK_SET) == 0;
 }
 
 std::string NewSection(const char* section, const std::string& keyLine) {
   return std::string("\n[") + section + "]\n\n" + keyLine;
 }
 
-// The file does not exist yet: create it with the section and the key line.
-bool CreateProfile(const char* path, const char* section, const std::string& keyLine) {
-  bool created = true;
-  int fd = open(path, O_WRONLY | O_APPEND | O_CREAT | O_EXCL, 0644);
-  if (fd < 0 && errno == EEXIST) {  // made by someone else meanwhile
-    created = false;
-    fd = open(path, O_WRONLY | O_APPEND);
-  }
-  if (fd < 0) {
-    EM_TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", path);
-    return false;
-  }
-  if (created) fchmod(fd, 0644);  // independent of the process's umask
-  std::string text = NewSection(section, keyLine);
-  size_t done = 0;
-  while (done < text.size()) {
-    ssize_t n = write(fd, text.data() + done, text.size() - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
-  }
-  bool ok = close(fd) == 0 && done == text.size();
-  return ok;
-}
-
-// One write to an existing file: the scan for the section and the key, and the edit made
-// where it finds them.
+// One write to an existing file: the scan for the section and the key, and the new text
+// of the file with the edit made where the scan finds them.
 class ProfileEdit {
  public:
-  ProfileEdit(FILE* file, const char* section, const char* key, const char* value,
+  ProfileEdit(FILE* file, std::string text, const char* section, const char* key, const char* value,
               std::string keyLine)
       : file_(file),
+        text_(std::move(text)),
         section_(section),
         sectionLength_(strlen(section)),
         key_(key),
         value_(value),
         keyLine_(std::move(keyLine)) {}
 
+  // True when the file changes; its new text is then Text().
   bool Run() {
     long noted = -1;  // start of the blank and comment lines above the next line
     platform_detail::BoundedLine line;
@@ -148,14 +99,32 @@ class ProfileEdit {
     return AtEnd();
   }
 
+  const std::string& Text() const { return text_; }
+
  private:
+  // Replaces the bytes [start, end) of the text by an optional line feed and `insert`.
+  bool Replace(long start, long end, bool lineFeed, const std::string& insert) {
+    end = std::min(end, static_cast<long>(text_.size()));
+    if (start < 0 || start > end) return false;
+    text_.replace(static_cast<size_t>(start), static_cast<size_t>(end - start),
+                  (lineFeed ? "\n" : "") + insert);
+    return true;
+  }
+
+  // Appends `text` at the end, after a line feed when the last line lacks one.
+  bool Append(const std::string& text) {
+    if (!text_.empty() && text[0] != '\n' && text_.back() != '\n') text_ += '\n';
+    text_ += text;
+    return true;
+  }
+
   // A section header: it ends our section without the key (the edit is made there) or
   // opens it. Nothing when the scan goes on.
   std::optional<bool> OnHeader(const std::string& t, long position) {
     if (open_) {
-      if (key_ == nullptr) return ReplaceRegion(file_, sectionStart_, position, false, "");
+      if (key_ == nullptr) return Replace(sectionStart_, position, false, "");
       if (value_ == nullptr) return false;
-      return ReplaceRegion(file_, position, position, false, keyLine_);
+      return Replace(position, position, false, keyLine_);
     }
     if (t.compare(1, sectionLength_, section_) == 0 && t.size() > sectionLength_ + 1 &&
         t[sectionLength_ + 1] == ']') {
@@ -173,26 +142,26 @@ class ProfileEdit {
     size_t eq = t.find('=');
     if (eq == std::string::npos || key_ == nullptr) return std::nullopt;
     size_t keyEnd = eq;
-    while (keyEnd > 0 && IsBlank(t[keyEnd - 1])) --keyEnd;
+    // Trimmed as a read trims it, so that a write replaces the key a read finds.
+    while (keyEnd > 0 && IsSpace(t[keyEnd - 1])) --keyEnd;
     if (t.compare(0, keyEnd, key_) != 0) return std::nullopt;
     // The first key line's region swallowed the empty line below the header.
-    return ReplaceRegion(file_, position, lineEnd, lineCounter_ < 2, keyLine_);
+    return Replace(position, lineEnd, lineCounter_ < 2, keyLine_);
   }
 
   // The file ended before the edit was made.
   bool AtEnd() {
     if (key_ != nullptr && value_ != nullptr) {
-      return AppendText(file_, open_ ? keyLine_ : NewSection(section_, keyLine_));
+      return Append(open_ ? keyLine_ : NewSection(section_, keyLine_));
     }
     if (key_ == nullptr && open_) {
-      if (fseek(file_, 0, SEEK_END) != 0) return false;
-      long end = ftell(file_);
-      return end >= 0 && ReplaceRegion(file_, sectionStart_, end, false, "");
+      return Replace(sectionStart_, static_cast<long>(text_.size()), false, "");
     }
     return false;
   }
 
   FILE* const file_;
+  std::string text_;
   const char* const section_;
   const size_t sectionLength_;
   const char* const key_;
@@ -203,18 +172,58 @@ class ProfileEdit {
   int lineCounter_ = 0;
 };
 
-bool WriteProfile(const char* section, const char* key, const char* value, const char* path) {
+// Puts `text` in place of the file at `path`: written whole to "<path>.new" with the mode
+// `mode`, synced, renamed over the file, and the directory synced (as the registry saves),
+// so that a crash or a full disk at any point leaves the old file or the new one whole.
+bool ReplaceFile(FileIo& io, const std::string& path, const std::string& text, mode_t mode) {
+  const std::string temp = path + ".new";
+  if (WriteNewFile(io, temp, text, mode, true) != NewFileResult::kWritten) {
+    EM_TRACE(1, "WritePrivateProfileString: ## WARNING: write error: %s\n", temp.c_str());
+    return false;
+  }
+  if (io.Rename(temp.c_str(), path.c_str()) != 0) {
+    EM_TRACE(1, "WritePrivateProfileString: ## WARNING: write error: %s\n", path.c_str());
+    io.Unlink(temp.c_str());
+    return false;
+  }
+  const size_t slash = path.rfind('/');
+  const std::string directory = slash == std::string::npos ? "." : path.substr(0, slash + 1);
+  if (!SyncDirectory(io, directory)) {
+    EM_TRACE(1, "WritePrivateProfileString: ## WARNING: cannot sync the directory %s\n",
+             directory.c_str());
+  }
+  return true;
+}
+
+bool WriteProfile(const char* section, const char* key, const char* value, const char* path,
+                  FileIo& io) {
   std::string keyLine = key && value ? std::string(key) + "=" + value + "\n" : std::string();
-  FilePtr file(fopen(path, "r+"));
+  // Through a symbolic link the file it names is replaced; the link stays.
+  std::string target = path;
+  if (char* real = realpath(path, nullptr)) {
+    target = real;
+    free(real);  // NOLINT(cppcoreguidelines-no-malloc): realpath's own buffer
+  }
+  // Opened for writing as before, so that a file this process may not write stays as it is.
+  FilePtr file(fopen(target.c_str(), "r+"));
   if (!file) {
     if (errno == ENOENT) {
       if (key == nullptr || value == nullptr) return true;  // nothing to delete
-      return CreateProfile(path, section, keyLine);
+      return ReplaceFile(io, target, NewSection(section, keyLine), 0644);
     }
     EM_TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", path);
     return false;
   }
-  return ProfileEdit(file.get(), section, key, value, std::move(keyLine)).Run();
+  struct stat st {};
+  std::string text;
+  if (fstat(fileno(file.get()), &st) != 0 || !ReadWhole(file.get(), &text)) {
+    EM_TRACE(1, "WritePrivateProfileString: ## WARNING: append open error: %s\n", path);
+    return false;
+  }
+  ProfileEdit edit(file.get(), std::move(text), section, key, value, std::move(keyLine));
+  if (!edit.Run()) return false;
+  file.reset();
+  return ReplaceFile(io, target, edit.Text(), st.st_mode & 07777);
 }
 
 // The answer of a read, in the caller's buffer: characters are added while there is room.
@@ -332,6 +341,11 @@ uint32_t GetPrivateProfileString(const char* section, const char* key, const cha
 
 bool WritePrivateProfileString(const char* section, const char* key, const char* value,
                                const char* filePath) {
+  return WritePrivateProfileString(section, key, value, filePath, FileIo::System());
+}
+
+bool WritePrivateProfileString(const char* section, const char* key, const char* value,
+                               const char* filePath, FileIo& io) {
   if (section == nullptr) {
     EM_TRACE(4, "WritePrivateProfileString: ## WARNING: invalid pointer to AppName\n");
     return false;
@@ -352,7 +366,7 @@ bool WritePrivateProfileString(const char* section, const char* key, const char*
              "'=' in key, refused\n");
     return false;
   }
-  bool rc = WriteProfile(section, key, value, filePath);
+  bool rc = WriteProfile(section, key, value, filePath, io);
   EM_TRACE(4, "WritePrivateProfileString rc=0x%04x\n", rc ? 1u : 0u);
   return rc;
 }

@@ -1,7 +1,8 @@
 // Private profile files: INI-style text files of "[section]" headers, "key=value" lines
-// and ';' comments, read and written line by line in place, with the shape of the
-// operating-system profile calls. Lines are read up to kProfileLineBytes - 1 bytes; the
-// rest of a longer line is skipped. Section and key names compare case-sensitively.
+// and ';' comments, read line by line, with the shape of the operating-system profile
+// calls. A write puts a whole new file in place of the old one (platform/FileIo.h), so
+// that a crash or a full disk never leaves half of it. Lines are read up to kProfileLineBytes - 1
+// bytes; the rest of a longer line is skipped. Section and key names compare case-sensitively.
 //
 // Thread safety: the functions keep no state; concurrent writers of one file must be
 // serialised by the caller, as with the system calls.
@@ -9,6 +10,8 @@
 #define EM_PLATFORM_PROFILE_H
 
 #include <cstdint>
+
+#include "platform/FileIo.h"
 
 namespace em_oidmap {
 
@@ -36,8 +39,15 @@ uint32_t GetPrivateProfileString(const char* section, const char* key, const cha
 // 0644. Returns true on success; false for a null section or path, for deleting a key
 // that is not there, and on any file error. Only a header that starts in the first column
 // is recognised here (GetPrivateProfileString also accepts leading blanks).
+// The new text is written to "<file>.new", synced and renamed over the file, which keeps
+// its mode, and the directory is synced: at any point of a crash the file holds the old
+// text or the new one, whole. A file reached through a symbolic link is replaced where
+// the link points. A file this process may not write is not written.
 bool WritePrivateProfileString(const char* section, const char* key, const char* value,
                                const char* filePath);
+// The same through `io` (tests stop a write at any of its file calls).
+bool WritePrivateProfileString(const char* section, const char* key, const char* value,
+                               const char* filePath, FileIo& io);
 
 // The value as a signed decimal number; `defaultValue` when it is missing or does not
 // start with a number. Out-of-range values are clamped.

@@ -74,8 +74,8 @@ bool IsWritableKeyName(const std::string& name) {
 
 }  // namespace
 
-CRegistry::CRegistry(std::string directory, RegistryFileIo* io)
-    : directory_(std::move(directory)), io_(io ? io : &RegistryFileIo::System()) {}
+CRegistry::CRegistry(std::string directory, FileIo* io)
+    : directory_(std::move(directory)), io_(io ? io : &FileIo::System()) {}
 
 CRegistry::~CRegistry() = default;
 

@@ -40,6 +40,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/FileIo.h"
 #include "platform/RegistryNode.h"
 #include "runtime/RecursiveLock.h"
 
@@ -61,21 +62,6 @@ constexpr LSTATUS ERROR_INVALID_HANDLE = 6;
 constexpr LSTATUS ERROR_INVALID_PARAMETER = 87;
 constexpr LSTATUS ERROR_MORE_DATA = 234;
 
-// The file calls of a save. Tests replace them to stop a save at any call, as a crash
-// would; the defaults are the system calls.
-class RegistryFileIo {
- public:
-  virtual ~RegistryFileIo() = default;
-  virtual int Open(const char* path, int flags, mode_t mode);
-  virtual ssize_t Write(int fd, const void* data, size_t size);
-  virtual int Sync(int fd);
-  virtual int Close(int fd);
-  virtual int Rename(const char* from, const char* to);
-  virtual int Unlink(const char* path);
-  // The system calls.
-  static RegistryFileIo& System();
-};
-
 class CRegistry {
  public:
   static constexpr const char* kDefaultDirectory = "/opt/VelnorHCP/vital/etc/pallmon";
@@ -86,7 +72,7 @@ class CRegistry {
 
   // Nothing is read before the first operation or SetupTree. Saves go through `io`
   // (not owned; the system calls when null).
-  explicit CRegistry(std::string directory = kDefaultDirectory, RegistryFileIo* io = nullptr);
+  explicit CRegistry(std::string directory = kDefaultDirectory, FileIo* io = nullptr);
   ~CRegistry();
   CRegistry(const CRegistry&) = delete;
   CRegistry& operator=(const CRegistry&) = delete;
@@ -153,7 +139,6 @@ class CRegistry {
   bool SaveTreeLocked() REQUIRES(lock_);
   // Writes `text` to "registry.new" and syncs it; false (and no file) on failure.
   bool WriteTempFile(const std::string& text) REQUIRES(lock_);
-  void SyncDirectory();
   void EnsureSetupLocked() REQUIRES(lock_);
   // The node behind a handle, or null for an unknown, closed or deleted key.
   std::shared_ptr<CRegistryNode> NodeOf(HKEY hKey) const REQUIRES(lock_);
@@ -166,7 +151,7 @@ class CRegistry {
   void Changed() REQUIRES(lock_);
 
   const std::string directory_;
-  RegistryFileIo* const io_;
+  FileIo* const io_;
 
   // Public operations take the lock and may call each other while they hold it (it is
   // recursive); the private ones that need it say so.

@@ -20,7 +20,7 @@ load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 started=$(date +%s)
 cmake --preset bench >/dev/null
 cmake --build --preset bench --target oidmap_bench request_bench startup_bench msglog_bench \
-  log_collection_bench cache_memory_bench >/dev/null
+  log_collection_bench cache_memory_bench store_latency_bench >/dev/null
 
 out=${OUT:-}
 if [ -z "$out" ]; then
@@ -34,8 +34,10 @@ for ((round = 1; round <= reps; ++round)); do
     "$bin/$b" --benchmark_enable_random_interleaving=true >"$out/$b.$round.txt" 2>&1
   done
 done
-# Allocator counters do not vary from run to run: one run.
+# Allocator counters do not vary from run to run: one run. The store's latency is one
+# long run of its own.
 "$bin/cache_memory_bench" >"$out/cache_memory_bench.txt" 2>&1
+"$bin/store_latency_bench" >"$out/store_latency_bench.txt" 2>&1
 
 # One figure per round of program $1: the first word after the last colon of the first line
 # that contains the text $2.
@@ -109,6 +111,12 @@ row "bytes per cached entry / (record's own bytes + 16), old-style" "<= 1.5" \
   "$(echo "$per_record" | sed 's/.*old-style \([0-9.]*\).*/\1/' | stats)" "x <= 1.5"
 row "100 full caches, 200,000 entries (MiB)" "<= 64 MB (61.0 MiB)" \
   "$(grep -m1 "full caches" "$memory" | sed 's/.*: \([0-9.]*\) MiB/\1/' | stats)" "x <= 61.0"
+row "every cache filled by hostile peers to its ceiling (MiB resident)" "< 512 MB (488.3 MiB)" \
+  "$(grep -m1 "worst case" "$memory" | sed 's/.*: \([0-9.]*\) MiB.*/\1/' | stats)" "x < 488.3"
+during=$(grep -m1 "page copy during" "$out/store_latency_bench.txt" |
+  sed 's/.*longest \([0-9.]*\) ms, 99th percentile \([0-9.]*\) ms.*idle \([0-9.]*\) ms.*/\1 (99th percentile \2, idle \3)/')
+printf '| page copy during a 10 MB store with tracing, longest (ms) | measured | %s | - | - |\n' \
+  "${during:-not measured}"
 printf '| bytes per cached entry | measured | %s | - | - |\n' \
   "$(grep -m1 "bytes per cached entry:" "$memory" | sed 's/.*: //')"
 echo

@@ -155,6 +155,11 @@ TEST_F(LogCollectionE2ETest, LogEvents_StoreTheirRecordAndAnnounceItsSequenceNum
   host_.DeliverEvent(kMidA, LogEvent(0x0B00, EncodeLog({OldStyle(0x0403, 2)})));
   EXPECT_EQ((std::vector<uint32_t>{1, 2, 4}), FiredSequenceNumbers())
       << "the reply took no sequence number";
+
+  // An event whose entry the cache holds already is stored again and announced: every
+  // log event stored is announced once, with its own new number.
+  host_.DeliverEvent(kMidA, LogEvent(0x0B00, EncodeLog({OldStyle(0x0403, 2)})));
+  EXPECT_EQ((std::vector<uint32_t>{1, 2, 4, 5}), FiredSequenceNumbers());
 }
 
 }  // namespace

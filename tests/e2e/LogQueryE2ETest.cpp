@@ -9,6 +9,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <future>
 #include <optional>
 #include <string>
 #include <thread>
@@ -229,6 +230,138 @@ TEST_F(LogQueryE2ETest, Refusals_LanguageAndCacheThatNeverBecomesReady) {
   EXPECT_EQ(0x0Fu, Query(0x0B13, 0, 0, std::nullopt).GetStatus(0));
   EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
   EXPECT_TRUE(e2e::Traced("ERROR! Timeout (120 sec) waiting for message log cache"));
+}
+
+// EM_OIDMAP_CACHE_WAIT_MS is read when the module is created: only a positive number of
+// milliseconds changes the wait; anything else is ignored with one line.
+TEST_F(LogQueryE2ETest, CacheWaitKnob_OnlyAPositiveNumberChangesTheWait) {
+  const struct {
+    const char* value;
+    const char* wait;
+    bool warned;
+  } cases[] = {
+      {"3000", "(Timeout: 3)", false}, {"", "(Timeout: 120)", false},
+      {"abc", "(Timeout: 120)", true}, {"0", "(Timeout: 120)", true},
+      {"-5", "(Timeout: 120)", true},  {"12x", "(Timeout: 120)", true},
+      {"99999999999", "(Timeout: 120)", true},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.value);
+    Sink().Clear();
+    setenv("EM_OIDMAP_CACHE_WAIT_MS", c.value, 1);
+    hostsim::SimHost host;
+    StartOn(host);
+    const size_t ready = Sink().Count("Ready event SET");
+    module_->Rescan();  // no module has a log: the scan makes the cache ready at once
+    ASSERT_TRUE(e2e::WaitForTrace("Ready event SET", ready + 1));
+    EXPECT_EQ(0x00u, Query(0x0B13, 0, 0, std::nullopt).GetStatus(0));
+    EXPECT_TRUE(e2e::Traced(std::string("Wait on event for message log cache cabinet 0 ") + c.wait));
+    EXPECT_EQ(c.warned ? 1u : 0u, Sink().Count("EM_OIDMAP_CACHE_WAIT_MS=\"" + std::string(c.value) +
+                                               "\" is no positive number"));
+    Destroy();
+  }
+}
+
+// A page of 2000 codes that no message file knows, and a module that never answers text
+// requests: the request thread waits one request time-out in all, every entry gets the
+// fallback text now, and the worker fetches the texts for the next page, all of them in
+// one task at a time, so that the task queue keeps room for clients.
+TEST_F(LogQueryE2ETest, SilentModule_PageWaitsOneTimeOutAndTheWorkerFetchesForTheNext) {
+  constexpr uint32_t kCodes = 2000;
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  SpeakLanguages(a);
+  std::vector<hostsim::SimUnifiedRecord> records;
+  for (uint32_t n = 0; n < kCodes; ++n) records.push_back(Unified(0x3E0000 + n, n + 1));
+  a.SetLog(0x0B16, std::nullopt, EncodeLog(records));
+  a.AddFault(e2e::Rule(0x0B21, "", 0, hostsim::kNeverInTime));
+  StartAndRescan();
+
+  // The worker is held in a summary request meanwhile, so that what it does after the page
+  // can be told apart.
+  std::promise<void> held;
+  std::future<void> holding = held.get_future();
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  std::atomic<bool> armed{true};
+  host_.SetRequestHook([&](const SipJson& request) {
+    if (request.GetOpcode(request.CurrentIndex()) == 0x0B23 && armed.exchange(false)) {
+      held.set_value();
+      released.wait();
+    }
+  });
+  EXPECT_EQ(0x16u, Query(0x0B23, kEnglish, 0, 0x040001).GetStatus(0));
+  ASSERT_EQ(std::future_status::ready, holding.wait_for(std::chrono::seconds(60)));
+
+  const size_t before = host_.SentCount();
+  const std::vector<PageRecord> page = Page(kEnglish, 0, 0);
+  ASSERT_EQ(kCodes, page.size());
+  size_t fallbacks = 0;
+  for (const PageRecord& record : page) fallbacks += record.text.rfind("Unknown error", 0) == 0;
+  EXPECT_EQ(kCodes, fallbacks);
+  uint32_t waitedMs = 0;
+  size_t asked = 0;
+  for (const hostsim::SentRequest& sent : host_.SentRequestsFrom(before)) {
+    SipJson msg;
+    msg.Parse(sent.json);
+    if (msg.GetOpcode(sent.index) != 0x0B21) continue;
+    EXPECT_EQ(std::this_thread::get_id(), sent.thread) << "the worker is held";
+    waitedMs += sent.timeoutMs;
+    ++asked;
+  }
+  EXPECT_EQ(1u, asked) << "the first fetch timed out: nothing was left for the others";
+  EXPECT_LE(waitedMs, 5000u);
+  EXPECT_TRUE(e2e::Traced("2000 long texts not fetched in time - fetched on the task thread for "
+                          "the next page"));
+  EXPECT_EQ(0x16u, Query(0x0B21, kEnglish, 0, 0x3E0000 + kCodes).GetStatus(0))
+      << "the queue has room for a client";
+
+  // The module knows the texts now: once the worker goes on, it fetches every code.
+  a.ClearRules();
+  a.AddRule(e2e::Rule(0x0B21, "\"Text from below.\""));
+  release.set_value();
+  ASSERT_TRUE(e2e::WaitForTrace("put \"long text\" message into cache", kCodes + 1, 120));
+  host_.SetRequestHook(nullptr);
+  const size_t after = host_.SentCount();
+  size_t fetched = 0;
+  for (const PageRecord& record : Page(kEnglish, 0, 0)) fetched += record.text == "Text from below.";
+  EXPECT_EQ(kCodes, fetched);
+  EXPECT_EQ(after, host_.SentCount()) << "the next page asks nothing";
+}
+
+// Peers that send ill-formed UTF-8 where text is expected (a Latin-1 byte, a lone
+// surrogate, an overlong form): what the module builds from it reaches the client with
+// U+FFFD in its place; what the module only passes on reaches it untouched.
+TEST_F(LogQueryE2ETest, IllFormedUtf8FromPeers_ReplacedInWhatTheModuleBuilds) {
+  const std::string latin1 = "\xFC", surrogate = "\xED\xA0\x80", overlong = "\xC0\x80";
+  const std::string fffd = "\xEF\xBF\xBD";
+  hostsim::SimModule& a = host_.AddModule(kMidA);
+  SpeakLanguages(a);
+  a.SetLog(0x0B16, std::nullopt, EncodeLog({Unified(0x040005, 10, {latin1, surrogate})}));
+  a.AddRule(TextRule(0x0B21, 0x0A0001, "\"Chassis " + overlong + " open\""));
+  hostsim::SimModule& b = host_.AddModule(kMidB);
+  b.SetLog(0x0B00, 0, EncodeLog({OldStyle(0x0403, 20, 1, 0)}));
+  b.AddRule(e2e::Rule(0x0304, "\"FAN " + surrogate + "\""));
+  StartAndRescan();
+
+  const std::vector<PageRecord> page = Page(kEnglish, 0, 0);
+  ASSERT_EQ(2u, page.size());
+  EXPECT_EQ("Fan redundancy lost: " + fffd + " of " + fffd + fffd + fffd + " fans are working.",
+            page[0].text);
+  EXPECT_EQ("Fan FAN " + fffd + fffd + fffd + " was removed.", page[1].text);
+
+  SipJson request(0x0B21, kEnglish, 0, 0);
+  request.SetDataValue(0x0A0001, 0x16);
+  request.SetKey("CI", 8, true);
+  EXPECT_EQ(1u, module_->OnRequest(request));
+  const std::optional<SipJson> late = LateAnswer(host_, 8);
+  ASSERT_TRUE(late.has_value());
+  EXPECT_EQ("Chassis " + fffd + fffd + " open", e2e::DataText(*late));
+
+  SipJson event(0x0301, 0, 1, 0);
+  event.SetDataString("Fan " + latin1, 0xFF);
+  host_.DeliverEvent(kMidA, event);
+  EXPECT_EQ("Fan " + latin1, e2e::DataText(host_.HandedBackMessages().back().message))
+      << "an event is passed on as it came";
 }
 
 TEST_F(LogQueryE2ETest, TextRequests_MissFetchedOnTheTaskThreadThenHit) {

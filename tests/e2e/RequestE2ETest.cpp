@@ -7,6 +7,8 @@
 #include <atomic>
 #include <optional>
 #include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
 #include <future>
 #include <mutex>
 #include <stdexcept>
@@ -15,6 +17,7 @@
 #include <vector>
 
 #include "E2EHost.h"
+#include "hostsim/SimLog.h"
 
 namespace em_oidmap {
 
@@ -263,6 +266,12 @@ TEST_F(RequestE2ETest, LogEntryBroadcast_EveryModulesRecordsReachTheClient) {
   EXPECT_EQ(150000u, host_.SentRequests().back().timeoutMs);
   EXPECT_TRUE(Sink().HasLine("\nEM_OIDMAP (MMR)     :   3 replies received, analysing..."));
   EXPECT_EQ(2u, Sink().Count("got CM_LogEntry reply from MID"));
+  // The lower modules get the client's request as it came, as a request: pending, not
+  // the 0 that the client's answer is given.
+  rapidjson::Document received;
+  received.Parse(a.Received().back().c_str());
+  EXPECT_EQ(0x0B00u, hostsim::CommandKey(received, "OC", 0));
+  EXPECT_EQ(0x16u, hostsim::CommandKey(received, "ST", 0));
 }
 
 TEST_F(RequestE2ETest, BadInput_DefinedAnswersNoCrash) {
@@ -290,6 +299,7 @@ TEST_F(RequestE2ETest, BadInput_DefinedAnswersNoCrash) {
       {R"({"SIP":{"V":1,"CMD":[{"OC":"0x0310","CA":0,"DA":"x"}]}})", 0, 1, 0x00, nullptr},
       {R"({"SIP":{"V":1,"CMD":[{"OC":57345,"OE":49,"DA":"3"}]}})", 0, 1, 0x13, nullptr},
       {R"({"SIP":{"V":1,"CMD":[7]}})", 0, 0, 0x16, nullptr},                    // command not an object
+      {R"({"SIP":{"V":1,"CMD":[{"OC":2854,"CA":0}]}})", 0, 0, 0x01, nullptr},    // 0x0B26: not ours
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.json);
@@ -316,30 +326,80 @@ class ThrowingHandBackHost : public hostsim::SimHost {
   }
 };
 
+// Each case makes the reply handler fail at another point: the host's hand-back before
+// any lock is taken, and the host's trace output (the sink's observer throws) while the
+// cabinet's entry lock or the module's cache lock is held. A clear of the cache needs both
+// locks afterwards.
 TEST_F(RequestE2ETest, ExceptionInReplyHandler_BannerAndNoLockLeftHeld) {
-  ThrowingHandBackHost host;
-  host.AddModule(kMidA).AddRule(Rule(0x0B03, "1"));
-  Create();
-  module_->SetServerCabinet(3);
-  module_->Start(&host, host.Attach(module_));
-
-  SipJson cleared(0x0B03, 0, 0, 3);
-  host.DeliverEventOnThread(kMidA, cleared);
   const std::string stars(96, '*');
-  EXPECT_TRUE(Sink().HasLine("\n\n" + stars));
-  EXPECT_TRUE(e2e::Traced("CAB 0003: FATAL ERROR! EXCEPTION in Reply Handler at OpCode 0x0B03!"));
-  EXPECT_TRUE(Sink().HasLine("\n" + stars + "\n"));
+  const std::vector<uint8_t> record = hostsim::EncodeLog({hostsim::Unified(0x77, 1)});
+  auto logEvent = [&](uint32_t ca) {
+    SipJson event(0x0B16, 0, 0, ca);
+    event.SetRawData(record, 0xFF);
+    return event;
+  };
+  const struct {
+    const char* name;
+    const char* throwOn;  // trace line at which the host's output fails
+    uint32_t oc;
+    uint32_t ca;
+    uint32_t events;  // log events delivered (1000, 1001, ... once beyond cabinet 3)
+  } cases[] = {
+      {"hand-back", nullptr, 0x0B03, 3, 1},
+      {"entry lock", "entries stored to messag log cache", 0x0B16, 3, 1},
+      // Cabinet 3's cache and 199 others fill the table; the next cabinet is refused.
+      {"cache lock", "too many cabinets", 0x0B16, 1199, 200},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    ThrowingHandBackHost host;
+    host.AddModule(kMidA).AddRule(Rule(0x0B03, "1"));
+    Sink().Clear();
+    Create();
+    module_->SetServerCabinet(3);
+    module_->Start(&host, host.Attach(module_));
 
-  // Another thread clears the same cabinet's cache: it needs the cache lock.
-  auto clear = std::async(std::launch::async, [&] {
-    SipJson request(0x0B03, 0, 0, 3);
-    module_->OnRequest(request);
-    return request.GetStatus(0);
-  });
-  ASSERT_EQ(std::future_status::ready, clear.wait_for(std::chrono::seconds(20)));
-  EXPECT_EQ(0x00u, clear.get());
-  EXPECT_EQ(1u, e2e::Lib().destroy());  // before the local host goes
-  module_ = nullptr;
+    // The host's output fails once, at the case's line, as a failing host's would.
+    bool thrown = false;
+    if (c.throwOn != nullptr) {
+      Sink().SetObserver([&](const std::string& line) {
+        if (!thrown && line.find(c.throwOn) != std::string::npos) {
+          thrown = true;
+          throw std::runtime_error("trace output failed");
+        }
+      });
+    }
+    if (c.oc == 0x0B03) {
+      host.DeliverEventOnThread(kMidA, SipJson(0x0B03, 0, 0, 3));
+    } else if (c.events == 1) {
+      host.DeliverEventOnThread(kMidA, logEvent(c.ca));
+    } else {
+      for (uint32_t n = 0; n < c.events; ++n) host.DeliverEvent(kMidA, logEvent(1000 + n));
+    }
+    Sink().SetObserver(nullptr);
+    EXPECT_EQ(c.throwOn != nullptr, thrown);
+    EXPECT_TRUE(Sink().HasLine("\n\n" + stars));
+    char banner[96];
+    snprintf(banner, sizeof banner, "CAB %04u: FATAL ERROR! EXCEPTION in Reply Handler at OpCode 0x%04X!",
+             c.ca, c.oc);
+    EXPECT_TRUE(e2e::Traced(banner));
+    EXPECT_TRUE(Sink().HasLine("\n" + stars + "\n"));
+
+    // Another thread clears the same cabinet's cache: it needs the cache lock.
+    auto clear = std::async(std::launch::async, [&] {
+      SipJson request(0x0B03, 0, 0, 3);
+      module_->OnRequest(request);
+      return request.GetStatus(0);
+    });
+    if (clear.wait_for(std::chrono::seconds(20)) != std::future_status::ready) {
+      ADD_FAILURE() << c.name << ": the clear still waits for a lock the handler kept";
+      fflush(stdout);
+      std::_Exit(1);  // the waiting thread can never be joined
+    }
+    EXPECT_EQ(0x00u, clear.get());
+    EXPECT_EQ(1u, e2e::Lib().destroy());  // before the local host goes
+    module_ = nullptr;
+  }
 }
 
 TEST_F(RequestE2ETest, ConcurrentRequestsAndEvents_WhileStartIsRunning) {
@@ -361,8 +421,10 @@ TEST_F(RequestE2ETest, ConcurrentRequestsAndEvents_WhileStartIsRunning) {
     start_entered = true;
     gate.notify_all();
     gate.wait_for(lock, std::chrono::seconds(10), [&] { return ready_threads == kRequestThreads; });
-    // Let the request threads reach the module before start goes on.
-    gate.wait_for(lock, std::chrono::milliseconds(100), [] { return false; });
+    lock.unlock();
+    // Start goes on once every request thread's first request has entered the module
+    // (each is traced on entry, before the request waits for start).
+    EXPECT_TRUE(e2e::WaitForTrace("EM_OIDMAP (REQ)     : OC 0x0301", kRequestThreads, 10));
   });
 
   Create();

@@ -146,6 +146,19 @@ TEST(LogRecordsTest, UnifiedParse_GoodRecordsAndEveryKindOfBadOne) {
   EXPECT_EQ((std::map<int32_t, std::string>{{1, "fan"}}), e.Arguments())
       << "the empty second string ends the list";
   EXPECT_EQ((std::map<int32_t, std::string>{{1, "x"}}), out.at(1).Arguments());
+
+  // The strings are kept as valid UTF-8, kMaxEntryArgumentBytes of them in all; the record
+  // stays whole and the strings past the room are dropped.
+  const std::string large(kMaxEntryArgumentBytes, 'y');
+  const Bytes hostile = Unified(0x10, 1, {"L\xFC" "fter", large, "dropped"}).Encode();
+  out.clear();
+  const LogBlockWalk walk = ParseUnifiedRecords(hostile.data(), hostile.size(), 0x55, out);
+  ASSERT_EQ(1u, out.size());
+  EXPECT_EQ(1u, walk.cut);
+  const std::string first = "L\xEF\xBF\xBD" "fter";
+  EXPECT_EQ((std::map<int32_t, std::string>{
+                {1, first}, {2, large.substr(0, kMaxEntryArgumentBytes - first.size())}}),
+            out[0].Arguments());
 }
 
 TEST(LogRecordsTest, TenMegabyteBlocks_WalkEndsWithinTheData) {
@@ -288,6 +301,20 @@ TEST(LogRecordsTest, LookupTables_RowsAndFallbacks) {
   }
   EXPECT_EQ("19040A0003", LogLookupKey(0x19, 0x04, 0x0A, 3));
   EXPECT_EQ("3F00FFFFABCD", LogLookupKey(0x3F, 0x00, 0xFFFF, 0xABCD));
+
+  // Each answer cache keeps its newest answers up to the ceiling.
+  CLogLookupCache lookups;
+  for (size_t k = 0; k <= kMaxLookupCacheEntries; ++k) {
+    lookups.StoreCss(std::to_string(k), k % 2 == 1);
+    lookups.StoreDesignation(std::to_string(k), "FAN " + std::to_string(k));
+  }
+  lookups.StoreCss("1", false);  // an answer replaced keeps its place
+  EXPECT_FALSE(lookups.FindCss("0").has_value());
+  EXPECT_FALSE(lookups.FindDesignation("0").has_value());
+  EXPECT_EQ(false, lookups.FindCss("1"));
+  EXPECT_EQ("FAN 1", lookups.FindDesignation("1"));
+  const std::string last = std::to_string(kMaxLookupCacheEntries);
+  EXPECT_EQ(kMaxLookupCacheEntries % 2 == 1, lookups.FindCss(last));
 }
 
 }  // namespace

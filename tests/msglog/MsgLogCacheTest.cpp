@@ -2,9 +2,13 @@
 
 #include <atomic>
 #include <chrono>
+#include <future>
+#include <string>
 #include <thread>
 
+#include "hostsim/DebugSink.h"
 #include "msglog/MsgLogCache.h"
+#include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
@@ -80,6 +84,48 @@ TEST(MsgLogCacheTest, Store_OneAtATimeIntoFullCache_IsAmortisedConstant) {
   EXPECT_EQ(5u * kMaxMsgLogEntries, snapshot.second);
 }
 
+// Entries whose strings are large: the oldest go once the cabinet's bytes pass the
+// ceiling, each traced as an eviction by count is, after the entry lock was released (a
+// reader is not kept waiting by the traces).
+TEST(MsgLogCacheTest, Store_PastTheByteCeiling_OldestGoTracedWithoutTheEntryLock) {
+  CMsgLogCache cache;
+  MsgLogCabinetCache* cab = cache.FindOrCreateCabinetCache(2);
+  std::vector<MsgLogEntry> run = MakeEntries(kMaxMsgLogEntries);
+  for (MsgLogEntry& entry : run) entry.SetArgument(1, std::string(1000, 'a'));
+
+  std::future<size_t> reader;
+  bool readerWaited = true;
+  hostsim::Sink().Clear();
+  hostsim::Sink().SetObserver([&](const std::string& line) {
+    if (reader.valid() || line.find("Remove entry") == std::string::npos) return;
+    reader = std::async(std::launch::async, [&] {
+      return Snapshot(cache, 2).first.size();
+    });
+    readerWaited = reader.wait_for(std::chrono::seconds(10)) != std::future_status::ready;
+  });
+  TraceClient().SetTraceLevel(4);
+  EXPECT_EQ(1u, CMsgLogCache::StoreEntries(*cab, std::move(run)));
+  TraceClient().SetTraceLevel(0);
+  hostsim::Sink().SetObserver(nullptr);
+  EXPECT_FALSE(readerWaited);
+
+  size_t bytes = 0;
+  cache.ReadEntries(2, [&](const MsgLogEntryList& entries, uint32_t) { bytes = entries.bytes(); });
+  EXPECT_LE(bytes, kMaxCabinetCacheBytes);
+  const auto snapshot = Snapshot(cache, 2);
+  const size_t evicted = kMaxMsgLogEntries - snapshot.first.size();
+  ASSERT_GT(evicted, 0u);
+  EXPECT_EQ(evicted + 1, snapshot.first.front());
+  EXPECT_EQ(kMaxMsgLogEntries, snapshot.first.back());
+  std::vector<std::string> expected = {"    2000 entries stored to messag log cache"};
+  for (size_t n = 1; n <= evicted; ++n) {
+    expected.push_back("Remove entry " + std::to_string(n) + " from beginning of message log list");
+  }
+  std::vector<std::string> lines = hostsim::Sink().Lines();
+  for (std::string& line : lines) line = line.substr(line.find(": ") + 2);
+  EXPECT_EQ(expected, lines);
+}
+
 TEST(MsgLogCacheTest, ReadyEvent_ManualResetAndUnknownCabinet) {
   CMsgLogCache cache;
   const auto start = std::chrono::steady_clock::now();
@@ -98,16 +144,24 @@ TEST(MsgLogCacheTest, ReadyEvent_ManualResetAndUnknownCabinet) {
 TEST(MsgLogCacheTest, WaitingReader_SeesCompleteResultOfRun) {
   CMsgLogCache cache;
   MsgLogCabinetCache* cab = cache.FindOrCreateCabinetCache(5);
-  std::atomic<bool> waiting{false};
-  std::pair<std::vector<uint32_t>, uint32_t> seen;
-  std::thread reader([&] {
-    waiting = true;
-    if (cache.WaitForCacheReady(5, 60000)) seen = Snapshot(cache, 5);
-  });
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!waiting && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  cache.SetCacheReady(5, true);  // the end of an earlier run
   // The writer's run: reset, store in two parts, set.
   cache.SetCacheReady(5, false);
+  std::atomic<bool> done{false};
+  std::pair<std::vector<uint32_t>, uint32_t> seen;
+  std::thread reader([&] {
+    if (cache.WaitForCacheReady(5, 60000)) seen = Snapshot(cache, 5);
+    done = true;
+  });
+  // The stores start only once the reader waits on the event (a waiter makes
+  // ChangeAttributes refuse; on an unsignalled manual event it changes nothing) or has
+  // already returned without waiting, which the snapshot then shows.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  auto waitingOrDone = [&] {
+    return done || (!cab->ReadyEvent.Check() && !cab->ReadyEvent.ChangeAttributes(false, true));
+  };
+  while (!waitingOrDone() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
+  EXPECT_TRUE(waitingOrDone()) << "the reader never waited";
   CMsgLogCache::StoreEntries(*cab, MakeEntries(700));
   CMsgLogCache::StoreEntries(*cab, MakeEntries(800));
   cache.SetCacheReady(5, true);

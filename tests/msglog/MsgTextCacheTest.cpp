@@ -51,6 +51,23 @@ TEST(MsgTextCacheTest, LookupsByKindCodeAndLanguage) {
   }
 }
 
+// Clients choose the keys: the cache keeps its newest texts within its ceiling.
+TEST(MsgTextCacheTest, Ceiling_OldestTextsGoLargerThanAllRefused) {
+  CMsgTextCache cache;
+  const std::string text(64 * 1024, 't');
+  const size_t fit = kMaxTextCacheBytes / CMsgTextCache::TextBytes({text});
+  for (uint32_t code = 0; code <= fit; ++code) {
+    ASSERT_TRUE(cache.PutText(MsgTextKind::kLongText, code, 0x409, text));
+  }
+  EXPECT_LE(cache.Bytes(), kMaxTextCacheBytes);
+  EXPECT_EQ(fit, cache.Size(MsgTextKind::kLongText));
+  std::string found;
+  EXPECT_FALSE(cache.FindText(MsgTextKind::kLongText, 0, 0x409, &found)) << "the oldest went";
+  EXPECT_TRUE(cache.FindText(MsgTextKind::kLongText, static_cast<uint32_t>(fit), 0x409, &found));
+  EXPECT_FALSE(cache.PutText(MsgTextKind::kSummary, 1, 0x409, std::string(kMaxTextCacheBytes, 's')));
+  EXPECT_EQ(0u, cache.Size(MsgTextKind::kSummary));
+}
+
 }  // namespace
 
 }  // namespace em_oidmap

@@ -116,6 +116,8 @@ TEST_F(ProfileTest, EditsInPlaceKeepTheLayout) {
         {"c", nullptr, nullptr, true},
         {"zz", nullptr, nullptr, false}},
        "[a]\nx=1\n"},
+      // A key trimmed of any white space before '=' is the key a read finds.
+      {"[s]\nk\v\t = v\n", {{"s", "k", "w", true}}, "[s]\n\nk=w\n"},
       // An indented header is read, but a write does not find it.
       {"  [s]\nk=v", {{"s", "k", "w", true}}, "  [s]\nk=v\n[s]\n\nk=w\n"},
       // What would read back differently is refused and leaves the file as it was.
@@ -128,6 +130,46 @@ TEST_F(ProfileTest, EditsInPlaceKeepTheLayout) {
     Write("test.ini", c.before);
     for (const Op& op : c.ops) EXPECT_EQ(Put(op.section, op.key, op.value), op.ok) << c.before;
     EXPECT_EQ(Read("test.ini"), c.after);
+  }
+}
+
+// A crash or a full disk at any file call of a write: the file holds the old text or the
+// new one, whole and with its mode, and no other key is lost.
+TEST_F(ProfileTest, CrashAtAnyCallOfAWriteLeavesTheOldOrTheNewFileWhole) {
+  TraceClient().SetTraceLevel(0);  // keep the run short
+  const std::string old = "[a]\nx=1\n; y's comment\ny=2\n\n[b]\nz=3\n";
+  const struct {
+    const char* section;
+    const char* key;
+    const char* value;
+    std::string after;
+  } writes[] = {
+      {"a", "y", "9", "[a]\nx=1\ny=9\n\n[b]\nz=3\n"},
+      {"b", nullptr, nullptr, "[a]\nx=1\n; y's comment\ny=2\n"},
+      {"c", "k", "v", old + "\n[c]\n\nk=v\n"},
+  };
+  for (const auto& w : writes) {
+    for (int k = 1;; ++k) {
+      SCOPED_TRACE(testing::Message() << w.section << ", crash at call " << k);
+      Write("test.ini", old);
+      ASSERT_EQ(0, chmod(file().c_str(), 0600));
+      platform_test::CrashingIo io;
+      io.crash_at = k;
+      const bool written = WritePrivateProfileString(w.section, w.key, w.value, file().c_str(), io);
+      const std::string now = Read("test.ini");
+      EXPECT_TRUE(now == old || now == w.after) << now;
+      struct stat st {};
+      ASSERT_EQ(0, stat(file().c_str(), &st));
+      EXPECT_EQ(0600u, st.st_mode & 0777);
+      if (!io.Crashed()) {  // k is past the last call: the write went through
+        EXPECT_TRUE(written);
+        EXPECT_EQ(w.after, now);
+        ASSERT_GT(k, 5);  // the writes were several
+        EXPECT_EQ(io.Tail(4), (std::vector<std::string>{"rename", "open", "sync", "close"}))
+            << "the directory is synced after the rename";
+        break;
+      }
+    }
   }
 }
 

@@ -260,47 +260,6 @@ TEST_F(RegistryTest, RestoreGivesTheSameTreeWhateverTheLineOrder) {
   }
 }
 
-// Counts the file calls of a save and, from call `crash_at` on, fails every one as if the
-// process had died there: a write at the crash leaves half its bytes, nothing later
-// reaches the disk. Writes take at most 16 bytes, so a save makes many of them.
-class CrashingIo : public RegistryFileIo {
- public:
-  int crash_at = 0;  // 0: never
-  std::vector<std::string> calls;
-
-  int Open(const char* path, int flags, mode_t mode) override {
-    return Alive("open") ? RegistryFileIo::Open(path, flags, mode) : Fail();
-  }
-  ssize_t Write(int fd, const void* data, size_t size) override {
-    size = std::min<size_t>(size, 16);
-    if (Alive("write")) return RegistryFileIo::Write(fd, data, size);
-    (void)RegistryFileIo::Write(fd, data, size / 2);
-    return Fail();
-  }
-  int Sync(int fd) override { return Alive("sync") ? RegistryFileIo::Sync(fd) : Fail(); }
-  int Close(int fd) override {
-    int result = RegistryFileIo::Close(fd);  // the process's end would close it too
-    return Alive("close") ? result : Fail();
-  }
-  int Rename(const char* from, const char* to) override {
-    return Alive("rename") ? RegistryFileIo::Rename(from, to) : Fail();
-  }
-  int Unlink(const char* path) override {
-    return Alive("unlink") ? RegistryFileIo::Unlink(path) : Fail();
-  }
-  bool Crashed() const { return crash_at > 0 && static_cast<int>(calls.size()) >= crash_at; }
-
- private:
-  bool Alive(const char* call) {
-    calls.push_back(call);
-    return !Crashed();
-  }
-  static int Fail() {
-    errno = EIO;
-    return -1;
-  }
-};
-
 TEST_F(RegistryTest, CrashAtAnyCallOfASaveLoadsTheOldOrTheNewTreeWhole) {
   TraceClient().SetTraceLevel(0);  // keep the run short
   const std::string older = TreeFile("older"), old = TreeFile("old"), now = TreeFile("new");
@@ -308,7 +267,7 @@ TEST_F(RegistryTest, CrashAtAnyCallOfASaveLoadsTheOldOrTheNewTreeWhole) {
     Write("registry", old);
     Write("registry.old", older);
     unlink(Path("registry.new").c_str());
-    CrashingIo io;
+    platform_test::CrashingIo io;
     CRegistry reg(dir_, &io);
     reg.SetupTree(false);
     io.crash_at = 1;  // the changes are held in memory and saved at once below
@@ -330,8 +289,7 @@ TEST_F(RegistryTest, CrashAtAnyCallOfASaveLoadsTheOldOrTheNewTreeWhole) {
       EXPECT_TRUE(saved);
       EXPECT_EQ(loaded, now);
       ASSERT_GT(k, 10);  // the writes were many
-      const std::vector<std::string> tail(io.calls.end() - 5, io.calls.end());
-      EXPECT_EQ(tail, (std::vector<std::string>{"rename", "rename", "open", "sync", "close"}))
+      EXPECT_EQ(io.Tail(5), (std::vector<std::string>{"rename", "rename", "open", "sync", "close"}))
           << "the directory is synced after the renames";
       break;
     }
