@@ -8,6 +8,7 @@
 #include <cstring>
 #include <utility>
 
+#include "msglog/Utf8.h"
 #include "platform/Registry.h"
 #include "platform/RegistryPaths.h"
 #include "trace/DebugClient.h"
@@ -91,6 +92,14 @@ class RecentIds {
   size_t next_ = 0;
 };
 
+// An attribute's value as valid UTF-8 (msglog/Utf8.h), as the document's cursor hands it
+// out (GetAttrib).
+std::string Attribute(const pugi::xml_node& node, const char* name) {
+  std::string value = node.attribute(name).value();
+  MakeValidUtf8(value);
+  return value;
+}
+
 std::string JoinPath(const std::string& dir, const char* name) {
   if (dir.empty() || dir.back() == '/') return dir + name;
   return dir + "/" + name;
@@ -113,8 +122,7 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
   if (!root) return;
   for (pugi::xml_node language = ChildElement(ChildElement(root, "LanguageTable"), "Language");
        language; language = NextElement(language, "Language"))
-    languages_.push_back(
-        {language.attribute("locale").value(), language.attribute("lang").value()});
+    languages_.push_back({Attribute(language, "locale"), Attribute(language, "lang")});
   const pugi::xml_node events = ChildElement(root, "Events");
   if (!events) return;
   size_t eventCount = 0;
@@ -135,7 +143,7 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
       break;
     }
     // The first Event of a code is the one searches find; later ones are never reached.
-    const auto entered = events_.try_emplace(LowerCase(event.attribute("ErrorCode").value()));
+    const auto entered = events_.try_emplace(LowerCase(Attribute(event, "ErrorCode")));
     if (!entered.second) continue;
     Event& indexed = entered.first->second;
     indexed.firstMessages = static_cast<uint32_t>(messages_.size());
@@ -143,7 +151,9 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
          element = NextElement(element, "Messages")) {
       Messages messages;
       messages.lang = langs.Id(element.attribute("lang").value(), [this](const char* lang) {
-        return Intern(langs_, LowerCase(lang));
+        std::string name = lang;
+        MakeValidUtf8(name);
+        return Intern(langs_, LowerCase(std::move(name)));
       });
       messages.firstElement = static_cast<uint32_t>(elements_.size());
       for (pugi::xml_node text = element.first_child(); text; text = text.next_sibling()) {
@@ -191,6 +201,14 @@ CLogMsgXmlFileImpl::Text CLogMsgXmlFileImpl::AddData(const pugi::xml_node& eleme
     if (type == pugi::node_pcdata || type == pugi::node_cdata) chars_ += child.value();
   }
   piece.length = static_cast<uint32_t>(chars_.size() - piece.offset);
+  // Handed out as valid UTF-8, as the document's cursor hands it out (GetData).
+  if (!IsValidUtf8(View(piece))) {
+    std::string text(View(piece));
+    MakeValidUtf8(text);
+    chars_.resize(piece.offset);
+    chars_ += text;
+    piece.length = static_cast<uint32_t>(text.size());
+  }
   return piece;
 }
 

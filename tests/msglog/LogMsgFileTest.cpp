@@ -55,6 +55,17 @@ TEST(LogMsgFileTest, SearchMatchesCodeAndLanguageIgnoringCaseAndCountsParagraphs
   EXPECT_EQ("", file.SearchMessage("0x0C0001", kKeyCause, "en", 2));
   EXPECT_EQ("fr", file.LanguageName(0x40C));
   EXPECT_EQ("en", file.LanguageName(0x407));  // not in the table
+  // Texts and attributes come out as valid UTF-8 from a file that declares it and is not.
+  ASSERT_TRUE(file.OpenFromText(
+      "<EventMsg><LanguageTable><Language locale='0x407' lang='d\xFC'/></LanguageTable>"
+      "<Events><Event ErrorCode='0x1'><Messages lang='en'><LongMsg>L\xFC"
+      "fter "
+      "<![CDATA[\xC0]]></LongMsg></Messages></Event></Events></EventMsg>"));
+  EXPECT_EQ(
+      "L\xEF\xBF\xBD"
+      "fter \xEF\xBF\xBD",
+      file.SearchMessage("0x1", kKeyLongMsg, "en", 0));
+  EXPECT_EQ("d\xEF\xBF\xBD", file.LanguageName(0x407));
   ASSERT_TRUE(file.OpenFromText("<EventMsg><Events/></EventMsg>"));
   EXPECT_EQ("en", file.LanguageName(0x40C));  // no table
 }
