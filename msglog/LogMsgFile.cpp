@@ -62,22 +62,22 @@ bool SameName(const char* a, const char* b) {
 
 // The ids of the first few distinct names met, found again by a compare of the raw name:
 // a message file repeats a handful of element names and languages in every event, in the
-// same order, so the search starts at the name that followed the last one found.
+// same order and often twice in a row, so the search starts at the name found last.
 class RecentIds {
  public:
   template <class MakeId>
   uint32_t Id(const char* raw, MakeId makeId) {
     const size_t count = seen_.size();
-    for (size_t k = 0, i = next_; k < count; ++k, i = i + 1 == count ? 0 : i + 1) {
+    for (size_t k = 0, i = last_; k < count; ++k, i = i + 1 == count ? 0 : i + 1) {
       if (SameName(seen_[i].raw.c_str(), raw)) {
-        next_ = i + 1 == count ? 0 : i + 1;
+        last_ = i;
         return seen_[i].id;
       }
     }
     const uint32_t id = makeId(raw);
     if (count < kMax) {
       seen_.push_back({raw, id});
-      next_ = 0;
+      last_ = count;
     }
     return id;
   }
@@ -89,7 +89,7 @@ class RecentIds {
     uint32_t id;
   };
   std::vector<Seen> seen_;
-  size_t next_ = 0;
+  size_t last_ = 0;
 };
 
 // An attribute's value as valid UTF-8 (msglog/Utf8.h), as the document's cursor hands it

@@ -25,6 +25,8 @@ TEST(Utf8Test, IllFormedSequencesBecomeOneReplacementPerMaximalSubpart) {
        "fter",
        "L" + kFffd + "fter"},
       {"Latin-1 at the end", "Stra\xDF", "Stra" + kFffd},
+      {"Latin-1 after eight ASCII bytes", "Sensor 12\xFC", "Sensor 12" + kFffd},
+      {"two bytes across eight", "Temp 7 \xC3\xBC ok", ""},
       {"lone high surrogate", "a\xED\xA0\x80z", "a" + kFffd + kFffd + kFffd + "z"},
       {"lone low surrogate", "\xED\xBF\xBF", kFffd + kFffd + kFffd},
       {"overlong NUL", "\xC0\x80", kFffd + kFffd},
