@@ -129,13 +129,15 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
   for (pugi::xml_node event = ChildElement(events, "Event"); event;
        event = NextElement(event, "Event"))
     ++eventCount;
-  events_.reserve(eventCount);
+  size_t slots = 8;
+  while (slots < 2 * eventCount) slots *= 2;
+  table_.resize(slots);
   RecentIds langs;
   RecentIds names;
   size_t indexedEvents = 0;
   for (pugi::xml_node event = ChildElement(events, "Event"); event;
        event = NextElement(event, "Event")) {
-    if (chars_.size() > kMaxIndexedChars) {
+    if (records_.size() > kMaxIndexedChars) {
       EM_TRACE(1,
                "\nCLogMsgXmlFileImpl  : ## ERROR \"%s\" holds more text than is indexed; "
                "later events are not found",
@@ -143,48 +145,81 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
       break;
     }
     // The first Event of a code is the one searches find; later ones are never reached.
-    const auto entered = events_.try_emplace(LowerCase(Attribute(event, "ErrorCode")));
-    if (!entered.second) continue;
-    Event& indexed = entered.first->second;
-    indexed.firstMessages = static_cast<uint32_t>(messages_.size());
+    const std::string code = LowerCase(Attribute(event, "ErrorCode"));
+    const size_t hash = std::hash<std::string_view>()(code);
+    if (FindEvent(code, hash) >= 0) continue;
+    const size_t at = records_.size();
+    records_.resize(at + 8);
+    PutWord(at, static_cast<uint32_t>(code.size()));
+    records_ += code;
+    uint32_t messagesCount = 0;
     for (pugi::xml_node element = ChildElement(event, "Messages"); element;
          element = NextElement(element, "Messages")) {
-      Messages messages;
-      messages.lang = langs.Id(element.attribute("lang").value(), [this](const char* lang) {
+      const size_t messagesAt = records_.size();
+      records_.resize(messagesAt + 12);
+      PutWord(messagesAt, langs.Id(element.attribute("lang").value(), [this](const char* lang) {
         std::string name = lang;
         MakeValidUtf8(name);
         return Intern(langs_, LowerCase(std::move(name)));
-      });
-      messages.firstElement = static_cast<uint32_t>(elements_.size());
+      }));
+      uint32_t elementCount = 0;
       for (pugi::xml_node text = element.first_child(); text; text = text.next_sibling()) {
         if (text.type() != pugi::node_element) continue;
-        const uint32_t name =
-            names.Id(text.name(), [this](const char* tag) { return Intern(names_, tag); });
-        // Filled in place: a whole Element built on the stack and copied was read back
-        // before its parts were stored, a stall per element.
-        Element& added = elements_.emplace_back();
-        added.name = name;
-        added.text = AddData(text);
+        const size_t elementAt = records_.size();
+        records_.resize(elementAt + 8);
+        PutWord(elementAt,
+                names.Id(text.name(), [this](const char* tag) { return Intern(names_, tag); }));
+        PutWord(elementAt + 4, AddData(text));
+        ++elementCount;
       }
-      messages.elementCount = static_cast<uint32_t>(elements_.size()) - messages.firstElement;
-      messages_.push_back(messages);
-      ++indexed.messagesCount;
+      PutWord(messagesAt + 4, elementCount);
+      PutWord(messagesAt + 8, static_cast<uint32_t>(records_.size() - messagesAt - 12));
+      ++messagesCount;
     }
+    PutWord(at + 4, messagesCount);
+    AddEventSlot(hash, static_cast<uint32_t>(at));
     if (++indexedEvents == 1) ReserveLike(eventCount, sourceBytes);
   }
   // What the first event foretold may be well beyond what the rest held.
-  if (chars_.capacity() > chars_.size() + chars_.size() / 4) chars_.shrink_to_fit();
-  if (elements_.capacity() > elements_.size() + elements_.size() / 4) elements_.shrink_to_fit();
-  if (messages_.capacity() > messages_.size() + messages_.size() / 4) messages_.shrink_to_fit();
+  if (records_.capacity() > records_.size() + records_.size() / 4) records_.shrink_to_fit();
 }
 
 void CLogMsgXmlFileImpl::ReserveLike(size_t eventCount, size_t sourceBytes) {
   // Events of one file are alike: room for `eventCount` events like the first, and an
-  // eighth more, saves the copies of growing the arrays step by step.
+  // eighth more, saves the copies of growing the buffer step by step.
   const size_t events = eventCount + eventCount / 8;
-  chars_.reserve(std::min(chars_.size() * events, sourceBytes));
-  elements_.reserve(elements_.size() * events);
-  messages_.reserve(messages_.size() * events);
+  records_.reserve(std::min(records_.size() * events, sourceBytes));
+}
+
+uint32_t CLogMsgXmlFileImpl::Word(size_t at) const {
+  uint32_t value = 0;
+  std::memcpy(&value, records_.data() + at, sizeof(value));
+  return value;
+}
+
+void CLogMsgXmlFileImpl::PutWord(size_t at, uint32_t value) {
+  std::memcpy(&records_[at], &value, sizeof(value));
+}
+
+int64_t CLogMsgXmlFileImpl::FindEvent(std::string_view code, size_t hash) const {
+  if (table_.empty()) return -1;
+  const size_t mask = table_.size() - 1;
+  const uint32_t tag = static_cast<uint32_t>(hash >> 32);
+  for (size_t i = hash & mask;; i = (i + 1) & mask) {
+    const Slot& slot = table_[i];
+    if (slot.offset == 0) return -1;
+    if (slot.tag != tag) continue;
+    const size_t at = slot.offset - 1;
+    if (Word(at) == code.size() && records_.compare(at + 8, code.size(), code) == 0)
+      return static_cast<int64_t>(at);
+  }
+}
+
+void CLogMsgXmlFileImpl::AddEventSlot(size_t hash, uint32_t offset) {
+  const size_t mask = table_.size() - 1;
+  size_t i = hash & mask;
+  while (table_[i].offset != 0) i = (i + 1) & mask;
+  table_[i] = Slot{static_cast<uint32_t>(hash >> 32), offset + 1};
 }
 
 uint32_t CLogMsgXmlFileImpl::Intern(Ids& ids, std::string text) {
@@ -192,24 +227,22 @@ uint32_t CLogMsgXmlFileImpl::Intern(Ids& ids, std::string text) {
   return ids.emplace(std::move(text), next).first->second;
 }
 
-CLogMsgXmlFileImpl::Text CLogMsgXmlFileImpl::AddData(const pugi::xml_node& element) {
-  Text piece;
-  piece.offset = static_cast<uint32_t>(chars_.size());
-  chars_ += element.value();  // the leading text (CXmlDocument::kParseOptions)
+uint32_t CLogMsgXmlFileImpl::AddData(const pugi::xml_node& element) {
+  const size_t at = records_.size();
+  records_ += element.value();  // the leading text (CXmlDocument::kParseOptions)
   for (pugi::xml_node child = element.first_child(); child; child = child.next_sibling()) {
     const pugi::xml_node_type type = child.type();
-    if (type == pugi::node_pcdata || type == pugi::node_cdata) chars_ += child.value();
+    if (type == pugi::node_pcdata || type == pugi::node_cdata) records_ += child.value();
   }
-  piece.length = static_cast<uint32_t>(chars_.size() - piece.offset);
   // Handed out as valid UTF-8, as the document's cursor hands it out (GetData).
-  if (!IsValidUtf8(View(piece))) {
-    std::string text(View(piece));
+  const std::string_view added(records_.data() + at, records_.size() - at);
+  if (!IsValidUtf8(added)) {
+    std::string text(added);
     MakeValidUtf8(text);
-    chars_.resize(piece.offset);
-    chars_ += text;
-    piece.length = static_cast<uint32_t>(text.size());
+    records_.resize(at);
+    records_ += text;
   }
-  return piece;
+  return static_cast<uint32_t>(records_.size() - at);
 }
 
 std::string CLogMsgXmlFileImpl::SearchMessage(const std::string& errorCode, const char* key,
@@ -227,18 +260,29 @@ std::string_view CLogMsgXmlFileImpl::FindMessage(const std::string& errorCode, c
            errorCode.c_str(), key, lang, index);
   if (index < 0 || *key == '\0') return std::string_view();
 
-  const auto event = events_.find(LowerCase(errorCode));
-  if (event == events_.end()) return std::string_view();
+  const std::string code = LowerCase(errorCode);
+  const int64_t event = FindEvent(code, std::hash<std::string_view>()(code));
+  if (event < 0) return std::string_view();
   const auto langId = langs_.find(LowerCase(lang));
   const auto nameId = names_.find(key);
   if (langId == langs_.end() || nameId == names_.end()) return std::string_view();
-  const Messages* messages = &messages_[event->second.firstMessages];
-  for (uint32_t m = 0; m < event->second.messagesCount; ++m, ++messages) {
-    if (messages->lang != langId->second) continue;
-    const Element* element = &elements_[messages->firstElement];
+  size_t at = static_cast<size_t>(event);
+  const uint32_t messagesCount = Word(at + 4);
+  at += 8 + Word(at);
+  for (uint32_t m = 0; m < messagesCount; ++m) {
+    const uint32_t elementCount = Word(at + 4);
+    const size_t next = at + 12 + Word(at + 8);
+    if (Word(at) != langId->second) {
+      at = next;
+      continue;
+    }
+    at += 12;
     int count = 0;
-    for (uint32_t e = 0; e < messages->elementCount; ++e, ++element) {
-      if (element->name == nameId->second && count++ == index) return View(element->text);
+    for (uint32_t e = 0; e < elementCount; ++e) {
+      const uint32_t length = Word(at + 4);
+      if (Word(at) == nameId->second && count++ == index)
+        return std::string_view(records_.data() + at + 8, length);
+      at += 8 + length;
     }
     break;  // only the first Messages element of the language counts
   }

@@ -65,9 +65,9 @@ constexpr const char* kKeyResolution = "Resolution";
 // One loaded message file, kept as an index of its texts: the first Event of each error
 // code (lower-cased) with its Messages elements and their text elements in document order,
 // and the LanguageTable. The parsed document itself is dropped once the index is built.
-// An event's names and texts lie together in one buffer, so a lookup touches a few
-// neighbouring cache lines instead of walking the tree. Immutable once built; every const
-// member may be called from several threads at the same time.
+// An event's names and texts lie together in one buffer, found through one table slot, so
+// a lookup touches two or three neighbouring cache lines instead of walking the tree. Immutable
+// once built; every const member may be called from several threads at the same time.
 class CLogMsgXmlFileImpl {
  public:
   // Indexes `doc` (which must be loaded); `path` is the file it came from (empty for a
@@ -92,46 +92,43 @@ class CLogMsgXmlFileImpl {
   const std::string& Path() const { return path_; }
 
  private:
-  struct Text {  // a piece of chars_
-    uint32_t offset = 0;
-    uint32_t length = 0;
-  };
-  struct Element {      // a text element of a Messages element
-    uint32_t name = 0;  // in names_
-    Text text;
-  };
-  struct Messages {
-    uint32_t lang = 0;  // in langs_
-    uint32_t firstElement = 0;
-    uint32_t elementCount = 0;
-  };
-  struct Event {
-    uint32_t firstMessages = 0;
-    uint32_t messagesCount = 0;
-  };
   struct Language {
     std::string locale;
     std::string name;
+  };
+  // A slot of the open-addressed table of events: the high half of the code's hash and
+  // the event's offset in records_ plus 1 (0: an empty slot).
+  struct Slot {
+    uint32_t tag = 0;
+    uint32_t offset = 0;
   };
   // Gives each distinct string a number; an event's records then hold numbers, and a
   // search compares numbers instead of reading names from memory far away.
   using Ids = std::unordered_map<std::string, uint32_t>;
 
   static uint32_t Intern(Ids& ids, std::string text);
-  // Appends the element's own text (its text and CDATA children, joined) to chars_.
-  Text AddData(const pugi::xml_node& element);
-  // Makes room for `eventCount` events like those indexed so far, and for no more
-  // characters than `sourceBytes` ahead.
+  // Offset in records_ of the event of lower-cased `code`, or -1.
+  int64_t FindEvent(std::string_view code, size_t hash) const;
+  void AddEventSlot(size_t hash, uint32_t offset);
+  // Appends the element's own text (its text and CDATA children, joined) to records_;
+  // returns its length.
+  uint32_t AddData(const pugi::xml_node& element);
+  // Makes room for `eventCount` events like those indexed so far, and for no more bytes
+  // than `sourceBytes` ahead.
   void ReserveLike(size_t eventCount, size_t sourceBytes);
-  std::string_view View(Text text) const { return {chars_.data() + text.offset, text.length}; }
+  uint32_t Word(size_t at) const;
+  void PutWord(size_t at, uint32_t value);
 
   std::string path_;
-  std::string chars_;  // every text of the events, in document order
-  std::vector<Element> elements_;
-  std::vector<Messages> messages_;
-  std::unordered_map<std::string, Event> events_;  // by lower-cased code
-  Ids names_;                                      // element names, as written
-  Ids langs_;                                      // Messages languages, lower-cased
+  // Every first Event of a code, in document order, each in one piece so that a search
+  // reads a few neighbouring cache lines: its lower-cased code's length, its Messages
+  // count and the code; per Messages element its language, its element count and the
+  // bytes of its elements; per element its name, its text's length and the text. Every
+  // number is 32 bits (PutWord).
+  std::string records_;
+  std::vector<Slot> table_;  // a power of two long, at most half full
+  Ids names_;                // element names, as written
+  Ids langs_;                // Messages languages, lower-cased
   std::vector<Language> languages_;
 };
 
