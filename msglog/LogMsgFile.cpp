@@ -165,10 +165,10 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
       uint32_t elementCount = 0;
       for (pugi::xml_node text = element.first_child(); text; text = text.next_sibling()) {
         if (text.type() != pugi::node_element) continue;
+        const uint32_t header[2] = {
+            names.Id(text.name(), [this](const char* tag) { return Intern(names_, tag); }), 0};
         const size_t elementAt = records_.size();
-        records_.resize(elementAt + 8);
-        PutWord(elementAt,
-                names.Id(text.name(), [this](const char* tag) { return Intern(names_, tag); }));
+        records_.append(reinterpret_cast<const char*>(header), sizeof(header));
         PutWord(elementAt + 4, AddData(text));
         ++elementCount;
       }
