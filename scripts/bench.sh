@@ -13,14 +13,27 @@
 #   REPS=9 scripts/bench.sh     more rounds on a busy machine
 #   OUT=dir scripts/bench.sh    keeps each program's output of each round in dir (default:
 #                               a temporary directory, removed at the end)
+#   BIN=dir scripts/bench.sh    runs the programs built in dir instead of building them
+#                               (another tree's, for a before and after under one load);
+#                               rows of a program that dir lacks read "not measured"
 set -euo pipefail
 cd "$(dirname "$0")/.."
 reps=${REPS:-5}
 load_before=$(cut -d' ' -f1-3 /proc/loadavg)
 started=$(date +%s)
-cmake --preset bench >/dev/null
-cmake --build --preset bench --target oidmap_bench request_bench startup_bench msglog_bench \
-  log_collection_bench cache_memory_bench store_latency_bench >/dev/null
+bin=${BIN:-build/bench/bench}
+if [ -z "${BIN:-}" ]; then
+  cmake --preset bench >/dev/null
+  cmake --build --preset bench --target oidmap_bench request_bench startup_bench msglog_bench \
+    log_collection_bench cache_memory_bench store_latency_bench >/dev/null
+fi
+# Runs program $1 of $bin with the other arguments, its output into file $2; nothing when
+# the program is missing.
+run() {
+  local program=$1 file=$2
+  shift 2
+  if [ -x "$bin/$program" ]; then "$bin/$program" "$@" >"$file" 2>&1; else : >"$file"; fi
+}
 
 out=${OUT:-}
 if [ -z "$out" ]; then
@@ -28,16 +41,15 @@ if [ -z "$out" ]; then
   trap 'rm -rf "$out"' EXIT
 fi
 mkdir -p "$out"
-bin=build/bench/bench
 for ((round = 1; round <= reps; ++round)); do
   for b in oidmap_bench request_bench startup_bench msglog_bench log_collection_bench; do
-    "$bin/$b" --benchmark_enable_random_interleaving=true >"$out/$b.$round.txt" 2>&1
+    run "$b" "$out/$b.$round.txt" --benchmark_enable_random_interleaving=true
   done
 done
 # Allocator counters do not vary from run to run: one run. The store's latency is one
 # long run of its own.
-"$bin/cache_memory_bench" >"$out/cache_memory_bench.txt" 2>&1
-"$bin/store_latency_bench" >"$out/store_latency_bench.txt" 2>&1
+run cache_memory_bench "$out/cache_memory_bench.txt"
+run store_latency_bench "$out/store_latency_bench.txt"
 
 # One figure per round of program $1: the first word after the last colon of the first line
 # that contains the text $2.
@@ -104,7 +116,7 @@ row "trace site with level off / empty loop" "indistinguishable (<= 1.25)" \
 row "trace site with level off, beyond an empty loop (ns)" "under a clock cycle (<= 0.2 ns)" \
   "$(ratio oidmap_bench "trace site off, beyond an empty loop")" "x <= 0.2"
 memory=$out/cache_memory_bench.txt
-per_record=$(grep -m1 "/ (record + 16)" "$memory" | sed 's/.*: //')
+per_record=$(grep -m1 "/ (record + 16)" "$memory" | sed 's/.*: //' || true)
 row "bytes per cached entry / (record's own bytes + 16), unified" "<= 1.5" \
   "$(echo "$per_record" | sed 's/.*unified \([0-9.]*\).*/\1/' | stats)" "x <= 1.5"
 row "bytes per cached entry / (record's own bytes + 16), old-style" "<= 1.5" \
@@ -114,7 +126,7 @@ row "100 full caches, 200,000 entries (MiB)" "<= 64 MB (61.0 MiB)" \
 row "every cache filled by hostile peers to its ceiling (MiB resident)" "< 512 MB (488.3 MiB)" \
   "$(grep -m1 "worst case" "$memory" | sed 's/.*: \([0-9.]*\) MiB.*/\1/' | stats)" "x < 488.3"
 during=$(grep -m1 "page copy during" "$out/store_latency_bench.txt" |
-  sed 's/.*longest \([0-9.]*\) ms, 99th percentile \([0-9.]*\) ms.*idle \([0-9.]*\) ms.*/\1 (99th percentile \2, idle \3)/')
+  sed 's/.*longest \([0-9.]*\) ms, 99th percentile \([0-9.]*\) ms.*idle \([0-9.]*\) ms.*/\1 (99th percentile \2, idle \3)/' || true)
 printf '| page copy during a 10 MB store with tracing, longest (ms) | measured | %s | - | - |\n' \
   "${during:-not measured}"
 printf '| bytes per cached entry | measured | %s | - | - |\n' \
