@@ -66,6 +66,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     strings[static_cast<int32_t>(n)] = format.substr(start, end - start);
     start = end == std::string::npos ? size : end + 1;
   }
-  CLogMsgDecoder::FillTextArguments(format, strings);
+  MsgLogEntry entry;
+  entry.SetArguments(strings);
+  CLogMsgDecoder::FillTextArguments(format, entry);
   return 0;
 }
