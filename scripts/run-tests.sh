@@ -112,10 +112,10 @@ run_in_two_shards() {
   return "$status"
 }
 
-# Every parser of outside data and both message handlers under the fuzzer, 20 s each, on
-# scratch copies of their seed corpora.
+# Every parser of outside data and both message handlers under the fuzzer, 10 s each, on
+# scratch copies of their seed corpora (longer runs: fuzz/run-all SECONDS).
 stage_fuzz() {
-  bash fuzz/run-all 20
+  bash fuzz/run-all 10
 }
 
 # The benchmarks must keep building and running (a short run; figures come from full runs).
