@@ -145,22 +145,6 @@ TEST_F(RequestE2ETest, ObjectIdsOfEveryKind_ReachTheirOwner) {
   }
 }
 
-TEST_F(RequestE2ETest, CountRequest_AnsweredWithTheTotalInEightBits) {
-  for (const auto& [a, b, answer] : std::vector<std::array<uint32_t, 3>>{{3, 2, 5}, {200, 56, 0}}) {
-    hostsim::SimHost host;
-    host.AddModule(kMidA).SetInstanceCount(kFanCount, 0, 0, a);
-    host.AddModule(kMidB).SetInstanceCount(kFanCount, 0, 0, b);
-    StartOn(host);
-    SipJson request(kFanCount, 0, 0, 0);
-    EXPECT_EQ(1u, Send(request));
-    uint32_t total = 99;
-    EXPECT_TRUE(request.GetDataValue(0, total));
-    EXPECT_EQ(answer, total) << a + b << " fans";
-    EXPECT_EQ(0x00u, request.GetStatus(0));
-    Destroy();
-  }
-}
-
 // Configuration reads merged by the value's rule; writes and declines, with the result the
 // host gets and the status the client gets.
 TEST_F(RequestE2ETest, Broadcasts_MergedResultAndStatus) {
