@@ -242,7 +242,8 @@ TEST_F(LogQueryE2ETest, CacheWaitKnob_OnlyAPositiveNumberChangesTheWait) {
       {"3000", "(Timeout: 3)", false}, {"", "(Timeout: 120)", false},
       {"abc", "(Timeout: 120)", true}, {"0", "(Timeout: 120)", true},
       {"-5", "(Timeout: 120)", true},  {"12x", "(Timeout: 120)", true},
-      {"99999999999", "(Timeout: 120)", true},
+      {"99999999999", "(Timeout: 120)", true}, {"4294967296", "(Timeout: 120)", true},
+      {"4294967295", "(Timeout: 4294967)", false},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.value);

@@ -193,6 +193,10 @@ TEST_F(RequestE2ETest, Broadcasts_MergedResultAndStatus) {
        "\nEM_OIDMAP (MMR)     : write to ALL modules"},
       {0x0310, 0, {{kTimeOut, ""}, {0x01, ""}}, 1, 0x0F, std::nullopt, 0, true, nullptr},
       {0x0310, 0, {{0x01, ""}, {0x01, ""}}, 1, 0x01, std::nullopt, 0, true, nullptr},
+      // A log clear: done when any module did it, and the client's data dropped; else
+      // 0x13 with the client's data as it was.
+      {0x0B03, 0, {{0x01, ""}, {0x00, "1"}}, 1, 0x00, std::nullopt, 0, true, nullptr},
+      {0x0B03, 0, {{0x01, ""}, {0x01, ""}}, 1, 0x13, 7, 8, true, nullptr},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "case " << &c - cases);
