@@ -75,11 +75,15 @@ stage_sanitizer() {
   available=$(cmake --build --preset "$preset" --target help)
   local targets=()
   for t in "${SANITIZED_SUITES[@]}"; do
-    if grep -q -x "\.\.\. $t" <<<"$available"; then
+    # Ninja lists "name: phony", Makefiles "... name".
+    if grep -q -E "^(\.\.\. )?$t(: .*)?\$" <<<"$available"; then
       targets+=("$t")
     fi
   done
-  [ ${#targets[@]} -eq 0 ] && return
+  if [ ${#targets[@]} -eq 0 ]; then
+    echo "no suite of SANITIZED_SUITES found in the $preset tree"
+    return 1
+  fi
   cmake --build --preset "$preset" --target "${targets[@]}"
   for t in "${targets[@]}"; do
     exe=$(find "build/$preset/tests" -type f -name "$t" -perm -u+x | head -n 1)
