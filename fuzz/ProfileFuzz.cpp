@@ -10,8 +10,8 @@
 #include <vector>
 
 #include "fuzz/FuzzTempDir.h"
-#include "trace/DebugClient.h"
 #include "platform/Profile.h"
+#include "trace/DebugClient.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
 
@@ -87,6 +87,33 @@ bool HasNoIndentedLine(const uint8_t* data, size_t size) {
   return true;
 }
 
+// The rest of the input as a value: refused when it holds a line feed (it would read back
+// as two lines); then numbers written and read back, and the section copied to a second
+// file, whose lists keep their bounds.
+void CheckNumbersAndCopy(const std::string& section, const std::string& key, const uint8_t* data,
+                         size_t size, size_t at, const std::string& path) {
+  const std::string value(reinterpret_cast<const char*>(data) + at,
+                          strnlen(reinterpret_cast<const char*>(data) + at, size - at));
+  const bool written =
+      WritePrivateProfileString(section.c_str(), key.c_str(), value.c_str(), path.c_str());
+  if (value.find('\n') != std::string::npos) Check(!written);
+  Check(!WritePrivateProfileString(nullptr, key.c_str(), "v", path.c_str()));
+  Check(!WritePrivateProfileString(section.c_str(), key.c_str(), "v", nullptr));
+
+  const bool plain = IsPlainName(section) && IsPlainName(key) && HasNoIndentedLine(data, size);
+  const int32_t number = static_cast<int32_t>(size) - 1000;
+  if (WritePrivateProfileInt(section.c_str(), key.c_str(), number, path.c_str()) && plain) {
+    Check(GetPrivateProfileInt(section.c_str(), key.c_str(), 7, path.c_str()) == number);
+  }
+  WritePrivateProfileUInt(section.c_str(), "count", static_cast<uint32_t>(size), path.c_str());
+  GetPrivateProfileInt(section.c_str(), "missing", 7, path.c_str());
+
+  const std::string copy = fuzz::TempDir("profile") + "/copy.ini";
+  fuzz::WriteFile(copy, data, 0);
+  CopyPrivateProfileSection(path.c_str(), section.c_str(), copy.c_str(), "copied");
+  ReadAllSizes("copied", nullptr, copy);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
@@ -110,5 +137,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     WritePrivateProfileString(section.c_str(), key.c_str(), nullptr, path.c_str());
     ReadAllSizes(section.c_str(), nullptr, path);
   }
+  CheckNumbersAndCopy(section, key, data, size, at, path);
   return 0;
 }

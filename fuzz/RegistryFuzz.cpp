@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "fuzz/FuzzTempDir.h"
-#include "trace/DebugClient.h"
 #include "platform/Registry.h"
+#include "trace/DebugClient.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
 
@@ -51,8 +51,7 @@ void QueryAll(CRegistry& registry, HKEY key, const std::string& name) {
   if (type == REG_DWORD) Check(needed == 4);
 }
 
-void Walk(CRegistry& registry, HKEY key, const std::shared_ptr<CRegistryNode>& node,
-          int* opened) {
+void Walk(CRegistry& registry, HKEY key, const std::shared_ptr<CRegistryNode>& node, int* opened) {
   for (const std::string& name : node->ValueNames()) QueryAll(registry, key, name);
   for (const std::string& name : node->KeyNames()) {
     if (++*opened > kMaxOpenedKeys) return;
@@ -86,6 +85,23 @@ void AddFromInput(CRegistry& registry, const uint8_t* data, size_t size) {
                     static_cast<uint32_t>(text.size()));
   registry.SetValue(key, path.c_str(), REG_BINARY, data, static_cast<uint32_t>(tail));
   registry.CloseKey(key);
+
+  // What was set reads back as a string, and what is deleted is gone.
+  std::string read;
+  if (registry.GetString(HKEY_LOCAL_MACHINE, path.c_str(), text.c_str(), &read)) {
+    Check(read == text.substr(0, text.find('\0')));
+  }
+  if (registry.OpenKey(HKEY_LOCAL_MACHINE, path.c_str(), &key) == ERROR_SUCCESS) {
+    if (registry.DeleteValue(key, path.c_str()) == ERROR_SUCCESS) {
+      uint32_t count = 0;
+      Check(registry.QueryValue(key, path.c_str(), nullptr, nullptr, &count) ==
+            ERROR_FILE_NOT_FOUND);
+    }
+    registry.CloseKey(key);
+  }
+  const LSTATUS deleted = registry.DeleteKey(HKEY_LOCAL_MACHINE, path.c_str());
+  if (deleted == ERROR_SUCCESS)
+    Check(!registry.GetString(HKEY_LOCAL_MACHINE, path.c_str(), text.c_str(), &read));
 }
 
 }  // namespace

@@ -116,6 +116,28 @@ inline bool WaitForTrace(const std::string& text, size_t n, int seconds = 30) {
 
 constexpr uint32_t kMidA = 0x00010001;
 constexpr uint32_t kMidB = 0x00020001;
+constexpr const char* kReadySet = "Ready event SET for message log cache cabinet";
+
+// A log event of a lower module carrying `records`.
+inline SipJson LogEvent(uint32_t oc, const std::vector<uint8_t>& records, uint32_t ca = 0) {
+  SipJson event(oc, 0, 0, ca);
+  event.SetRawData(records, 0xFF);
+  return event;
+}
+
+// The sequence numbers of the CM_LogMessageEvent messages handed up, in order.
+inline std::vector<uint32_t> FiredSequenceNumbers(const hostsim::SimHost& host) {
+  std::vector<uint32_t> numbers;
+  for (const auto& handed : host.HandedBackMessages()) {
+    const SipJson& msg = handed.message;
+    uint32_t value = 0;
+    if (msg.GetOpcode(msg.CurrentIndex()) == 0x0B11 &&
+        msg.GetDataValue(msg.CurrentIndex(), value)) {
+      numbers.push_back(value);
+    }
+  }
+  return numbers;
+}
 
 // A host with simulated modules; the module is created, started and deleted as a host
 // does it.
@@ -150,6 +172,13 @@ class ModuleHostTest : public ::testing::Test {
   void StartWithCabinets(uint32_t server, const std::vector<uint32_t>& se, bool enumOk = true) {
     host_.SetSeCabinets(se, enumOk);
     StartOn(host_, server);
+  }
+
+  // Re-scans and waits up to `seconds` until the scan has made a cache ready.
+  void RescanAndWait(int seconds = 30) {
+    const size_t before = hostsim::Sink().Count(kReadySet);
+    module_->Rescan();
+    ASSERT_TRUE(WaitForTrace(kReadySet, before + 1, seconds));
   }
 
   hostsim::SimHost host_;

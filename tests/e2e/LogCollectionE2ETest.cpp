@@ -22,37 +22,13 @@ using hostsim::OldStyle;
 using hostsim::Sink;
 using hostsim::Unified;
 
-constexpr const char* kReadySet = "Ready event SET for message log cache cabinet";
+using e2e::LogEvent;
+using e2e::kReadySet;
 
 class LogCollectionE2ETest : public e2e::ModuleHostTest {
  protected:
-  // Re-scan queues a message log scan of the one cabinet; waits until it set the ready event.
-  void RescanAndWait() {
-    const size_t before = Sink().Count(kReadySet);
-    module_->Rescan();
-    ASSERT_TRUE(e2e::WaitForTrace(kReadySet, before + 1));
-  }
-
   size_t SentWithOpcode(uint32_t oc) const { return e2e::SentWithOpcode(host_, oc); }
-
-  // The CM_LogMessageEvent messages handed up, by their sequence numbers.
-  std::vector<uint32_t> FiredSequenceNumbers() const {
-    std::vector<uint32_t> numbers;
-    for (const auto& handed : host_.HandedBackMessages()) {
-      const SipJson& msg = handed.message;
-      uint32_t value = 0;
-      if (msg.GetOpcode(msg.CurrentIndex()) == 0x0B11 && msg.GetDataValue(msg.CurrentIndex(), value)) {
-        numbers.push_back(value);
-      }
-    }
-    return numbers;
-  }
-
-  static SipJson LogEvent(uint32_t oc, const std::vector<uint8_t>& records) {
-    SipJson event(oc, 0, 0, 0);
-    event.SetRawData(records, 0xFF);
-    return event;
-  }
+  std::vector<uint32_t> FiredSequenceNumbers() const { return e2e::FiredSequenceNumbers(host_); }
 };
 
 TEST_F(LogCollectionE2ETest, OldStyleRecords_CssAndDesignationAskedOncePerKey) {

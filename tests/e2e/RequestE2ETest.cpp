@@ -145,22 +145,6 @@ TEST_F(RequestE2ETest, ObjectIdsOfEveryKind_ReachTheirOwner) {
   }
 }
 
-TEST_F(RequestE2ETest, CountRequest_AnsweredWithTheTotalInEightBits) {
-  for (const auto& [a, b, answer] : std::vector<std::array<uint32_t, 3>>{{3, 2, 5}, {200, 56, 0}}) {
-    hostsim::SimHost host;
-    host.AddModule(kMidA).SetInstanceCount(kFanCount, 0, 0, a);
-    host.AddModule(kMidB).SetInstanceCount(kFanCount, 0, 0, b);
-    StartOn(host);
-    SipJson request(kFanCount, 0, 0, 0);
-    EXPECT_EQ(1u, Send(request));
-    uint32_t total = 99;
-    EXPECT_TRUE(request.GetDataValue(0, total));
-    EXPECT_EQ(answer, total) << a + b << " fans";
-    EXPECT_EQ(0x00u, request.GetStatus(0));
-    Destroy();
-  }
-}
-
 // Configuration reads merged by the value's rule; writes and declines, with the result the
 // host gets and the status the client gets.
 TEST_F(RequestE2ETest, Broadcasts_MergedResultAndStatus) {
@@ -209,6 +193,10 @@ TEST_F(RequestE2ETest, Broadcasts_MergedResultAndStatus) {
        "\nEM_OIDMAP (MMR)     : write to ALL modules"},
       {0x0310, 0, {{kTimeOut, ""}, {0x01, ""}}, 1, 0x0F, std::nullopt, 0, true, nullptr},
       {0x0310, 0, {{0x01, ""}, {0x01, ""}}, 1, 0x01, std::nullopt, 0, true, nullptr},
+      // A log clear: done when any module did it, and the client's data dropped; else
+      // 0x13 with the client's data as it was.
+      {0x0B03, 0, {{0x01, ""}, {0x00, "1"}}, 1, 0x00, std::nullopt, 0, true, nullptr},
+      {0x0B03, 0, {{0x01, ""}, {0x01, ""}}, 1, 0x13, 7, 8, true, nullptr},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(testing::Message() << "case " << &c - cases);

@@ -59,6 +59,10 @@ TEST_F(ExtensionModuleTest, Sends_Status6WithoutHost_ThenThroughTheHost) {
   module.SendToAllModules(broadcast, 5000);
   module.AlternateSend(alternate);
   for (const SipJson* m : {&msg, &broadcast, &alternate}) EXPECT_EQ(0x06u, m->GetStatus(0));
+  SipJson unhanded(0x0B11, 0, 0, 0);  // a hand-back without a host changes nothing
+  unhanded.SetStatus(0x00);
+  module.HandBack(unhanded);
+  EXPECT_EQ(0x00u, unhanded.GetStatus(0));
   EXPECT_EQ(0xFFFFFFFFu, broadcast.GetKey(0, "MI"));
 
   hostsim::SimHost host;

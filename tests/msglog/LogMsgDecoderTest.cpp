@@ -103,21 +103,13 @@ TEST(LogMsgDecoderTest, FormatStringsFromTheSampleFiles) {
 
   const Record slowFan = ArgsRecord(0x04, 0x02, 1, 3, {1200, 1500});
   const Record fanFailed = ArgsRecord(0x04, 0x01, 1, 3, {900});
-  const std::string english = "Fan FAN3 is running too slowly: 1200 RPM, lower limit 1500 RPM.";
-  EXPECT_EQ(english, Decode(unified, slowFan, false, false, "FAN3"));
-  EXPECT_EQ(english, Decode(old, slowFan, false, false, "FAN3"));
+  // Whole texts in every language, missing and unset arguments and two-digit argument
+  // numbers are emhost's golden decode output; here what the tool does not show.
   EXPECT_EQ("[040002] Fan FAN3 too slow", Decode(unified, slowFan, true, true, "FAN3"));
   // The old-style file is ISO-8859-1; its texts come out as UTF-8.
   EXPECT_EQ("Lüfter FAN3 ausgefallen",
             Decode(old, fanFailed, false, true, "FAN3", "DE"));
   EXPECT_EQ("ERROR 0x040002 (0x3, 0x4B0, 0x5DC)", Decode(unified, slowFan, false, false, "", "it"));
-  EXPECT_EQ("Fan FAN3 is running too slowly: <not set> RPM, lower limit <not set> RPM.",
-            Decode(unified, ArgsRecord(0x04, 0x02, 0xCCCC, 0xCCCC, {1, 2}), false, false, "FAN3"));
-  // Eleven per-rank counts (two-digit argument numbers), then the record cut after six.
-  EXPECT_EQ("Memory module DIMM-A1 error counts per rank: 10, 20, 30, 40, 50, 60, <?7>, <?8>, "
-            "<?9>, <?10>, <?11>.",
-            Decode(unified, ArgsRecord(0x0C, 0x05, 1, 4, {10, 20, 30, 40, 50, 60}, 12), false,
-                   false, "DIMM-A1"));
   EXPECT_EQ("Fan FAN3 failed (speed 900 RPM).",  // no language: English
             Decode(old, fanFailed, false, false, "FAN3", nullptr));
 }

@@ -49,6 +49,15 @@ TEST(MsgTextCacheTest, LookupsByKindCodeAndLanguage) {
     EXPECT_EQ(c.result, cache.FindParagraph(c.kind, c.code, 0x409, c.number, &paragraph));
     EXPECT_EQ(c.text, paragraph);
   }
+
+  // A key stored again holds the new text, counted once.
+  const size_t bytes = cache.Bytes();
+  ASSERT_TRUE(cache.PutText(MsgTextKind::kLongText, 0x040001, 0x409, "Fan failed again"));
+  EXPECT_TRUE(cache.FindText(MsgTextKind::kLongText, 0x040001, 0x409, &text));
+  EXPECT_EQ("Fan failed again", text);
+  EXPECT_EQ(bytes - CMsgTextCache::TextBytes({"Fan failed"}) +
+                CMsgTextCache::TextBytes({"Fan failed again"}),
+            cache.Bytes());
 }
 
 // Clients choose the keys: the cache keeps its newest texts within its ceiling.
