@@ -35,6 +35,7 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <cctype>
 #include <cinttypes>
 #include <cstdio>
 #include <cstdlib>
@@ -85,6 +86,8 @@ struct Options {
   std::string module = EM_OIDMAP_SO;
   std::string msgfiles = EM_SAMPLE_MSGFILES_DIR;
   std::string traceLevel = "3";
+  bool maps = false;  // print the mappings whose resident size changed after the warm-up
+  bool dynamicMmapThreshold = false;  // leave glibc's threshold moving, as by default
 };
 
 // ---- The process, as /proc shows it ----------------------------------------------------------
@@ -112,6 +115,29 @@ double ResidentMib() {
 double HeapInUseMib() {
   const struct mallinfo2 info = mallinfo2();
   return static_cast<double>(info.uordblks + info.hblkhd) / (1024.0 * 1024.0);
+}
+
+// Malloc's arenas as the system sees them (all arenas, free chunks included).
+double ArenasMib() {
+  const struct mallinfo2 info = mallinfo2();
+  return static_cast<double>(info.arena + info.hblkhd) / (1024.0 * 1024.0);
+}
+
+// Resident KiB of each mapping, keyed by its start address, permissions and name (a thread
+// arena's mapping keeps its start as it grows).
+std::map<std::string, long> ResidentMappings() {
+  std::map<std::string, long> out;
+  std::ifstream smaps("/proc/self/smaps");
+  std::string line, key;
+  while (std::getline(smaps, line)) {
+    const std::string first = line.substr(0, line.find(' '));
+    if (first.find('-') != std::string::npos && first.find(':') == std::string::npos) {
+      key = first.substr(0, first.find('-')) + line.substr(first.size());
+    } else if (line.rfind("Rss:", 0) == 0) {
+      out[key] = std::strtol(line.c_str() + 4, nullptr, 10);
+    }
+  }
+  return out;
 }
 
 // ---- Host calls, timed against what they may wait for -----------------------------------------
@@ -156,7 +182,7 @@ class Soak {
   void PrintSamples(double warmupEnd) const;
 
   struct Sample {
-    double seconds, rssMib, heapMib;
+    double seconds, rssMib, heapMib, arenasMib;
     size_t threads, files;
     uint64_t calls;
   };
@@ -566,6 +592,7 @@ int Soak::Run() {
   if (!CreateAndStart()) return 2;
 
   const Clock::time_point begin = Clock::now();
+  std::map<std::string, long> mapsAtWarmup, mapsAtEnd;
   std::vector<std::thread> threads;
   for (int t = 0; t < options_.threads; ++t) threads.emplace_back([this, t] { Driver(t); });
   threads.emplace_back([this] { Control(); });
@@ -577,13 +604,16 @@ int Soak::Run() {
     // Free pages that malloc keeps for reuse go back first: what stays resident is what the
     // process holds, and the spread its arenas leave, not the high-water mark of a moment.
     malloc_trim(0);
-    const Sample sample{next, ResidentMib(), HeapInUseMib(), CountEntries("/proc/self/task"),
-                        CountEntries("/proc/self/fd"), calls_.load()};
+    const Sample sample{next, ResidentMib(), HeapInUseMib(), ArenasMib(),
+                        CountEntries("/proc/self/task"), CountEntries("/proc/self/fd"),
+                        calls_.load()};
     samples_.push_back(sample);
-    std::printf("sample %6.0f s: RSS %6.1f MiB, heap %6.1f MiB, %zu threads, %zu open files, %" PRIu64
-                " host calls\n",
-                sample.seconds, sample.rssMib, sample.heapMib, sample.threads, sample.files,
-                sample.calls);
+    if (options_.maps && next > warmup && mapsAtWarmup.empty()) mapsAtWarmup = ResidentMappings();
+    if (options_.maps && next + every > total + 1e-9) mapsAtEnd = ResidentMappings();
+    std::printf("sample %6.0f s: RSS %6.1f MiB, heap %6.1f MiB (arenas %.1f), %zu threads, "
+                "%zu open files, %" PRIu64 " host calls\n",
+                sample.seconds, sample.rssMib, sample.heapMib, sample.arenasMib, sample.threads,
+                sample.files, sample.calls);
     std::fflush(stdout);
   }
   stop_ = true;
@@ -596,6 +626,22 @@ int Soak::Run() {
   }
 
   PrintSamples(warmup);
+  if (options_.maps) {
+    std::printf("\nmappings whose resident size changed by 256 KiB or more after the warm-up:\n");
+    for (const auto& [name, kib] : mapsAtEnd) {
+      const auto was = mapsAtWarmup.find(name);
+      const long before = was == mapsAtWarmup.end() ? 0 : was->second;
+      if (std::labs(kib - before) >= 256) {
+        std::printf("%8ld -> %8ld KiB  %s\n", before, kib, name.c_str());
+      }
+    }
+    for (const auto& [name, kib] : mapsAtWarmup) {
+      if (mapsAtEnd.count(name) == 0 && kib >= 256) {
+        std::printf("%8ld -> gone      %s\n", kib, name.c_str());
+      }
+    }
+    malloc_info(0, stderr);
+  }
   // Memory, threads and files after the warm-up against the most the warm-up reached (a
   // module's life at full caches; modules come and go, so memory rises and falls).
   struct Peaks {
@@ -694,6 +740,10 @@ bool ParseOptions(int argc, char** argv, Options& o) {
     if (arg == "--rescan-seconds" && number(o.rescanSeconds)) continue;
     if (arg == "--restart-seconds" && number(o.restartSeconds)) continue;
     if (arg == "--margin-mib" && number(o.marginMib)) continue;
+    if (arg == "--maps" || arg == "--dynamic-mmap-threshold") {
+      (arg == "--maps" ? o.maps : o.dynamicMmapThreshold) = true;
+      continue;
+    }
     if (arg == "--threads" && number(n) && n >= 1) {
       o.threads = static_cast<int>(n);
       continue;
@@ -715,7 +765,7 @@ bool ParseOptions(int argc, char** argv, Options& o) {
                  "usage: em_soak [--minutes M] [--threads N] [--sample-seconds S] "
                  "[--warmup-seconds S] [--rescan-seconds S] [--restart-seconds S] "
                  "[--margin-mib M] [--slack-ms MS] [--pause-us US] [--trace-level L] "
-                 "[--module PATH] [--msgfiles DIR]\n");
+                 "[--module PATH] [--msgfiles DIR] [--maps] [--dynamic-mmap-threshold]\n");
     return false;
   }
   return true;
@@ -727,5 +777,13 @@ bool ParseOptions(int argc, char** argv, Options& o) {
 int main(int argc, char** argv) {
   em_oidmap::soak::Options options;
   if (!em_oidmap::soak::ParseOptions(argc, argv, options)) return 2;
+  // By default glibc raises its mmap threshold to the size of every large block it mapped
+  // and got back (up to 32 MiB) and its trim threshold to twice that; a thread arena then
+  // keeps free memory at its top up to that size resident, and malloc_trim leaves the tops of
+  // thread arenas alone. Resident memory would climb with the largest block ever freed, by
+  // the MiB per arena, while the heap in use stays flat. A fixed threshold (glibc's default
+  // value) keeps large blocks mapped on their own and returned at once, so what stays
+  // resident after a trim is what the process holds, plus fragmentation.
+  if (!options.dynamicMmapThreshold) mallopt(M_MMAP_THRESHOLD, 128 * 1024);
   return em_oidmap::soak::Soak(options).Run();
 }
