@@ -17,8 +17,7 @@ bool IsText(const pugi::xml_node& node) {
 
 bool CXmlDocument::Load(const std::string& path) {
   auto doc = std::make_shared<pugi::xml_document>();
-  pugi::xml_parse_result result =
-      doc->load_file(path.c_str(), kParseOptions, pugi::encoding_auto);
+  pugi::xml_parse_result result = doc->load_file(path.c_str(), kParseOptions, pugi::encoding_auto);
   return Finish(result, std::move(doc), path.c_str());
 }
 
