@@ -54,6 +54,15 @@ class MsgLogEntry {
   uint32_t OrderValue = 0;      // merge order; 0 = none
   uint32_t SequenceNumber = 0;  // 0 until stored
   int32_t RecordId = -1;        // record number at the source; -1 = none
+
+ private:
+  // The packed buffer comes here, at an offset a pointer is aligned to: a heap block's
+  // address stored unaligned would be invisible to leak checkers, which scan memory for
+  // aligned pointers only.
+  static constexpr size_t kInlineBytes = 20;
+  alignas(void*) uint8_t bytes_[kInlineBytes] = {};  // inline: the buffer; heap: pointer, size
+
+ public:
   uint8_t AuxByte = 0;
   uint8_t OldStyle = 0;  // 1: decode RawRecord; 0: unified
   uint8_t CodeBits = 0;
@@ -100,7 +109,6 @@ class MsgLogEntry {
   // The packed buffer: the record's bytes alone when there are no arguments; else the
   // record's length (a varint), the record, then per argument its number (zig-zag varint),
   // its length (varint) and its bytes.
-  static constexpr size_t kInlineBytes = 20;
   static constexpr uint8_t kOnHeap = 0x80;
   static constexpr uint8_t kHasArguments = 0x40;
   static constexpr uint8_t kInlineSizeMask = 0x1F;
@@ -126,8 +134,7 @@ class MsgLogEntry {
   // Makes room for `size` packed bytes (what was there is gone) and returns it.
   uint8_t* Reserve(size_t size);
 
-  uint8_t bytes_[kInlineBytes] = {};  // inline: the buffer; heap: pointer and size
-  uint8_t tag_ = 0;                   // kOnHeap, kHasArguments, inline size
+  uint8_t tag_ = 0;  // kOnHeap, kHasArguments, inline size
 };
 
 }  // namespace em_oidmap
