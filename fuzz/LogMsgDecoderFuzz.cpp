@@ -10,11 +10,12 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/FuzzHarness.h"
 #include "hostsim/DebugSink.h"
 #include "msglog/LogMsgDecoder.h"
-#include "trace/DebugClient.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
+using fuzz::Check;
 
 namespace {
 

@@ -10,19 +10,16 @@
 #include <cstdint>
 #include <vector>
 
-#include "trace/DebugClient.h"
+#include "fuzz/FuzzHarness.h"
 #include "msglog/LogRecords.h"
 #include "msglog/MsgLogCache.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
+using fuzz::Check;
 
 namespace {
 
 constexpr size_t kMaxReplies = 8;
-
-void Check(bool ok) {
-  if (!ok) __builtin_trap();
-}
 
 std::vector<MsgLogEntry> ParseReply(const uint8_t* data, size_t size, bool unified,
                                     uint32_t mid) {
@@ -49,8 +46,7 @@ std::vector<MsgLogEntry> ParseReply(const uint8_t* data, size_t size, bool unifi
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = (TraceClient().SetTraceLevel(0), true);
-  (void)quiet;
+  fuzz::Quiet();
   if (size == 0) return 0;
   const uint8_t forms = data[0];
   size_t at = 1;

@@ -2,7 +2,7 @@
 // simulated host that answers every request at once, built once per process.
 //   mapped: the demo scenario (two modules counting the same kind, three cabinets), so
 //           mapping is needed and every cabinet translates;
-//   single: one lower module, so mapping is not needed.
+//   single: one lower module (fuzz/single-module.json), so mapping is not needed.
 // Both have scanned their logs before the first input, so every listed cabinet's cache is
 // ready, and queries of other cabinets give up after 1 ms. Tracing is on at the highest
 // level, so every trace site formats its arguments. The hosts' send and hand-back throw for
@@ -20,44 +20,14 @@
 #include <thread>
 #include <vector>
 
+#include "fuzz/FuzzHarness.h"
 #include "hostsim/DebugSink.h"
 #include "hostsim/Scenario.h"
 #include "hostsim/SimHost.h"
-#include "trace/DebugClient.h"
 #include "oidmap/OidMapExtModule.h"
 #include "runtime/Event.h"
 
-namespace em_oidmap {
-
-namespace fuzzhost {
-
-inline void Check(bool ok) {
-  if (!ok) __builtin_trap();
-}
-
-constexpr const char* kSingleModule = R"({
-  "serverCabinet": 0,
-  "modules": [ {
-    "mid": "0x00030001",
-    "counts": [ { "oc": "0x0300", "ca": 0, "count": 4 } ],
-    "config": [ { "oe": "0x211", "da": "the help desk" }, { "oe": "0x32", "da": "no number" } ],
-    "rules": [
-      { "oc": "0x0B20", "da": { "RAW": [9, 4] } },
-      { "oc": "0x0B19", "da": { "RAW": [1, 2, 3] } },
-      { "oc": "0x0B21", "da": "a long text" },
-      { "oc": "0x0B23", "da": "a summary" },
-      { "oc": "0x0B1A", "da": ["cause one", "cause two"] },
-      { "oc": "0x0B17", "da": ["call %HD%"] },
-      { "oc": "0x0301", "da": { "Name": "FAN", "Speed": 4000 } },
-      { "oc": "0x0B03", "st": 0 }
-    ],
-    "messageLog": [
-      { "code": "0x040005", "order": 100, "recordId": 1, "strings": ["1", "2"] },
-      { "code": "0x0A0001", "order": 120, "recordId": 2, "css": true }
-    ],
-    "errorLog": [ { "code": "0x0401", "cabinet": 0, "oid": 1, "order": 110, "args": [7] } ]
-  } ]
-})";
+namespace em_oidmap::fuzz {
 
 constexpr uint32_t kThrowingCi = 0xE0E0;
 
@@ -88,9 +58,13 @@ struct Instance {
   CEvent drained;
 };
 
-// Starts a module on a host set up from the scenario, with `seCounts` more instances of the
-// fans per module in every SE cabinet, and lets the re-scan fill every cabinet's cache.
-inline Instance* Make(const hostsim::Scenario& scenario, uint32_t seCounts) {
+// Starts a module on a host set up from the scenario file, with `seCounts` more instances
+// of the fans per module in every SE cabinet, and lets the re-scan fill every cabinet's
+// cache.
+inline Instance* Make(const char* path, uint32_t seCounts) {
+  hostsim::Scenario scenario;
+  std::string error;
+  Check(scenario.Load(path, error));
   auto* in = new Instance;  // never destroyed: the worker may outlive any exit order
   scenario.ApplyTo(in->host);
   for (const auto& module : scenario.modules) {
@@ -108,19 +82,13 @@ inline Instance* Make(const hostsim::Scenario& scenario, uint32_t seCounts) {
   return in;
 }
 
-inline Instance* MakeFromText(const char* text, uint32_t seCounts) {
-  hostsim::Scenario scenario;
-  std::string error;
-  Check(text == nullptr ? scenario.Load(EM_SAMPLE_SCENARIO, error) : scenario.Parse(text, error));
-  return Make(scenario, seCounts);
-}
-
-// Instance by bit 0 of a selector byte: 0 mapped, 1 single.
-inline Instance& Pick(uint8_t selector) {
+// The message after a selector byte, and the instance that bit 0 of the selector picks (0
+// mapped, 1 single); false when the rest does not parse.
+inline bool Pick(const uint8_t* data, size_t size, SipJson& msg, Instance** picked) {
   static Instance* const* const instances = [] {
     setenv("EM_OIDMAP_CACHE_WAIT_MS", "1", 1);  // read when a module is created
     TraceClient().SetTraceLevel(5);
-    static Instance* made[2] = {MakeFromText(nullptr, 2), MakeFromText(kSingleModule, 0)};
+    static Instance* made[2] = {Make(EM_SAMPLE_SCENARIO, 2), Make(EM_FUZZ_SINGLE_MODULE, 0)};
     Check(made[0]->module.Mapper().IsMappingNeeded() && made[0]->cabinets.size() == 3 &&
           !made[1]->module.Mapper().IsMappingNeeded());
     // The workers must be gone before exit destroys the trace client they write to (a host
@@ -130,7 +98,9 @@ inline Instance& Pick(uint8_t selector) {
     });
     return made;
   }();
-  return *instances[selector & 1];
+  if (size == 0 || !msg.Parse(Text(data + 1, size - 1))) return false;
+  *picked = instances[data[0] & 1];
+  return true;
 }
 
 // Waits until the worker has run every task queued so far (text and raw record fetches,
@@ -146,14 +116,6 @@ inline void Settle(Instance& in) {
   hostsim::Sink().Clear();
 }
 
-// The message must still be one that a host can send on.
-inline void CheckWellFormed(const SipJson& msg) {
-  SipJson again;
-  Check(again.Parse(msg.Serialize()));
-}
-
-}  // namespace fuzzhost
-
-}  // namespace em_oidmap
+}  // namespace em_oidmap::fuzz
 
 #endif  // EM_FUZZ_MODULEFUZZHOST_H

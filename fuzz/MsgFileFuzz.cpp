@@ -8,17 +8,13 @@
 #include <cstdio>
 #include <string>
 
-#include "fuzz/FuzzTempDir.h"
-#include "trace/DebugClient.h"
+#include "fuzz/FuzzHarness.h"
 #include "msglog/LogMsgFile.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
+using fuzz::Check;
 
 namespace {
-
-void Check(bool ok) {
-  if (!ok) __builtin_trap();
-}
 
 const char* const kCodes[] = {"0x0105", "0X0105", "0x190005", "", "0x"};
 const char* const kKeys[] = {kKeyLongMsg, kKeyShortMsg, kKeyCause, "", nullptr};
@@ -29,8 +25,7 @@ const uint32_t kLanguageIds[] = {0x409, 0x407, 0, 0xFFFFFFFFu};
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = (TraceClient().SetTraceLevel(0), true);
-  (void)quiet;
+  fuzz::Quiet();
   // No registered directory: only the text in memory is consulted.
   CLogMsgFile file(".", [] { return std::string(); });
   const bool open = file.OpenFromText(std::string(reinterpret_cast<const char*>(data), size));

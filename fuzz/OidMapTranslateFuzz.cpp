@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "trace/DebugClient.h"
+#include "fuzz/FuzzHarness.h"
 #include "oidmap/CountOpcodeTable.h"
 #include "oidmap/OidMapTable.h"
 #include "oidmap/Opcodes.h"
@@ -17,16 +17,13 @@
 #include "sip/SipStatus.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
+using fuzz::Check;
 
 namespace {
 
 constexpr uint32_t kCabinets = 2;
 constexpr uint32_t kMidFirst = 0x00010001;
 constexpr uint32_t kMidSecond = 0x00020001;
-
-void Check(bool ok) {
-  if (!ok) __builtin_trap();
-}
 
 // Every count request of every cabinet answered by two modules with 3 and 2 instances.
 const COidMapTable& Table() {
@@ -95,8 +92,7 @@ void FuzzLogBlock(const uint8_t* data, size_t size) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  static const bool quiet = (TraceClient().SetTraceLevel(0), true);
-  (void)quiet;
+  fuzz::Quiet();
   FuzzMessage(data, size);
   FuzzLogBlock(data, size);
   return 0;

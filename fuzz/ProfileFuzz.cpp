@@ -9,11 +9,11 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/FuzzTempDir.h"
+#include "fuzz/FuzzHarness.h"
 #include "platform/Profile.h"
-#include "trace/DebugClient.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
+using fuzz::Check;
 
 namespace {
 
@@ -21,10 +21,6 @@ constexpr char kGuard = '\xA5';
 constexpr size_t kGuardBytes = 8;
 constexpr uint32_t kLargeBuffer = 64 * 1024;
 constexpr uint32_t kSmallSizes[] = {1, 2, 3, 5, 16};
-
-void Check(bool ok) {
-  if (!ok) __builtin_trap();
-}
 
 // One read into a buffer of `size` bytes followed by guard bytes; returns what was stored
 // (a list with its NULs, without the extra one).
@@ -77,8 +73,7 @@ bool IsPlainName(const std::string& name) {
 // Files whose lines all start in the first column: where the reader and the writer agree
 // on what the sections and keys are.
 bool HasNoIndentedLine(const uint8_t* data, size_t size) {
-  static const bool quiet = (TraceClient().SetTraceLevel(0), true);
-  (void)quiet;
+  fuzz::Quiet();
   for (size_t i = 0; i < size; ++i) {
     if ((i == 0 || data[i - 1] == '\n') && data[i] != '\n' &&
         isspace(static_cast<unsigned char>(data[i])))

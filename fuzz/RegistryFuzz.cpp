@@ -8,21 +8,17 @@
 #include <string>
 #include <vector>
 
-#include "fuzz/FuzzTempDir.h"
+#include "fuzz/FuzzHarness.h"
 #include "platform/Registry.h"
-#include "trace/DebugClient.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
+using fuzz::Check;
 
 namespace {
 
 // Bounds the walk on inputs that describe wide or deep trees.
 constexpr int kMaxOpenedKeys = 200;
 constexpr uint8_t kGuard = 0xA5;
-
-void Check(bool ok) {
-  if (!ok) __builtin_trap();
-}
 
 void ClearDirectory(const std::string& dir) {
   for (const char* name : {CRegistry::kTreeFile, CRegistry::kBackupFile, CRegistry::kTempFile,
@@ -72,8 +68,7 @@ const HKEY kPredefinedKeys[] = {HKEY_LOCAL_MACHINE, HKEY_CURRENT_USER, HKEY_USER
 // A key path and a string value taken from the input's last bytes: what SetValue and
 // CreateKey accept must survive the file.
 void AddFromInput(CRegistry& registry, const uint8_t* data, size_t size) {
-  static const bool quiet = (TraceClient().SetTraceLevel(0), true);
-  (void)quiet;
+  fuzz::Quiet();
   const size_t tail = size < 48 ? size : 48;
   const std::string bytes(reinterpret_cast<const char*>(data + size - tail), tail);
   const size_t cut = bytes.find('|');

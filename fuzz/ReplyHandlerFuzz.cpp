@@ -8,36 +8,33 @@
 // parses.
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
 #include "fuzz/ModuleFuzzHost.h"
 #include "oidmap/Opcodes.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
+using namespace em_oidmap::fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
   SipJson msg;
-  if (!msg.Parse(std::string(reinterpret_cast<const char*>(data) + 1, size - 1))) return 0;
-  fuzzhost::Instance& in = fuzzhost::Pick(data[0]);
+  Instance* in = nullptr;
+  if (!Pick(data, size, msg, &in)) return 0;
+  CIExtensionModule& module = in->module;
   msg.SetCurrentIndex((data[0] >> 4) & 3);
   if (data[0] & 2) {
-    const uint32_t mid = in.mids[((data[0] >> 2) & 3) % in.mids.size()];
-    msg = in.host.DeliverEvent(mid, std::move(msg));
+    msg = in->host.DeliverEvent(in->mids[((data[0] >> 2) & 3) % in->mids.size()], std::move(msg));
   } else {
-    CIExtensionModule& module = in.module;
     module.OnReply(msg);
   }
-  fuzzhost::CheckWellFormed(msg);
+  CheckWellFormed(msg);
 
   const int32_t i = msg.CurrentIndex();
   const uint32_t oc = msg.GetOpcode(i);
   if (msg.GetStatus(i) == 0xFF && (oc == CM_LogEntry || oc == CM_LogMessageArgumentsRead)) {
     SipJson page(CM_GetMsgLogCacheEntries, 0x409, 0, msg.GetKey(i, "CA", 0));
-    CIExtensionModule& module = in.module;
-    fuzzhost::Check(module.OnRequest(page) == 1);
-    fuzzhost::CheckWellFormed(page);
+    Check(module.OnRequest(page) == 1);
+    CheckWellFormed(page);
   }
-  fuzzhost::Settle(in);
+  Settle(*in);
   return 0;
 }

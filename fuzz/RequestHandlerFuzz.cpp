@@ -6,21 +6,20 @@
 // next input.
 #include <cstddef>
 #include <cstdint>
-#include <string>
 
 #include "fuzz/ModuleFuzzHost.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
+using namespace em_oidmap::fuzz;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  if (size == 0) return 0;
   SipJson msg;
-  if (!msg.Parse(std::string(reinterpret_cast<const char*>(data) + 1, size - 1))) return 0;
-  fuzzhost::Instance& in = fuzzhost::Pick(data[0]);
+  Instance* in = nullptr;
+  if (!Pick(data, size, msg, &in)) return 0;
   msg.SetCurrentIndex((data[0] >> 1) & 3);
-  CIExtensionModule& module = in.module;
-  fuzzhost::Check(module.OnRequest(msg) <= 1);
-  fuzzhost::CheckWellFormed(msg);
-  fuzzhost::Settle(in);
+  CIExtensionModule& module = in->module;
+  Check(module.OnRequest(msg) <= 1);
+  CheckWellFormed(msg);
+  Settle(*in);
   return 0;
 }

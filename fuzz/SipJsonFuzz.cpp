@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "fuzz/FuzzHarness.h"
 #include "sip/SipJson.h"
 
 namespace {
