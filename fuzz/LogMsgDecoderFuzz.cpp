@@ -5,7 +5,6 @@
 // that keeps nothing), so the arguments are formatted into trace lines too.
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <map>
 #include <string>
 #include <vector>
@@ -33,7 +32,7 @@ const CLogMsgFile& File() {
     hostsim::Sink().SetKeepLines(false);
     TraceClient().SetTraceLevel(5);
     auto* f = new CLogMsgFile(".", [] { return std::string(); });
-    if (!f->OpenFromText(kMessages)) abort();
+    Check(f->OpenFromText(kMessages));
     return f;
   }();
   return *file;
@@ -50,7 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const CLogMsgDecoder decoder(File(), format);
     std::string out;
     const int32_t result = decoder.Decode(bytes, record.size(), out, flags, !flags, "D", nullptr);
-    if (result != (size >= 4 ? 1 : 0)) abort();
+    Check(result == (size >= 4 ? 1 : 0));
   }
 
   std::vector<CLogMsgDecoder::Argument> args;
@@ -59,7 +58,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                           static_cast<uint32_t>(data[i + 3]) << 24),
                     (data[i] & 1) != 0});
   }
-  const std::string format(data, data + size);
+  const std::string format = fuzz::Text(data, size);
   CLogMsgDecoder::FillFormat(format, args, "", LogMsgFormat::kOldStyle, flags);
   std::map<int32_t, std::string> strings;
   for (size_t start = 0, n = 0; start < size && n < 20; ++n) {

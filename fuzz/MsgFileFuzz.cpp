@@ -28,7 +28,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::Quiet();
   // No registered directory: only the text in memory is consulted.
   CLogMsgFile file(".", [] { return std::string(); });
-  const bool open = file.OpenFromText(std::string(reinterpret_cast<const char*>(data), size));
+  const bool open = file.OpenFromText(fuzz::Text(data, size));
   Check(open == file.IsOpen());
 
   for (const char* code : kCodes) {

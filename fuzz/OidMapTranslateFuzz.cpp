@@ -55,7 +55,7 @@ void CheckRawBlock(const SipJson& msg, size_t expectedSize) {
 
 void FuzzMessage(const uint8_t* data, size_t size) {
   SipJson parsed;
-  if (!parsed.Parse(std::string(reinterpret_cast<const char*>(data), size))) return;
+  if (!parsed.Parse(fuzz::Text(data, size))) return;
   const int32_t count = static_cast<int32_t>(parsed.CommandCount());
   const COidMapTable& table = Table();
   SipJson msg(parsed);
@@ -66,8 +66,7 @@ void FuzzMessage(const uint8_t* data, size_t size) {
     table.PatchLogRecords(msg, i, false);
   }
   Check(msg.CommandCount() == static_cast<uint32_t>(count));
-  SipJson again;
-  Check(again.Parse(msg.Serialize()));
+  fuzz::CheckWellFormed(msg);
 }
 
 void FuzzLogBlock(const uint8_t* data, size_t size) {

@@ -2,6 +2,7 @@
 // buffers of several sizes with guard bytes behind them; nothing may be written past the
 // buffer, what is stored is terminated, and a smaller buffer gives a prefix of what a large
 // one gives. Then a key is written and deleted again.
+#include <algorithm>
 #include <cctype>
 #include <cstddef>
 #include <cstdint>
@@ -63,17 +64,13 @@ std::string NameAt(const uint8_t* data, size_t size, size_t* at, const char* sto
 }
 
 bool IsPlainName(const std::string& name) {
-  if (name.empty()) return false;
-  for (char c : name) {
-    if (!isalnum(static_cast<unsigned char>(c))) return false;
-  }
-  return true;
+  return !name.empty() &&
+         std::all_of(name.begin(), name.end(), [](unsigned char c) { return isalnum(c) != 0; });
 }
 
 // Files whose lines all start in the first column: where the reader and the writer agree
 // on what the sections and keys are.
 bool HasNoIndentedLine(const uint8_t* data, size_t size) {
-  fuzz::Quiet();
   for (size_t i = 0; i < size; ++i) {
     if ((i == 0 || data[i - 1] == '\n') && data[i] != '\n' &&
         isspace(static_cast<unsigned char>(data[i])))
@@ -87,8 +84,7 @@ bool HasNoIndentedLine(const uint8_t* data, size_t size) {
 // file, whose lists keep their bounds.
 void CheckNumbersAndCopy(const std::string& section, const std::string& key, const uint8_t* data,
                          size_t size, size_t at, const std::string& path) {
-  const std::string value(reinterpret_cast<const char*>(data) + at,
-                          strnlen(reinterpret_cast<const char*>(data) + at, size - at));
+  const std::string value = fuzz::Text(data + at, size - at).c_str();  // up to a NUL
   const bool written =
       WritePrivateProfileString(section.c_str(), key.c_str(), value.c_str(), path.c_str());
   if (value.find('\n') != std::string::npos) Check(!written);
@@ -112,6 +108,7 @@ void CheckNumbersAndCopy(const std::string& section, const std::string& key, con
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  fuzz::Quiet();
   const std::string path = fuzz::TempDir("profile") + "/profile.ini";
   fuzz::WriteFile(path, data, size);
 

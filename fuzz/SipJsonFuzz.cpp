@@ -5,12 +5,14 @@
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <string>
 #include <vector>
 
 #include "fuzz/FuzzHarness.h"
 #include "sip/SipJson.h"
+
+using em_oidmap::fuzz::Check;
+using em_oidmap::fuzz::Text;
 
 namespace {
 
@@ -29,22 +31,20 @@ void ReadEverything(const SipJson& msg, int32_t index) {
   msg.GetDataValue(index, value);
   const uint32_t length = msg.GetDataLength(index);
   for (uint32_t start : {0u, 1u, 3u, length, length + 1}) msg.GetDataString(index, text, start);
-  if (msg.GetDataBytes(index, bytes) && msg.GetDataForm(index) != SipDataForm::kRawBytes &&
-      !bytes.empty() && bytes.size() != length && msg.GetDataForm(index) != SipDataForm::kInteger)
-    abort();  // text and multi-string byte images match their length
+  // Text and multi-string byte images match their length.
+  const SipDataForm form = msg.GetDataForm(index);
+  Check(!msg.GetDataBytes(index, bytes) || form == SipDataForm::kRawBytes || bytes.empty() ||
+        bytes.size() == length || form == SipDataForm::kInteger);
   msg.GetDataStrings(index, strings);
-  msg.GetDataForm(index);
   msg.GetDataJsonText(index);
   // The one-walk header and the static readers see what the readers by index see.
   if (const SipJson::Value* command = msg.Command(index)) {
     const SipJson::Header h = SipJson::HeaderOf(*command);
-    if (h.oc != msg.GetKey(index, "OC", 0) || h.oe != msg.GetKey(index, "OE", 0) ||
-        h.oi != msg.GetKey(index, "OI", 0) || h.ca != msg.GetKey(index, "CA", 0) ||
-        h.mi != msg.GetKey(index, "MI", 0) || h.st != msg.GetStatus(index) ||
-        SipJson::KeyOf(*command, "CI", 7) != msg.GetKey(index, "CI", 7) ||
-        SipJson::HasKeyOf(*command, "DA") != msg.HasKey(index, "DA")) {
-      abort();
-    }
+    Check(h.oc == msg.GetKey(index, "OC", 0) && h.oe == msg.GetKey(index, "OE", 0) &&
+          h.oi == msg.GetKey(index, "OI", 0) && h.ca == msg.GetKey(index, "CA", 0) &&
+          h.mi == msg.GetKey(index, "MI", 0) && h.st == msg.GetStatus(index) &&
+          SipJson::KeyOf(*command, "CI", 7) == msg.GetKey(index, "CI", 7) &&
+          SipJson::HasKeyOf(*command, "DA") == msg.HasKey(index, "DA"));
   }
 }
 
@@ -54,24 +54,20 @@ void BuildEverything(SipJson& msg, int32_t index, const uint8_t* data, size_t si
   const uint32_t value = size >= 4 ? static_cast<uint32_t>(data[0] | data[1] << 8 |
                                                            data[2] << 16 | data[3] << 24)
                                    : static_cast<uint32_t>(size);
-  const std::string text(reinterpret_cast<const char*>(data), std::min<size_t>(size, 40));
+  const std::string text = Text(data, std::min<size_t>(size, 40));
   msg.SetCurrentIndex(index);
   const bool existed = msg.Command(index) != nullptr;
   msg.SetKey("CI", value, (value & 1) != 0);
   msg.SetModuleId(value ^ 0x5A5A);
   msg.SetDataValue(value, value & 0xFF);
-  if (existed) {
-    uint32_t read = 0;
-    if (!msg.GetDataValue(index, read) || read != value || msg.GetStatus(index) != (value & 0xFF))
-      abort();
-  }
+  uint32_t read = 0;
+  Check(!existed ||
+        (msg.GetDataValue(index, read) && read == value && msg.GetStatus(index) == (value & 0xFF)));
   msg.SetDataString(text, 0x00);
   msg.SetDataStrings({text, "", text}, 0x0C);
   msg.SetRawData(std::vector<uint8_t>(data, data + std::min<size_t>(size, 16)), 0x15);
-  if (existed) {
-    std::vector<uint8_t> bytes;
-    if (!msg.GetDataBytes(index, bytes) || bytes.size() != std::min<size_t>(size, 16)) abort();
-  }
+  std::vector<uint8_t> bytes;
+  Check(!existed || (msg.GetDataBytes(index, bytes) && bytes.size() == std::min<size_t>(size, 16)));
   msg.SetStatus(value >> 8);
   msg.RemoveKey((value & 2) != 0 ? "DA" : "CI");
   if ((value & 4) != 0) msg.SetCommandHeader(value & 0xFFFF, value >> 16, value >> 8, 7);
@@ -82,7 +78,7 @@ void BuildEverything(SipJson& msg, int32_t index, const uint8_t* data, size_t si
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   SipJson msg;
-  const bool parsed = msg.Parse(std::string(reinterpret_cast<const char*>(data), size));
+  const bool parsed = msg.Parse(Text(data, size));
   const int32_t count = static_cast<int32_t>(msg.CommandCount());
   for (int32_t i = -1; i <= count + 1; ++i) ReadEverything(msg, i);
   msg.CountCommandsWithData();
@@ -94,19 +90,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string out = msg.Serialize();
   if (parsed) {
     SipJson copy(msg);
-    if (!copy.Parse(out) || copy.Serialize() != out) abort();  // round trip is stable
+    Check(copy.Parse(out) && copy.Serialize() == out);  // round trip is stable
   }
   for (int32_t i = -1; i <= count; ++i) {
     SipJson built(msg);
     BuildEverything(built, i, data, size);
     SipJson again(0x0B10, 0x409, 1, 2);
     const std::string text = built.Serialize();
-    if (!again.Parse(text)) abort();
+    Check(again.Parse(text));
     // Copies and moves keep the message whole.
     SipJson moved(std::move(again));
     again = moved;
     moved = std::move(built);
-    if (again.Serialize() != text || moved.Serialize() != text) abort();
+    Check(again.Serialize() == text && moved.Serialize() == text);
   }
   return 0;
 }
