@@ -9,6 +9,7 @@
 
 #include "hostsim/DebugSink.h"
 #include "hostsim/SimHost.h"
+#include "tests/support/TestSupport.h"
 #include "trace/DebugClient.h"
 #include "module/ExtensionModule.h"
 #include "sip/SipJson.h"
@@ -43,14 +44,7 @@ R CallSlot(void* obj, int slot, Args... args) {
   return reinterpret_cast<Fn>(vtable[slot - 1])(obj, args...);
 }
 
-class ExtensionModuleTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    TraceClient().SetTraceLevel(5);
-    hostsim::Sink().Clear();
-  }
-  void TearDown() override { TraceClient().SetTraceLevel(0); }
-};
+class ExtensionModuleTest : public test_support::TracedTest<5> {};
 
 TEST_F(ExtensionModuleTest, Sends_Status6WithoutHost_ThenThroughTheHost) {
   TestModule module;

@@ -8,15 +8,15 @@
 #include <thread>
 #include <vector>
 
-#include "TestUtil.h"
+#include "tests/support/TestSupport.h"
 
 namespace em_oidmap {
 
 namespace {
 
 using hostsim::Sink;
-using runtime_test::WaitForTrace;
-using runtime_test::WaitUntil;
+using test_support::WaitForTrace;
+using test_support::WaitUntil;
 
 std::string Deleted(const void* event) {
   char buf[64];
@@ -56,7 +56,7 @@ class Waiters {
   std::vector<std::thread> threads_;
 };
 
-class EventTest : public runtime_test::TracedTest {};
+class EventTest : public test_support::TracedTest<> {};
 
 TEST(EventDeadlineTest, CarriesNanosecondsIntoSeconds) {
   timespec d = EventDeadline({10, 0}, 1999);
