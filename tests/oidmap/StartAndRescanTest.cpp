@@ -62,7 +62,8 @@ hostsim::ReplyRule Answer(uint32_t oc, const char* da) {
   return rule;
 }
 
-TEST_F(StartAndRescanTest, Rescan_FallbackAndLanguagesFollowTheLatestAnswers) {
+// Untraced: the trace sites' other branch.
+TEST(CabinetDirectoryTest, Rescan_FallbackAndLanguagesFollowTheLatestAnswers) {
   ComponentHost<> c;
   hostsim::SimModule& ident = c.host.AddModule(kMidA);
   const struct {
