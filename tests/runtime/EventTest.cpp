@@ -158,6 +158,7 @@ TEST_F(EventTest, Close_ReleasesWaitersAndRefusesFurtherUseSilently) {
 TEST_F(EventTest, ChangeAttributes_RefusedWhileAThreadWaits) {
   CEvent ev;
   ev.Create(false, false, nullptr);
+  EXPECT_TRUE(ev.ChangeAttributes(false, false));  // as they are: nothing to change
   {
     Waiters waiters(ev, 1);
     EXPECT_FALSE(ev.ChangeAttributes(true, true));
