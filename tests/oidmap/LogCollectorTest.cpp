@@ -66,6 +66,7 @@ TEST_F(LogCollectorTest, LogScans_StoreEveryModulesRecordsInOrder) {
     uint32_t task;
     std::vector<Log> logs;
     std::vector<uint32_t> codes, mids;
+    const char* line = nullptr;  // a trace line the scan writes
   } cases[] = {
       {"unified replies merged: a 0 goes with the value after it",
        0x0B16,
@@ -82,6 +83,14 @@ TEST_F(LogCollectorTest, LogScans_StoreEveryModulesRecordsInOrder) {
         {kMidB, 0x0B00, 1u, EncodeLog({OldStyle(0x0C01, 1, 5)})}},
        {0x10, 0x3F00, 0x0C01},
        {kMidA, kMidB, kMidB}},
+      // Of the old-style logs, only a refused error log's line tells the status.
+      {"a module that keeps its event log only",
+       0x0B16,
+       {{kMidA, 0x0B16, {}, EncodeLog({Unified(0x10, 3)})},
+        {kMidB, 0x0B00, 1u, EncodeLog({OldStyle(0x0C01, 1, 5)})}},
+       {0x10, 0x0C01},
+       {kMidA, kMidB},
+       "MID 0x00020001: CM_LogEntry (CMOID_CriticalErrorLog) - not supported (Status: 0x1)"},
       {"the log scan: both logs of every module",
        0x0B10,
        {{kMidA, 0x0B00, 0u, EncodeLog({OldStyle(0x0401, 2), OldStyle(0x0402, 6)})},
@@ -99,6 +108,9 @@ TEST_F(LogCollectorTest, LogScans_StoreEveryModulesRecordsInOrder) {
     }
     h.StartUp();
     Scan(h.collector, c.task);
+    if (c.line != nullptr) {
+      EXPECT_TRUE(hostsim::Sink().HasLine(std::string("\nEM_OIDMAP           : ") + c.line));
+    }
     std::vector<MsgLogEntry> entries = Entries(h.store);
     ASSERT_EQ(c.codes.size(), entries.size());
     for (uint32_t i = 0; i < entries.size(); ++i) {

@@ -119,6 +119,7 @@ TEST_F(EventTest, NamedEvents_SharedUntilLastReleaseThenCreatedAnew) {
   a.Create(false, true, "rt.shared");
   b.Create(false, false, "rt.shared");  // other reset mode: only a warning
   ASSERT_EQ(a.Object(), b.Object());
+  EXPECT_TRUE(Sink().Contains("WARNING: manual setting mismatch"));
   a.Set();
   EXPECT_EQ(b.Wait(0, false), EVENT_WAIT_SIGNAL);
   EXPECT_TRUE(b.Check());  // still manual: the first creator's mode won
