@@ -4,11 +4,13 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iterator>
 #include <string>
 #include <vector>
 
 #include "hostsim/DebugSink.h"
 #include "hostsim/SimHost.h"
+#include "tests/support/TestSupport.h"
 #include "trace/DebugClient.h"
 #include "module/ExtensionModule.h"
 #include "sip/SipJson.h"
@@ -43,14 +45,7 @@ R CallSlot(void* obj, int slot, Args... args) {
   return reinterpret_cast<Fn>(vtable[slot - 1])(obj, args...);
 }
 
-class ExtensionModuleTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    TraceClient().SetTraceLevel(5);
-    hostsim::Sink().Clear();
-  }
-  void TearDown() override { TraceClient().SetTraceLevel(0); }
-};
+class ExtensionModuleTest : public test_support::TracedTest<5> {};
 
 TEST_F(ExtensionModuleTest, Sends_Status6WithoutHost_ThenThroughTheHost) {
   TestModule module;
@@ -125,6 +120,9 @@ TEST_F(ExtensionModuleTest, MessageTraces_FormatByCabinetAndDataForm) {
       {&CExtensionModule::TraceReply, R"({"OC":769,"ST":0,"DA":{"a":"x\ty\u001f"}})",
        "\nEM_TEST (RPL)       : OC 0x0301-0x0000 OID 0x0000 MID 0x00000000 Stat 0x00 Data (JSON "
        "struct):\n{\"a\":\"x\\ty\\u001F\"}"},
+      {&CExtensionModule::TraceReply, R"({"OC":769,"CA":2,"ST":0,"DA":{"b":1}})",
+       "\nEM_TEST (RPL)       : OC 0x0301-0x0000 OID 0x0000 CABID 0002 MID 0x00000000 Stat 0x00 "
+       "Data (JSON struct):\n{\"b\":1}"},
       {&CExtensionModule::TraceReply, R"({"OC":2816,"CA":1,"ST":0,"DA":{"RAW":[1,2,3]}})",
        "\nEM_TEST (RPL)       : OC 0x0B00-0x0000 OID 0x0000 CABID 0001 MID 0x00000000 Stat 0x00 "
        "Len 3"},
@@ -139,7 +137,7 @@ TEST_F(ExtensionModuleTest, MessageTraces_FormatByCabinetAndDataForm) {
     (module.*c.trace)(msg, 1);
     TraceClient().SetTraceLevel(5);
   }
-  EXPECT_EQ(hostsim::Sink().Lines().size(), 4u);
+  EXPECT_EQ(hostsim::Sink().Lines().size(), std::size(cases));
 }
 
 TEST_F(ExtensionModuleTest, ModuleInfo_FieldsWrittenOthersKept) {

@@ -1,33 +1,20 @@
 #include "msglog/LogMsgFile.h"
+#include "msglog/XmlDocument.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <thread>
 #include <vector>
+
+#include "tests/support/TestSupport.h"
 
 namespace em_oidmap {
 
 namespace {
 
-// A fresh directory, removed with its contents at the end of the scope.
-class TempDir {
- public:
-  TempDir() : path_((std::filesystem::temp_directory_path() / "msgfileXXXXXX").string()) {
-    if (!mkdtemp(&path_[0])) path_.clear();
-  }
-  ~TempDir() { std::error_code ec; if (!path_.empty()) std::filesystem::remove_all(path_, ec); }
-  const std::string& Path() const { return path_; }
-  void Write(const std::string& name, const std::string& content) const {
-    std::ofstream(path_ + "/" + name, std::ios::binary) << content;
-  }
-
- private:
-  std::string path_;
-};
+using test_support::TempDir;
 
 const char* kMessages = R"(<EventMsg>
   <LanguageTable><Language locale="0x409" lang="en"/><Language locale="0x40c" lang="fr"/>
@@ -94,16 +81,16 @@ TEST(LogMsgFileTest, OpenLooksInCurrentThenRegisteredDirectory) {
                           "<LongMsg>%1</LongMsg></Messages></Event></Events></EventMsg>";
   for (const char* name : {"ERRMSG.XML", "EVENTMSG.XML"}) registered.Write(name, doc);
   current.Write("EVENTMSG.XML", doc);
-  CLogMsgFile file(current.Path(), [&] { return registered.Path(); });
+  CLogMsgFile file(current.Dir(), [&] { return registered.Dir(); });
 
   ASSERT_TRUE(file.Open(LogMsgFormat::kUnified));
-  EXPECT_EQ(current.Path() + "/EVENTMSG.XML", file.Path());
+  EXPECT_EQ(current.Path("EVENTMSG.XML"), file.Path());
   current.Write("ERRMSG.XML", "<EventMsg>");  // malformed: the search goes on
   ASSERT_TRUE(file.Open(LogMsgFormat::kOldStyle));
-  EXPECT_EQ(registered.Path() + "/ERRMSG.XML", file.Path());
+  EXPECT_EQ(registered.Path("ERRMSG.XML"), file.Path());
   EXPECT_EQ("%1", file.SearchMessage("0x0105", kKeyLongMsg, "en", 0));
 
-  CLogMsgFile nowhere(registered.Path() + "/none", NoDirectory);
+  CLogMsgFile nowhere(registered.Path("none"), NoDirectory);
   ASSERT_TRUE(nowhere.OpenFromText(doc));
   EXPECT_FALSE(nowhere.Open(LogMsgFormat::kUnified));  // drops the earlier document
   EXPECT_EQ("", nowhere.SearchMessage("0x0105", kKeyLongMsg, "en", 0));
@@ -111,7 +98,7 @@ TEST(LogMsgFileTest, OpenLooksInCurrentThenRegisteredDirectory) {
 
 TEST(LogMsgFileTest, ParsesAFileAgainOnlyWhenItChanged) {
   TempDir dir;
-  const std::string path = dir.Path() + "/ERRMSG.XML";
+  const std::string path = dir.Path("ERRMSG.XML");
   const auto write = [&dir](const std::string& text) {
     dir.Write("ERRMSG.XML",
               "<EventMsg><Events><Event ErrorCode=\"0x0105\"><Messages lang=\"en\"><LongMsg>" +
@@ -125,7 +112,7 @@ TEST(LogMsgFileTest, ParsesAFileAgainOnlyWhenItChanged) {
   const auto text = [](const CLogMsgFile& file) {
     return file.SearchMessage("0x0105", kKeyLongMsg, "en", 0);
   };
-  CLogMsgFile file(dir.Path(), NoDirectory);
+  CLogMsgFile file(dir.Dir(), NoDirectory);
   write("first");
   ASSERT_TRUE(file.Open(LogMsgFormat::kOldStyle));
   const CLogMsgFile::Document first = file.CurrentDocument();
@@ -153,6 +140,45 @@ TEST(LogMsgFileTest, ParsesAFileAgainOnlyWhenItChanged) {
   reopen(5, "");  // a broken file is not parsed again either while unchanged
   // Whoever still holds the first document keeps reading it.
   EXPECT_EQ("first", first->SearchMessage("0x0105", kKeyLongMsg, "en", 0));
+}
+
+TEST(XmlDocumentTest, CursorWalksOneLevelAndKeepsPositionOnMiss) {
+  CXmlDocument doc;
+  ASSERT_TRUE(doc.LoadFromText(
+      "<Root><A id='1'>first</A><B/><A id='2'>x &amp; <![CDATA[<y>]]><I>no</I> z</A>"
+      "<A id='3'><Child/></A></Root>"));
+  ASSERT_TRUE(doc.FindElem("Root") && doc.IntoElem() && doc.FindElem("A"));
+  CXmlDocument copy(doc);  // own cursor over the same document
+  ASSERT_TRUE(doc.FindElem("A"));  // skips B
+  EXPECT_EQ("2", doc.GetAttrib("id"));
+  EXPECT_EQ("1", copy.GetAttrib("id"));
+  EXPECT_EQ("x & <y> z", doc.GetData());  // a child element's text is not its own
+
+  EXPECT_FALSE(doc.FindElem("B"));  // B lies before the current element
+  ASSERT_TRUE(doc.FindElem("A"));   // the miss left the cursor on A 2
+  EXPECT_EQ("3", doc.GetAttrib("id"));
+  ASSERT_TRUE(doc.IntoElem() && doc.FindElem(nullptr));
+  EXPECT_EQ("Child", doc.GetTagName());
+  ASSERT_TRUE(doc.OutOfElem() && doc.OutOfElem());
+  EXPECT_EQ("Root", doc.GetTagName());
+  EXPECT_FALSE(doc.OutOfElem());
+  doc.Reset();
+  EXPECT_FALSE(doc.FindElem("A"));
+  EXPECT_TRUE(doc.FindElem("Root"));
+}
+
+TEST(XmlDocumentTest, BadInputLoadsAsFailureAndFindsNothing) {
+  CXmlDocument doc;
+  for (const char* content : {"", "<EventMsg><Events></EventMsg>", "just text", "<E a=\"x"}) {
+    ASSERT_TRUE(doc.LoadFromText("<Root/>"));
+    EXPECT_FALSE(doc.LoadFromText(content)) << content;
+    EXPECT_FALSE(doc.LoadError().empty());
+    EXPECT_FALSE(doc.FindElem(nullptr) || doc.IntoElem()) << content;  // the old one is gone
+    EXPECT_EQ("", doc.GetData());
+  }
+  ASSERT_TRUE(doc.LoadFromText("<Root/>"));
+  EXPECT_FALSE(doc.Load("/nonexistent-dir/none.xml"));
+  EXPECT_FALSE(doc.FindElem(nullptr));
 }
 
 }  // namespace

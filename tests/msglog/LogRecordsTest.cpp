@@ -161,28 +161,6 @@ TEST(LogRecordsTest, UnifiedParse_GoodRecordsAndEveryKindOfBadOne) {
             out[0].Arguments());
 }
 
-TEST(LogRecordsTest, TenMegabyteBlocks_WalkEndsWithinTheData) {
-  const size_t kSize = 10u << 20;
-  // Records of the largest length, each with one string that fills it.
-  const Bytes big = Unified(1, 1, {std::string(65535 - 27, 'x')}).Encode();
-  ASSERT_EQ(65535u, big.size());
-  Bytes block;
-  while (block.size() + big.size() <= kSize) block.insert(block.end(), big.begin(), big.end());
-  block.resize(kSize, 0);
-  std::vector<MsgLogEntry> out;
-  LogBlockWalk walk = ParseUnifiedRecords(block.data(), block.size(), 1, out);
-  EXPECT_EQ(kSize / big.size(), out.size());
-  EXPECT_FALSE(walk.whole) << "the zero padding is no record";
-
-  std::mt19937 random(7);
-  Bytes noise(kSize);
-  for (uint8_t& b : noise) b = static_cast<uint8_t>(random());
-  out.clear();
-  walk = ParseUnifiedRecords(noise.data(), noise.size(), 1, out);
-  EXPECT_LE(walk.end, noise.size());
-  EXPECT_LE(CountOldStyleRecords(noise.data(), noise.size()), kSize / 12);
-}
-
 // The merge as the pairwise walk describes it, inserting into a list: the reference that
 // the one-pass merge must reproduce.
 int64_t KeyAt(const std::vector<MsgLogEntry>& list, size_t i) {

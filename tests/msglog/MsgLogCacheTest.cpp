@@ -8,6 +8,7 @@
 
 #include "hostsim/DebugSink.h"
 #include "msglog/MsgLogCache.h"
+#include "tests/support/TestSupport.h"
 #include "trace/DebugClient.h"
 
 namespace em_oidmap {
@@ -86,12 +87,20 @@ TEST(MsgLogCacheTest, Store_OneAtATimeIntoFullCache_IsAmortisedConstant) {
 
 // Entries whose strings are large: the oldest go once the cabinet's bytes pass the
 // ceiling, each traced as an eviction by count is, after the entry lock was released (a
-// reader is not kept waiting by the traces).
+// reader is not kept waiting by the traces). The entries' size divides the ceiling, so
+// that the rest meet it exactly: that many stay, not one fewer.
 TEST(MsgLogCacheTest, Store_PastTheByteCeiling_OldestGoTracedWithoutTheEntryLock) {
   CMsgLogCache cache;
   MsgLogCabinetCache* cab = cache.FindOrCreateCabinetCache(2);
   std::vector<MsgLogEntry> run = MakeEntries(kMaxMsgLogEntries);
-  for (MsgLogEntry& entry : run) entry.SetArgument(1, std::string(1000, 'a'));
+  size_t length = 900, entryBytes = 0;
+  for (; length < 1200; ++length) {
+    run[0].SetArgument(1, std::string(length, 'a'));
+    entryBytes = MsgLogEntryBytes(run[0]);
+    if (kMaxCabinetCacheBytes % entryBytes == 0) break;
+  }
+  ASSERT_LT(length, 1200u) << "no entry size divides the ceiling";
+  for (MsgLogEntry& entry : run) entry.SetArgument(1, std::string(length, 'a'));
 
   std::future<size_t> reader;
   bool readerWaited = true;
@@ -115,6 +124,7 @@ TEST(MsgLogCacheTest, Store_PastTheByteCeiling_OldestGoTracedWithoutTheEntryLock
   const auto snapshot = Snapshot(cache, 2);
   const size_t evicted = kMaxMsgLogEntries - snapshot.first.size();
   ASSERT_GT(evicted, 0u);
+  EXPECT_EQ(kMaxCabinetCacheBytes / entryBytes, snapshot.first.size());
   EXPECT_EQ(evicted + 1, snapshot.first.front());
   EXPECT_EQ(kMaxMsgLogEntries, snapshot.first.back());
   std::vector<std::string> expected = {"    2000 entries stored to messag log cache"};
@@ -156,12 +166,9 @@ TEST(MsgLogCacheTest, WaitingReader_SeesCompleteResultOfRun) {
   // The stores start only once the reader waits on the event (a waiter makes
   // ChangeAttributes refuse; on an unsignalled manual event it changes nothing) or has
   // already returned without waiting, which the snapshot then shows.
-  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  auto waitingOrDone = [&] {
+  EXPECT_TRUE(test_support::WaitUntil([&] {
     return done || (!cab->ReadyEvent.Check() && !cab->ReadyEvent.ChangeAttributes(false, true));
-  };
-  while (!waitingOrDone() && std::chrono::steady_clock::now() < deadline) std::this_thread::yield();
-  EXPECT_TRUE(waitingOrDone()) << "the reader never waited";
+  })) << "the reader never waited";
   CMsgLogCache::StoreEntries(*cab, MakeEntries(700));
   CMsgLogCache::StoreEntries(*cab, MakeEntries(800));
   cache.SetCacheReady(5, true);

@@ -1,4 +1,5 @@
 #include "msglog/MsgTextCache.h"
+#include "msglog/MultiStringParameter.h"
 
 #include <gtest/gtest.h>
 
@@ -75,6 +76,17 @@ TEST(MsgTextCacheTest, Ceiling_OldestTextsGoLargerThanAllRefused) {
   EXPECT_TRUE(cache.FindText(MsgTextKind::kLongText, static_cast<uint32_t>(fit), 0x409, &found));
   EXPECT_FALSE(cache.PutText(MsgTextKind::kSummary, 1, 0x409, std::string(kMaxTextCacheBytes, 's')));
   EXPECT_EQ(0u, cache.Size(MsgTextKind::kSummary));
+}
+
+using Paragraphs = std::vector<std::string>;
+
+TEST(MultiStringParameterTest, ReplacesTheFirstOccurrenceFromTheStartIndexOn) {
+  Paragraphs p = {"Call %HD% now.", "No placeholder.", "%HD% or %HD%", "%hd% is another name"};
+  EXPECT_FALSE(ReplaceParameter(p, kHelpDeskParameter, "desk", 4));
+  EXPECT_FALSE(ReplaceParameter(p, kHelpDeskParameter, "desk", 3));
+  EXPECT_TRUE(ReplaceParameter(p, kHelpDeskParameter, "the desk", 1));
+  EXPECT_EQ((Paragraphs{"Call %HD% now.", "No placeholder.", "the desk or %HD%",
+                        "%hd% is another name"}), p);
 }
 
 }  // namespace

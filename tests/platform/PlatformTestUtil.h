@@ -7,46 +7,22 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "platform/FileIo.h"
+#include "tests/support/TestSupport.h"
 #include "trace/DebugClient.h"
 
 namespace em_oidmap {
 
 namespace platform_test {
 
-class TempDirTest : public ::testing::Test {
+// A scratch directory per test, with every trace path run (with the values it prints).
+class TempDirTest : public ::testing::Test, public test_support::TempDir {
  protected:
-  void SetUp() override {
-    char pattern[] = "/tmp/em_platform_XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-    TraceClient().SetTraceLevel(5);  // every trace path runs, with the values it prints
-  }
-  void TearDown() override {
-    std::error_code ec;
-    std::filesystem::permissions(dir_, std::filesystem::perms::owner_all, ec);
-    std::filesystem::remove_all(dir_, ec);
-  }
-  std::string Path(const std::string& name) const { return dir_ + "/" + name; }
-  void Write(const std::string& name, const std::string& text) const {
-    std::ofstream(Path(name), std::ios::binary) << text;
-  }
-  std::string Read(const std::string& name) const {
-    std::ifstream in(Path(name), std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
-  bool Exists(const std::string& name) const { return std::filesystem::exists(Path(name)); }
-
-  std::string dir_;
+  void SetUp() override { TraceClient().SetTraceLevel(5); }
+  const std::string dir_ = Dir();
 };
 
 // Counts the file calls of a save and, from call `crash_at` on, fails every one as if the

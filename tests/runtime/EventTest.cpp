@@ -8,15 +8,15 @@
 #include <thread>
 #include <vector>
 
-#include "TestUtil.h"
+#include "tests/support/TestSupport.h"
 
 namespace em_oidmap {
 
 namespace {
 
 using hostsim::Sink;
-using runtime_test::WaitForTrace;
-using runtime_test::WaitUntil;
+using test_support::WaitForTrace;
+using test_support::WaitUntil;
 
 std::string Deleted(const void* event) {
   char buf[64];
@@ -56,7 +56,7 @@ class Waiters {
   std::vector<std::thread> threads_;
 };
 
-class EventTest : public runtime_test::TracedTest {};
+class EventTest : public test_support::TracedTest<> {};
 
 TEST(EventDeadlineTest, CarriesNanosecondsIntoSeconds) {
   timespec d = EventDeadline({10, 0}, 1999);
@@ -119,6 +119,7 @@ TEST_F(EventTest, NamedEvents_SharedUntilLastReleaseThenCreatedAnew) {
   a.Create(false, true, "rt.shared");
   b.Create(false, false, "rt.shared");  // other reset mode: only a warning
   ASSERT_EQ(a.Object(), b.Object());
+  EXPECT_TRUE(Sink().Contains("WARNING: manual setting mismatch"));
   a.Set();
   EXPECT_EQ(b.Wait(0, false), EVENT_WAIT_SIGNAL);
   EXPECT_TRUE(b.Check());  // still manual: the first creator's mode won
@@ -158,6 +159,7 @@ TEST_F(EventTest, Close_ReleasesWaitersAndRefusesFurtherUseSilently) {
 TEST_F(EventTest, ChangeAttributes_RefusedWhileAThreadWaits) {
   CEvent ev;
   ev.Create(false, false, nullptr);
+  EXPECT_TRUE(ev.ChangeAttributes(false, false));  // as they are: nothing to change
   {
     Waiters waiters(ev, 1);
     EXPECT_FALSE(ev.ChangeAttributes(true, true));

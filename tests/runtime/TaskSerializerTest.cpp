@@ -10,7 +10,7 @@
 #include <utility>
 #include <vector>
 
-#include "TestUtil.h"
+#include "tests/support/TestSupport.h"
 #include "runtime/TaskQueue.h"
 #include "sip/SipJson.h"
 
@@ -19,8 +19,8 @@ namespace em_oidmap {
 namespace {
 
 using hostsim::Sink;
-using runtime_test::WaitForTrace;
-using runtime_test::WaitUntil;
+using test_support::WaitForTrace;
+using test_support::WaitUntil;
 using Runs = std::vector<std::pair<uint32_t, int32_t>>;  // (task id, level)
 
 constexpr uint32_t kWaitMs = 10000;
@@ -77,7 +77,7 @@ struct BlockedWorker {
   }
 };
 
-class TaskSerializerTest : public runtime_test::TracedTest {};
+class TaskSerializerTest : public test_support::TracedTest<> {};
 
 TEST(TaskQueueTest, WrapsByteWiseAtAnyCapacity) {
   CTaskQueue queue(21);  // two references fit; positions drift across the wrap

@@ -5,15 +5,16 @@
 #include <atomic>
 #include <thread>
 
-#include "TestUtil.h"
+#include "tests/support/TestSupport.h"
 #include "runtime/Event.h"
+#include "runtime/RecursiveLock.h"
 
 namespace em_oidmap {
 
 namespace {
 
-using runtime_test::WaitForTrace;
-using runtime_test::WaitUntil;
+using test_support::WaitForTrace;
+using test_support::WaitUntil;
 
 // A thread body that waits for its gate, then records that it ended.
 struct Gate {
@@ -38,7 +39,7 @@ std::thread OpenWhenTraced(Gate& gate, const char* trace) {
   });
 }
 
-class ThreadTest : public runtime_test::TracedTest {};
+class ThreadTest : public test_support::TracedTest<> {};
 
 TEST_F(ThreadTest, WaitForTermination_WarnsOnTimeoutAndBlocksUntilTheThreadEnds) {
   Gate gate;
@@ -78,6 +79,31 @@ TEST_F(ThreadTest, Start_WithKillAliveThread_JoinsTheHeldThreadFirst) {
   second.open.Set();
   EXPECT_TRUE(thread.Kill());
   EXPECT_TRUE(second.ended);
+}
+
+// Re-entry and a release by a thread that does not own the lock are what is tested here;
+// the analysis, which knows neither, is off for these calls.
+void AcquireTwice(CRecursiveLock& lock) NO_THREAD_SAFETY_ANALYSIS {
+  lock.Acquire();
+  lock.Acquire();
+}
+void ReleaseOnce(CRecursiveLock& lock) NO_THREAD_SAFETY_ANALYSIS { lock.Release(); }
+
+TEST(RecursiveLockTest, OwnerReentersAndOthersWaitForItsLastRelease) {
+  CRecursiveLock lock;
+  AcquireTwice(lock);
+  std::atomic<bool> got{false};
+  std::thread other([&] {
+    ReleaseOnce(lock);  // not the owner: ignored
+    CRecursiveLockGuard guard(lock);
+    got = true;
+  });
+  ReleaseOnce(lock);
+  EXPECT_TRUE(lock.IsOwnedByCaller());  // still held once, so `other` cannot have it
+  EXPECT_FALSE(got);
+  ReleaseOnce(lock);
+  other.join();
+  EXPECT_TRUE(got);
 }
 
 }  // namespace

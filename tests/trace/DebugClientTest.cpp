@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include "hostsim/DebugSink.h"
+#include "tests/support/TestSupport.h"
 
 namespace em_oidmap {
 
@@ -23,9 +24,6 @@ using Lines = std::vector<std::string>;
 class DebugClientTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    char tmpl[] = "/tmp/em_trace_XXXXXX";
-    ASSERT_NE(mkdtemp(tmpl), nullptr);
-    dir_ = tmpl;
     UnsetEnvironment();
     hostsim::Sink().Clear();
   }
@@ -33,7 +31,6 @@ class DebugClientTest : public ::testing::Test {
     UnsetEnvironment();
     hostsim::Sink().SetReady(true);
     hostsim::Sink().Clear();
-    std::filesystem::remove_all(dir_);
   }
   static void UnsetEnvironment() {
     for (const char* name : {"KT_LOG_DEBUG_LEVEL", "KT_LOG_DYNAMIC_UPDATE"}) unsetenv(name);
@@ -57,7 +54,8 @@ class DebugClientTest : public ::testing::Test {
     client.Trace(level, "%s", text);
   }
 
-  std::string dir_;
+  test_support::TempDir tmp_;
+  const std::string dir_ = tmp_.Dir();
   std::atomic<time_t> now_{5000};
   std::atomic<int> clock_calls_{0};
 };
