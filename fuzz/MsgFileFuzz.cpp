@@ -2,7 +2,8 @@
 // text or empty) without crashing, give the same answer when repeated, and a language
 // lookup always names some language. The same bytes then replace EVENTMSG.XML in the
 // registered directory of a file object that lives across inputs: it must load the new
-// file (a new inode each time) and answer as the text in memory does.
+// file (a new inode each time) and answer as the text in memory does. Last, the document
+// reader's cursor walks the same text element by element, as a reader of its own would.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -10,6 +11,7 @@
 
 #include "fuzz/FuzzHarness.h"
 #include "msglog/LogMsgFile.h"
+#include "msglog/XmlDocument.h"
 
 using namespace em_oidmap;  // a program of its own: its names are short
 using fuzz::Check;
@@ -21,6 +23,19 @@ const char* const kKeys[] = {kKeyLongMsg, kKeyShortMsg, kKeyCause, "", nullptr};
 const char* const kLanguages[] = {nullptr, "en", "DE", ""};
 const int kIndexes[] = {-1, 0, 1, 3};
 const uint32_t kLanguageIds[] = {0x409, 0x407, 0, 0xFFFFFFFFu};
+
+// Every element below the cursor's level, depth first, its text and an attribute read.
+void Walk(CXmlDocument& doc, int depth) {
+  while (doc.FindElem()) {
+    Check(!doc.GetTagName().empty());
+    doc.GetData();
+    doc.GetAttrib("Code");
+    if (depth < 64 && doc.IntoElem()) {
+      Walk(doc, depth + 1);
+      Check(doc.OutOfElem());
+    }
+  }
+}
 
 }  // namespace
 
@@ -63,5 +78,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     }
   }
   Check(onDisk.LanguageName(0x407) == file.LanguageName(0x407));
+
+  CXmlDocument doc;
+  Check(doc.LoadFromText(fuzz::Text(data, size)) == doc.IsLoaded());
+  Walk(doc, 0);
   return 0;
 }
