@@ -186,9 +186,27 @@ class LogQueryE2ETest : public ModuleHostTest {
     ASSERT_EQ(0, chdir(EM_SAMPLE_MSGFILES_DIR));
   }
   void TearDown() override {
+    if (!released_) Release();  // before the delete, which waits for the worker
     ModuleHostTest::TearDown();
     unsetenv("EM_OIDMAP_CACHE_WAIT_MS");
     EXPECT_EQ(0, chdir(cwd_));
+  }
+
+  // Holds the worker in the first request of opcode `oc` it sends until Release(); true
+  // once it is held. The hook's state is the fixture's: it outlives the test's body.
+  void HoldFirst(uint32_t oc) {
+    host_.SetRequestHook([this, oc](const SipJson& request) {
+      if (request.GetOpcode(request.CurrentIndex()) != oc || !armed_.exchange(false)) return;
+      held_.set_value();
+      releasedSignal_.wait();
+    });
+  }
+  bool Held() {
+    return held_.get_future().wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+  }
+  void Release() {
+    released_ = true;
+    release_.set_value();
   }
 
   // Module A, speaking English and German as the re-scan learns them.
@@ -227,6 +245,10 @@ class LogQueryE2ETest : public ModuleHostTest {
   }
 
   char cwd_[4096] = {};
+  std::promise<void> held_, release_;
+  std::shared_future<void> releasedSignal_ = release_.get_future().share();
+  std::atomic<bool> armed_{true};
+  bool released_ = false;
 };
 
 TEST_F(LogQueryE2ETest, FullLife_PageInTheClientsLanguageFromEverySource) {
@@ -302,17 +324,10 @@ TEST_F(LogQueryE2ETest, Refusals_LanguageCacheNeverReadyAndFullQueue) {
   AddSpeaker();
   // The worker is held in its first text fetch below, and texts no message file knows
   // fill its queue of 19.
-  std::promise<void> held, release;
-  std::shared_future<void> released = release.get_future().share();
-  std::atomic<bool> armed{true};
-  host_.SetRequestHook([&](const SipJson& request) {
-    if (request.GetOpcode(request.CurrentIndex()) != 0x0B21 || !armed.exchange(false)) return;
-    held.set_value();
-    released.wait();
-  });
+  HoldFirst(0x0B21);
   StartWithCabinets(0, {});
   EXPECT_EQ(0x16u, Ask(0x0B21, kEnglish, 0, 0x3E0000).GetStatus(0));
-  ASSERT_EQ(std::future_status::ready, held.get_future().wait_for(std::chrono::seconds(60)));
+  ASSERT_TRUE(Held());
   for (uint32_t code = 0x3E0001; code < 0x3E0014; ++code) {
     EXPECT_EQ(0x16u, Ask(0x0B21, kEnglish, 0, code).GetStatus(0)) << "queued";
   }
@@ -340,8 +355,6 @@ TEST_F(LogQueryE2ETest, Refusals_LanguageCacheNeverReadyAndFullQueue) {
     EXPECT_TRUE(Sink().HasLine(c.line)) << Sink().Text();
     EXPECT_EQ(c.waits, Sink().Contains("Wait on event"));
   }
-  release.set_value();
-  Destroy();  // joins the worker, whose fetches still call the hook
 }
 
 // EM_OIDMAP_CACHE_WAIT_MS is read when the module is created: only a positive number of
@@ -390,19 +403,9 @@ TEST_F(LogQueryE2ETest, SilentModule_PageWaitsOneTimeOutAndTheWorkerFetchesForTh
 
   // The worker is held in a summary request meanwhile, so that what it does after the page
   // can be told apart.
-  std::promise<void> held;
-  std::future<void> holding = held.get_future();
-  std::promise<void> release;
-  std::shared_future<void> released = release.get_future().share();
-  std::atomic<bool> armed{true};
-  host_.SetRequestHook([&](const SipJson& request) {
-    if (request.GetOpcode(request.CurrentIndex()) == 0x0B23 && armed.exchange(false)) {
-      held.set_value();
-      released.wait();
-    }
-  });
+  HoldFirst(0x0B23);
   EXPECT_EQ(0x16u, Ask(0x0B23, kEnglish, 0, 0x040001).GetStatus(0));
-  ASSERT_EQ(std::future_status::ready, holding.wait_for(std::chrono::seconds(60)));
+  ASSERT_TRUE(Held());
 
   const size_t before = host_.SentCount();
   const std::vector<PageRecord> page = Page(kEnglish, 0, 0);
@@ -430,7 +433,7 @@ TEST_F(LogQueryE2ETest, SilentModule_PageWaitsOneTimeOutAndTheWorkerFetchesForTh
   // The module knows the texts now: once the worker goes on, it fetches every code.
   a.ClearRules();
   a.AddRule(Rule(0x0B21, "\"Text from below.\""));
-  release.set_value();
+  Release();
   ASSERT_TRUE(WaitForTrace("put \"long text\" message into cache", kCodes + 1, 120));
   host_.SetRequestHook(nullptr);
   const size_t after = host_.SentCount();

@@ -3,6 +3,7 @@
 #include <chrono>
 #include <mutex>
 #include <optional>
+#include <thread>
 
 #include <gtest/gtest.h>
 
@@ -35,6 +36,7 @@ class RecordingModule : public CExtensionModule {
   struct Reply {
     int32_t index;
     uint32_t commandCount, mid;
+    std::thread::id thread;
   };
   std::vector<Reply> Replies() const {
     std::lock_guard<std::mutex> lock(mutex_);
@@ -43,7 +45,8 @@ class RecordingModule : public CExtensionModule {
   void OnReply(SipJson& reply) override {
     const int32_t i = reply.CurrentIndex();
     std::lock_guard<std::mutex> lock(mutex_);
-    replies_.push_back({i, reply.CommandCount(), reply.GetKey(i, "MI")});
+    replies_.push_back(
+        {i, reply.CommandCount(), reply.GetKey(i, "MI"), std::this_thread::get_id()});
     reply.SetCurrentIndex(7);
   }
 
@@ -171,6 +174,26 @@ TEST_F(SimHostTest, Records_KeepTheirNumbersWhenOlderOnesAreForgotten) {
   EXPECT_TRUE(host.SentRequestsFrom(3).empty());
   EXPECT_TRUE(host.WaitForMore(2, 0, milliseconds(1)));
   EXPECT_FALSE(host.WaitForMore(3, 0, milliseconds(1)));
+}
+
+// A log event's record joins its module's log (the golden runs never read a log again
+// after an event); an event delivered on a thread reaches the module on that thread.
+TEST_F(SimHostTest, Events_LogRecordsJoinTheLogAndOnThreadMeansAnotherThread) {
+  SimModule& a = host.AddModule(kMidA);
+  a.SetLog(kOcLogMessageArguments, std::nullopt, {1, 2});
+  rapidjson::Document event;
+  event.Parse(R"({"OC":2838,"CA":0,"DA":{"RAW":[3]}})");
+  EXPECT_TRUE(a.ApplyEvent(event));
+  event.Parse(R"({"OC":2838,"CA":0,"DA":5})");
+  EXPECT_FALSE(a.ApplyEvent(event)) << "no raw bytes";
+  const SipJson log = Send({0x0B16, 0, 0, 0}, kMidA);
+  EXPECT_EQ(ToJsonText(log.Command(0)->FindMember("DA")->value), R"({"RAW":[1,2,3]})");
+
+  host.DeliverEventOnThread(kMidA, SipJson(0x0B10, 0, 3, 0));
+  const auto replies = module.Replies();
+  ASSERT_EQ(replies.size(), 2u);  // the log's answer and the event
+  EXPECT_EQ(replies[0].thread, std::this_thread::get_id());
+  EXPECT_NE(replies[1].thread, std::this_thread::get_id());
 }
 
 }  // namespace
