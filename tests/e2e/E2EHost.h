@@ -10,18 +10,27 @@
 #include <chrono>
 #include <cstdint>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "hostsim/DebugSink.h"
 #include "hostsim/SimHost.h"
+#include "hostsim/SimLog.h"
 #include "module/CIExtensionModule.h"
 #include "sip/SipJson.h"
 
 namespace em_oidmap {
 
 namespace e2e {
+
+using hostsim::EncodeLog;
+using hostsim::OldStyle;
+using hostsim::SimHost;
+using hostsim::SimModule;
+using hostsim::Sink;
+using hostsim::Unified;
 
 using CreateFn = bool (*)(CIExtensionModule**, void*);
 using DeleteFn = unsigned int (*)();
@@ -116,6 +125,8 @@ inline bool WaitForTrace(const std::string& text, size_t n, int seconds = 30) {
 
 constexpr uint32_t kMidA = 0x00010001;
 constexpr uint32_t kMidB = 0x00020001;
+constexpr uint32_t kFanCount = 0x0300;
+constexpr uint32_t kFanGet = 0x0301;
 constexpr const char* kReadySet = "Ready event SET for message log cache cabinet";
 
 // A log event of a lower module carrying `records`.
@@ -172,6 +183,25 @@ class ModuleHostTest : public ::testing::Test {
   void StartWithCabinets(uint32_t server, const std::vector<uint32_t>& se, bool enumOk = true) {
     host_.SetSeCabinets(se, enumOk);
     StartOn(host_, server);
+  }
+
+  // Sends the module a request as a client does; `da` goes as a value, `ci` when not 0.
+  SipJson Ask(uint32_t oc, uint32_t oe = 0, uint32_t oi = 0,
+              std::optional<uint32_t> da = std::nullopt, uint32_t ca = 0, uint32_t ci = 0) {
+    SipJson msg(oc, oe, oi, ca);
+    if (da) msg.SetDataValue(*da, 0x16);
+    if (ci != 0) msg.SetKey("CI", ci, true);
+    EXPECT_EQ(1u, module_->OnRequest(msg));
+    return msg;
+  }
+
+  // The value a request is answered with (0 when none); the answer must be a success.
+  uint32_t AskValue(uint32_t oc) {
+    const SipJson msg = Ask(oc);
+    EXPECT_EQ(0u, msg.GetStatus(0)) << std::hex << "OC 0x" << oc;
+    uint32_t value = 0;
+    msg.GetDataValue(0, value);
+    return value;
   }
 
   // Re-scans and waits up to `seconds` until the scan has made a cache ready.

@@ -16,28 +16,10 @@
 #include <vector>
 
 #include "E2EHost.h"
-#include "hostsim/SimLog.h"
 
-namespace em_oidmap {
-
+namespace em_oidmap::e2e {
 namespace {
 
-using e2e::CallSlot;
-using e2e::FiredSequenceNumbers;
-using e2e::LogEvent;
-using e2e::kReadySet;
-using e2e::kMidA;
-using e2e::kMidB;
-using e2e::Rule;
-using hostsim::EncodeLog;
-using hostsim::OldStyle;
-using hostsim::SimHost;
-using hostsim::SimModule;
-using hostsim::Sink;
-using hostsim::Unified;
-
-constexpr uint32_t kFanCount = 0x0300;
-constexpr uint32_t kFanGet = 0x0301;
 constexpr uint32_t kSwitchShutdown = 0x20000;
 
 size_t ThreadCount() {
@@ -73,13 +55,7 @@ void AddWellFormedModules(SimHost& host) {
   b.AddRule(Rule(kFanGet, "\"B\""));
 }
 
-hostsim::ReplyRule Fault(uint32_t oc) {
-  hostsim::ReplyRule rule;
-  rule.oc = oc;
-  return rule;
-}
-
-class FaultE2ETest : public e2e::ModuleHostTest {
+class FaultE2ETest : public ModuleHostTest {
  protected:
   void SetUp() override {
     ModuleHostTest::SetUp();
@@ -97,16 +73,6 @@ class FaultE2ETest : public e2e::ModuleHostTest {
 
   // Scans of 10 MB or 50,000 replies take minutes under ThreadSanitizer.
   void RescanAndWait() { ModuleHostTest::RescanAndWait(600); }
-
-  uint32_t Query(uint32_t oc, uint32_t ca = 0) {
-    SipJson msg(oc, 0, 0, ca);
-    EXPECT_EQ(1u, module_->OnRequest(msg));
-    uint32_t value = 0;
-    EXPECT_EQ(0u, msg.GetStatus(0)) << std::hex << "OC 0x" << oc;
-    msg.GetDataValue(0, value);
-    return value;
-  }
-  uint32_t Entries(uint32_t ca = 0) { return Query(0x0B13, ca); }
 
   // The opcodes that start, re-scan and a message log scan send to these modules.
   std::set<uint32_t> OpcodesSent() {
@@ -135,7 +101,7 @@ TEST_F(FaultE2ETest, LowerModuleFaults_DefinedAnswersAndWellFormedEntriesKept) {
   auto onEvery = [&ocs](std::function<void(hostsim::ReplyRule&)> set) {
     return [&ocs, set](SimModule& b) {
       for (uint32_t oc : ocs) {
-        hostsim::ReplyRule rule = Fault(oc);
+        hostsim::ReplyRule rule = Rule(oc, "");
         set(rule);
         b.AddFault(rule);
       }
@@ -143,6 +109,11 @@ TEST_F(FaultE2ETest, LowerModuleFaults_DefinedAnswersAndWellFormedEntriesKept) {
   };
   auto statusText = [&](const char* text) {
     return onEvery([text](hostsim::ReplyRule& r) { r.statusText = text; });
+  };
+  auto flood = [](uint32_t oc) {
+    hostsim::ReplyRule rule = Rule(oc, "");
+    rule.replies = 50000;
+    return rule;
   };
   // 10 MB in records of about 64 KB, the most one unified record can hold.
   std::vector<hostsim::SimUnifiedRecord> big;
@@ -156,40 +127,36 @@ TEST_F(FaultE2ETest, LowerModuleFaults_DefinedAnswersAndWellFormedEntriesKept) {
     const char* name;
     std::function<void(SimModule&)> fault;
     uint32_t entries;  // in cabinet 0's cache after the scan
-    bool bMapped;      // B's fans were counted
+    uint32_t lastFan;  // global index of B's last fan; 0: B's fans were not counted
   };
   const Case cases[] = {
-      {"none", [](SimModule&) {}, 3, true},
+      {"none", [](SimModule&) {}, 3, 4},
       {"times out on every opcode",
-       onEvery([](hostsim::ReplyRule& r) { r.delayMs = hostsim::kNeverInTime; }), 2, false},
-      {"answers 20 ms late", onEvery([](hostsim::ReplyRule& r) { r.lateMs = 20; }), 3, true},
+       onEvery([](hostsim::ReplyRule& r) { r.delayMs = hostsim::kNeverInTime; }), 2, 0},
+      {"answers 20 ms late", onEvery([](hostsim::ReplyRule& r) { r.lateMs = 20; }), 3, 4},
       // Status text is read up to its first character that is no digit: these are 0.
-      {"ST \" 7\"", statusText(" 7"), 3, true},
-      {"ST \"0x\"", statusText("0x"), 3, true},
-      {"ST \"-1\"", statusText("-1"), 3, true},
+      {"ST \" 7\"", statusText(" 7"), 3, 4},
+      {"ST \"0x\"", statusText("0x"), 3, 4},
+      {"ST \"-1\"", statusText("-1"), 3, 4},
       // Beyond 32 bits the value stays at 0xFFFFFFFF: no valid status, nothing taken.
-      {"ST \"99999999999\"", statusText("99999999999"), 2, false},
+      {"ST \"99999999999\"", statusText("99999999999"), 2, 0},
       {"count as text, log as a number",
-       onEvery([](hostsim::ReplyRule& r) { r.wrongType = true; }), 2, false},
+       onEvery([](hostsim::ReplyRule& r) { r.wrongType = true; }), 2, 0},
       {"log as an object",
-       [](SimModule& b) {
-         hostsim::ReplyRule rule = Fault(0x0B16);
-         rule.dataJson = R"({"Speed":1})";
-         b.AddFault(rule);
-       },
-       2, true},
+       [](SimModule& b) { b.AddFault(Rule(0x0B16, R"({"Speed":1})")); }, 2, 4},
       {"10 MB of log", [&](SimModule& b) { b.SetLog(0x0B16, std::nullopt, tenMegabytes); },
-       2 + 160, true},
+       2 + 160, 4},
       // Asked once for its old-style logs however often it says it has no unified one.
       {"50,000 refusals of one broadcast",
-       [](SimModule& b) {
+       [&](SimModule& b) {
          b.SetStatusOverride(0x0B16, 0x13);
          b.SetLog(0x0B00, 0u, EncodeLog({OldStyle(0x0401, 5)}));
-         hostsim::ReplyRule flood = Fault(0x0B16);
-         flood.replies = 50000;
-         b.AddFault(flood);
+         b.AddFault(flood(0x0B16));
        },
-       3, true},
+       3, 4},
+      // Instances stay addressable by a 16-bit global index, and start goes on.
+      {"50,000 answers of one count broadcast",
+       [&](SimModule& b) { b.AddFault(flood(kFanCount)); }, 3, 0xFFFF},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -199,36 +166,17 @@ TEST_F(FaultE2ETest, LowerModuleFaults_DefinedAnswersAndWellFormedEntriesKept) {
     c.fault(*host.FindModule(kMidB));
     StartOn(host);
     RescanAndWait();
-    EXPECT_EQ(c.entries, Entries());
-    EXPECT_LE(e2e::SentWithOpcode(host, 0x0B00), 2u) << "one request per log and module";
-    // Global index 3 is B's second fan when B's count was taken; else there is none.
-    SipJson fan(kFanGet, 0, 3, 0);
-    module_->OnRequest(fan);
-    if (c.bMapped) {
-      EXPECT_EQ("B", e2e::DataText(fan));
+    EXPECT_EQ(c.entries, AskValue(0x0B13));
+    EXPECT_LE(SentWithOpcode(host, 0x0B00), 2u) << "one request per log and module";
+    if (c.lastFan != 0) {
+      EXPECT_EQ("B", DataText(Ask(kFanGet, 0, c.lastFan)));
+      SipJson beyond(kFanGet, 0, c.lastFan + 1, 0);
+      module_->OnRequest(beyond);
+      EXPECT_EQ(0x01u, beyond.GetStatus(0)) << "no instance past the last";
     }
     Destroy();
     EXPECT_EQ(threads_, ThreadCountSettled(threads_));
   }
-}
-
-// A count broadcast answered 50,000 times: the instances of one kind stay addressable by
-// a 16-bit global index, and start goes on.
-TEST_F(FaultE2ETest, CountBroadcastFlooded_InstancesBoundedAndStartCompletes) {
-  AddWellFormedModules(host_);
-  hostsim::ReplyRule flood = Fault(kFanCount);
-  flood.replies = 50000;
-  host_.FindModule(kMidB)->AddFault(flood);
-  StartWithCabinets(0, {});
-  for (const uint32_t oi : {3u, 0xFFFFu}) {
-    SipJson fan(kFanGet, 0, oi, 0);
-    EXPECT_EQ(1u, module_->OnRequest(fan));
-    EXPECT_EQ(0u, fan.GetStatus(0));
-    EXPECT_EQ("B", e2e::DataText(fan)) << oi;
-  }
-  SipJson beyond(kFanGet, 0, 0x10000, 0);
-  module_->OnRequest(beyond);
-  EXPECT_EQ(0x01u, beyond.GetStatus(0)) << "no instance past the 16-bit index";
 }
 
 // Stop (slot 6) or the switch-shutdown notification arrives on another host thread while
@@ -267,14 +215,14 @@ TEST_F(FaultE2ETest, StopAndShutdownMidway_EndWithDefinedResults) {
       });
       if (c.phase == kScan && c.stop) {
         // Stop waits for this scan: let it begin, then finish the scan.
-        EXPECT_TRUE(e2e::WaitForTrace("Disable all Tasks", 1));
+        EXPECT_TRUE(WaitForTrace("Disable all Tasks", 1));
       } else {
         action.join();
       }
     });
     if (c.phase == kStarting) {
       std::thread start([&] { EXPECT_EQ(1u, module_->Start(&host, context)); });
-      EXPECT_TRUE(e2e::WaitForTrace("StartSerialization!", 1));
+      EXPECT_TRUE(WaitForTrace("StartSerialization!", 1));
       result = CallSlot<uint32_t>(module_, 6);
       start.join();
     } else {
@@ -287,9 +235,9 @@ TEST_F(FaultE2ETest, StopAndShutdownMidway_EndWithDefinedResults) {
     armed = c.phase == kRescan || c.phase == kScan;
     module_->Rescan();
     if (c.phase == kScan) {
-      EXPECT_TRUE(e2e::WaitForTrace(kReadySet, 1));
+      EXPECT_TRUE(WaitForTrace(kReadySet, 1));
       if (action.joinable()) action.join();
-      EXPECT_EQ(3u, Entries()) << "the running scan finished";
+      EXPECT_EQ(3u, AskValue(0x0B13)) << "the running scan finished";
     }
     if (c.stop) {
       EXPECT_EQ(1u, result.load());
@@ -300,7 +248,7 @@ TEST_F(FaultE2ETest, StopAndShutdownMidway_EndWithDefinedResults) {
     if (c.phase != kScan) {
       // Nothing runs any more: no scan was queued, or the worker is gone.
       std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      EXPECT_EQ(0u, e2e::SentWithOpcode(host, 0x0B16));
+      EXPECT_EQ(0u, SentWithOpcode(host, 0x0B16));
     }
     if (action.joinable()) action.join();
     host.SetRequestHook(nullptr);
@@ -313,7 +261,7 @@ TEST_F(FaultE2ETest, StopAndShutdownMidway_EndWithDefinedResults) {
 // queued ones never run and are freed.
 TEST_F(FaultE2ETest, DeleteWithScansQueuedAndOneRunning_WaitsForTheRunningOneOnly) {
   AddWellFormedModules(host_);
-  hostsim::ReplyRule late = Fault(0x0B16);
+  hostsim::ReplyRule late = Rule(0x0B16, "");
   late.lateMs = 300;
   host_.FindModule(kMidA)->AddFault(late);
   StartWithCabinets(0, {1, 2, 3, 4});
@@ -323,7 +271,7 @@ TEST_F(FaultE2ETest, DeleteWithScansQueuedAndOneRunning_WaitsForTheRunningOneOnl
   const auto begin = std::chrono::steady_clock::now();
   Destroy();
   const auto took = std::chrono::steady_clock::now() - begin;
-  EXPECT_EQ(1u, e2e::SentWithOpcode(host_, 0x0B16));
+  EXPECT_EQ(1u, SentWithOpcode(host_, 0x0B16));
   EXPECT_LT(took, std::chrono::seconds(3));
 }
 
@@ -380,10 +328,10 @@ TEST_F(FaultE2ETest, EventsOnHostThreadsDuringStartAndScan_EveryEntryKept) {
   EXPECT_FALSE(duringScan.load());
 
   const uint32_t events = 2 * kThreads * kEventsPerThread;
-  EXPECT_EQ(3 + events, Entries()) << "the scan's three and every event's";
+  EXPECT_EQ(3 + events, AskValue(0x0B13)) << "the scan's three and every event's";
   const std::vector<uint32_t> fired = FiredSequenceNumbers(host_);
   EXPECT_EQ(fired.size(), std::set<uint32_t>(fired.begin(), fired.end()).size());
-  EXPECT_EQ(3 + events, Query(0x0B12)) << "every number handed out once";
+  EXPECT_EQ(3 + events, AskValue(0x0B12)) << "every number handed out once";
   host_.SetRequestHook(nullptr);
 }
 
@@ -403,5 +351,4 @@ TEST_F(FaultE2ETest, LogEventsForUnknownCabinets_CacheTableBounded) {
 }
 
 }  // namespace
-
-}  // namespace em_oidmap
+}  // namespace em_oidmap::e2e

@@ -1,7 +1,10 @@
-// Log queries and message texts through em_oidmap.so as a client sees them: pages of the
-// collected log translated into its language, sequence numbers and counts, help texts
-// fetched from the lower modules on the task thread and answered later, raw records. (The
-// demo scenario's answers are emhost's golden output; many clients at once, the soak's.)
+// The message log through em_oidmap.so as a host and its clients see it: the scans that
+// re-scan queues on the worker, the CSS and designation requests they send, time-outs and
+// failures, log events that add an entry and announce it with CM_LogMessageEvent (0x0B11);
+// pages of the collected log translated into the client's language, sequence numbers and
+// counts, help texts fetched from the lower modules on the task thread and answered later,
+// raw records. (The demo scenario's answers are emhost's golden output; many clients at
+// once, the soak's.)
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -11,26 +14,127 @@
 #include <cstdlib>
 #include <future>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "E2EHost.h"
-#include "hostsim/SimLog.h"
 
-namespace em_oidmap {
-
+namespace em_oidmap::e2e {
 namespace {
 
-using e2e::kMidA;
-using e2e::kMidB;
-using hostsim::EncodeLog;
-using hostsim::OldStyle;
-using hostsim::Sink;
-using hostsim::Unified;
+class LogCollectionE2ETest : public ModuleHostTest {};
+
+TEST_F(LogCollectionE2ETest, OldStyleRecords_CssAndDesignationAskedOncePerKey) {
+  SimModule& a = host_.AddModule(kMidA);
+  // Three records of one key (class 0x04, object 2, cabinet 0), one of another object.
+  a.SetLog(0x0B00, 0u,
+           EncodeLog({OldStyle(0x0401, 1, 2), OldStyle(0x0401, 2, 2), OldStyle(0x0401, 3, 2),
+                      OldStyle(0x0401, 4, 3)}));
+  a.AddRule(Rule(0x0307, "1"));          // CSS relevant
+  a.AddRule(Rule(0x0304, "\"FAN 2\""));  // designation
+  // The second module's CSS requests fail: asked again for every record.
+  SimModule& b = host_.AddModule(kMidB);
+  b.SetLog(0x0B00, 1u, EncodeLog({OldStyle(0x0701, 5, 1), OldStyle(0x0701, 6, 1)}));
+  b.AddRule(Rule(0x0505, "", 0x13));
+  // The third one's classes have no CSS request; designation rows 0x360A and 0x360C ask
+  // nothing, 0x3601 falls back to the class row.
+  SimModule& c = host_.AddModule(0x00030001);
+  c.SetLog(0x0B00, 0u,
+           EncodeLog({OldStyle(0x360A, 7), OldStyle(0x360C, 8), OldStyle(0x3601, 9),
+                      OldStyle(0x0501, 10)}));
+  c.AddRule(Rule(0xF042, "\"PSU 1\""));
+  StartWithCabinets(0, {});
+  RescanAndWait();
+
+  EXPECT_EQ(2u, SentWithOpcode(host_, 0x0307)) << "one per key: objects 2 and 3";
+  EXPECT_EQ(2u, SentWithOpcode(host_, 0x0304));
+  EXPECT_EQ(2u, SentWithOpcode(host_, 0x0505)) << "a failed answer is not kept";
+  EXPECT_EQ(1u, SentWithOpcode(host_, 0xF042));
+  EXPECT_EQ(1u, SentWithOpcode(host_, 0x0404)) << "class 0x05";
+  EXPECT_EQ(4u, Sink().Count("Request CSS support"));
+  EXPECT_EQ(4u, Sink().Count("\nEM_OIDMAP           :     CSS: yes"));
+  EXPECT_EQ(4u, Sink().Count("Designation string: \"FAN 2\""));
+  EXPECT_EQ(1u, Sink().Count("Designation string: \"PSU 1\""));
+  EXPECT_TRUE(Traced("    Request CSS support CAB 0 OC 0x0307 OID 0x0002"));
+  EXPECT_TRUE(Traced("Add message log entry 0x0401 OID 3"));
+  EXPECT_TRUE(Traced("    10 entries stored to messag log cache"));
+}
+
+TEST_F(LogCollectionE2ETest, ModuleThatTimesOut_OthersEntriesKeptAndCacheReady) {
+  host_.AddModule(kMidA).SetLog(0x0B16, std::nullopt, EncodeLog({Unified(0x123456, 1, {"a"})}));
+  host_.AddModule(kMidB).AddRule(Rule(0x0B00, "", 0, 200000));  // answers after the time-out
+  StartWithCabinets(0, {});
+  RescanAndWait();
+  EXPECT_TRUE(Traced("MID 0x00020001: ## CM_LogEntry (CMOID_CriticalErrorLog) - TIMEOUT!! ##"));
+  EXPECT_TRUE(Traced("MID 0x00020001: ## CM_LogEntry (CMOID_NonCriticalMessageLog) - "
+      "TIMEOUT!! ##"));
+  EXPECT_TRUE(Traced(" Add message log entry 0x123456 (CSS: no)"));
+  EXPECT_TRUE(Traced("    1 entries stored to messag log cache"));
+  EXPECT_TRUE(Traced("Ready event SET for message log cache cabinet 0"));
+  EXPECT_FALSE(Sink().Contains("FAILED to set"));
+}
+
+TEST_F(LogCollectionE2ETest, ExceptionInsideAScan_ReadyEventStillSet) {
+  host_.AddModule(kMidA).SetLog(0x0B00, 1u, EncodeLog({OldStyle(0x0401, 1)}));
+  StartWithCabinets(0, {});
+  host_.SetRequestHook([](const SipJson& request) {
+    const int32_t i = request.CurrentIndex();
+    if (request.GetKey(i, "MI") == 0xFFFFFFFF &&
+        (request.GetOpcode(i) == 0x0B16 || (request.GetOpcode(i) == 0x0B00 && request.GetKey(i, "OI") == 0))) {
+      throw std::runtime_error("host failure");
+    }
+  });
+  RescanAndWait();
+  EXPECT_TRUE(Traced("EXCEPTION during message log scan"));
+
+  // The log scan: the error log stage fails, the event log stage still runs.
+  SipJson task(0x0B10, 0, 0, 0);
+  CallSlot<void, SipJson*, int32_t>(module_, 25, &task, 0);
+  EXPECT_TRUE(Traced("EXCEPTION during error log scan"));
+  EXPECT_TRUE(Traced("    1 entries stored to messag log cache"));
+  EXPECT_EQ(2u, Sink().Count(kReadySet));
+}
+
+TEST_F(LogCollectionE2ETest, LogEvents_StoreTheirRecordAndAnnounceItsSequenceNumber) {
+  StartWithCabinets(0, {});
+  host_.DeliverEvent(kMidA, LogEvent(0x0B00, EncodeLog({OldStyle(0x0401, 7)})));
+  host_.DeliverEvent(kMidA, LogEvent(0x0B16, EncodeLog({Unified(0x10, 8), Unified(0x11, 9)})));
+  EXPECT_EQ((std::vector<uint32_t>{1, 2}), FiredSequenceNumbers(host_)) << "the first new one";
+  EXPECT_TRUE(Sink().HasLine(
+      "\nEM_OIDMAP (REPLY)   : FireEvent CM_LogMessageEvent (Sequence Number: 2)"));
+
+  // Events that add nothing announce nothing: no record, no whole record, data that is
+  // no raw bytes; a reply (ST 0x00) is not an event and is not stored.
+  std::vector<uint8_t> zeroLength = Unified(0x12).Encode();
+  zeroLength[0] = zeroLength[1] = 0;
+  SipJson text(0x0B16, 0, 0, 0);
+  text.SetDataString("not records", 0xFF);
+  SipJson reply = LogEvent(0x0B00, EncodeLog({OldStyle(0x0402, 1)}));
+  reply.SetStatus(0x00);
+  reply.SetModuleId(kMidA);
+  host_.DeliverEvent(kMidA, LogEvent(0x0B00, std::vector<uint8_t>(11, 1)));
+  host_.DeliverEvent(kMidA, LogEvent(0x0B16, zeroLength));
+  host_.DeliverEvent(kMidA, text);
+  CallSlot<void, SipJson*>(module_, 8, &reply);
+  EXPECT_EQ(2u, FiredSequenceNumbers(host_).size());
+  EXPECT_EQ(2u, Sink().Count("## ERROR! Message log data from MID 0x00010001 malformed"));
+  EXPECT_TRUE(Traced("## ERROR! Message log data from MID 0x00010001 is not raw bytes - "
+      "ignored"));
+
+  host_.DeliverEvent(kMidA, LogEvent(0x0B00, EncodeLog({OldStyle(0x0403, 2)})));
+  EXPECT_EQ((std::vector<uint32_t>{1, 2, 4}), FiredSequenceNumbers(host_))
+      << "the reply took no sequence number";
+
+  // An event whose entry the cache holds already is stored again and announced: every
+  // log event stored is announced once, with its own new number.
+  host_.DeliverEvent(kMidA, LogEvent(0x0B00, EncodeLog({OldStyle(0x0403, 2)})));
+  EXPECT_EQ((std::vector<uint32_t>{1, 2, 4, 5}), FiredSequenceNumbers(host_));
+}
+
 
 constexpr uint32_t kEnglish = 0x409;
-constexpr uint32_t kGerman = 0x407;
 
 // One answer record of a log page.
 struct PageRecord {
@@ -68,12 +172,12 @@ bool ParsePage(const std::vector<uint8_t>& data, std::vector<PageRecord>* record
 
 // A module's answer to a text request about error code `code`.
 hostsim::ReplyRule TextRule(uint32_t oc, uint32_t code, const std::string& da) {
-  hostsim::ReplyRule rule = e2e::Rule(oc, da);
+  hostsim::ReplyRule rule = Rule(oc, da);
   rule.whenDa = code;
   return rule;
 }
 
-class LogQueryE2ETest : public e2e::ModuleHostTest {
+class LogQueryE2ETest : public ModuleHostTest {
  protected:
   void SetUp() override {
     ModuleHostTest::SetUp();
@@ -82,23 +186,33 @@ class LogQueryE2ETest : public e2e::ModuleHostTest {
     ASSERT_EQ(0, chdir(EM_SAMPLE_MSGFILES_DIR));
   }
   void TearDown() override {
+    if (!released_) Release();  // before the delete, which waits for the worker
     ModuleHostTest::TearDown();
     unsetenv("EM_OIDMAP_CACHE_WAIT_MS");
     EXPECT_EQ(0, chdir(cwd_));
   }
 
-  // English and German, as the re-scan learns them.
-  static void SpeakLanguages(hostsim::SimModule& module) {
-    module.AddRule(e2e::Rule(0x0B20, R"({"RAW":[9,4,7,4]})"));
+  // Holds the worker in the first request of opcode `oc` it sends until Release(); true
+  // once it is held. The hook's state is the fixture's: it outlives the test's body.
+  void HoldFirst(uint32_t oc) {
+    host_.SetRequestHook([this, oc](const SipJson& request) {
+      if (request.GetOpcode(request.CurrentIndex()) != oc || !armed_.exchange(false)) return;
+      held_.set_value();
+      releasedSignal_.wait();
+    });
+  }
+  bool Held() {
+    return held_.get_future().wait_for(std::chrono::seconds(60)) == std::future_status::ready;
+  }
+  void Release() {
+    released_ = true;
+    release_.set_value();
   }
 
-  // Module A speaking the SEL languages, with `entries` unified records numbered from 1.
-  hostsim::SimModule& ModuleWithLog(uint32_t entries) {
-    hostsim::SimModule& a = host_.AddModule(kMidA);
-    SpeakLanguages(a);
-    std::vector<hostsim::SimUnifiedRecord> records;
-    for (uint32_t n = 1; n <= entries; ++n) records.push_back(Unified(0x040005, n, {"1", "2"}));
-    a.SetLog(0x0B16, std::nullopt, EncodeLog(records));
+  // Module A, speaking English and German as the re-scan learns them.
+  SimModule& AddSpeaker() {
+    SimModule& a = host_.AddModule(kMidA);
+    a.AddRule(Rule(0x0B20, R"({"RAW":[9,4,7,4]})"));
     return a;
   }
 
@@ -107,17 +221,9 @@ class LogQueryE2ETest : public e2e::ModuleHostTest {
     module_->Rescan();
   }
 
-  SipJson Query(uint32_t oc, uint32_t oe, uint32_t oi, std::optional<uint32_t> da,
-                uint32_t ca = 0) {
-    SipJson msg(oc, oe, oi, ca);
-    if (da) msg.SetDataValue(*da, 0x16);
-    EXPECT_EQ(1u, module_->OnRequest(msg));
-    return msg;
-  }
-
   std::vector<PageRecord> Page(uint32_t lang, uint32_t page, uint32_t sequence,
                                uint32_t* status = nullptr) {
-    SipJson msg = Query(0x0B10, lang, page, sequence);
+    SipJson msg = Ask(0x0B10, lang, page, sequence);
     if (status != nullptr) *status = msg.GetStatus(0);
     std::vector<uint8_t> data;
     msg.GetDataBytes(0, data);
@@ -127,7 +233,7 @@ class LogQueryE2ETest : public e2e::ModuleHostTest {
   }
 
   // The late answer of a queued request, matched by its CI.
-  static std::optional<SipJson> LateAnswer(const hostsim::SimHost& host, uint32_t ci) {
+  static std::optional<SipJson> LateAnswer(const SimHost& host, uint32_t ci) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (std::chrono::steady_clock::now() < deadline) {
       for (const auto& handed : host.HandedBackMessages()) {
@@ -139,11 +245,14 @@ class LogQueryE2ETest : public e2e::ModuleHostTest {
   }
 
   char cwd_[4096] = {};
+  std::promise<void> held_, release_;
+  std::shared_future<void> releasedSignal_ = release_.get_future().share();
+  std::atomic<bool> armed_{true};
+  bool released_ = false;
 };
 
 TEST_F(LogQueryE2ETest, FullLife_PageInTheClientsLanguageFromEverySource) {
-  hostsim::SimModule& a = host_.AddModule(kMidA);
-  SpeakLanguages(a);
+  SimModule& a = AddSpeaker();
   hostsim::SimUnifiedRecord fans = Unified(0x040005, 10, {"2", "3"});
   fans.flags = 0x0301;  // only the low byte is answered
   fans.codeBits = 24;
@@ -151,9 +260,9 @@ TEST_F(LogQueryE2ETest, FullLife_PageInTheClientsLanguageFromEverySource) {
   // 0x0A0001 is in no message file, but module A knows its long text.
   a.AddRule(TextRule(0x0B21, 0x0A0001, "\"Chassis intrusion detected.\""));
   // B keeps the old style only: its entries come through the fall-back, with designations.
-  hostsim::SimModule& b = host_.AddModule(kMidB);
+  SimModule& b = host_.AddModule(kMidB);
   b.SetLog(0x0B00, 0, EncodeLog({OldStyle(0x0403, 20, 1, 0)}));
-  b.AddRule(e2e::Rule(0x0304, "\"FAN SYS 2\""));
+  b.AddRule(Rule(0x0304, "\"FAN SYS 2\""));
   StartAndRescan();
 
   // A's unified log is stored first, B's old-style fall-back after it.
@@ -174,31 +283,23 @@ TEST_F(LogQueryE2ETest, FullLife_PageInTheClientsLanguageFromEverySource) {
   }
   EXPECT_TRUE(Sink().Contains("WARNING! Missing translation for language en"));
 
-  const std::vector<PageRecord> german = Page(kGerman, 0, 0);
-  ASSERT_EQ(4u, german.size());
-  EXPECT_EQ("Lüfterredundanz verloren: 2 von 3 Lüftern arbeiten.", german[0].text);
-  EXPECT_EQ("Lüfter FAN SYS 2 wurde entfernt.", german[3].text);
   // A text found below is kept; a code known nowhere is asked for again.
-  const size_t asked = e2e::SentWithOpcode(host_, 0x0B21);
+  const size_t asked = SentWithOpcode(host_, 0x0B21);
   EXPECT_EQ(english[1].text, Page(kEnglish, 0, 0)[1].text);
-  EXPECT_EQ(asked + 1, e2e::SentWithOpcode(host_, 0x0B21));
+  EXPECT_EQ(asked + 1, SentWithOpcode(host_, 0x0B21));
 
   // Counts and sequence numbers of the same cache.
-  uint32_t value = 0;
-  SipJson count = Query(0x0B13, 0, 0, std::nullopt);
-  EXPECT_TRUE(count.GetDataValue(0, value));
-  EXPECT_EQ(4u, value);
-  SipJson last = Query(0x0B12, 0, 0, std::nullopt);
-  EXPECT_TRUE(last.GetDataValue(0, value));
-  EXPECT_EQ(english.back().sequence, value);
-  SipJson available = Query(0x0B01, 0, 0, std::nullopt);
-  EXPECT_TRUE(available.GetDataValue(0, value));
-  EXPECT_EQ(1u, value);
-  EXPECT_EQ(0x14u, Query(0x0B01, 0, 0, std::nullopt, 7).GetStatus(0));
+  EXPECT_EQ(4u, AskValue(0x0B13));
+  EXPECT_EQ(english.back().sequence, AskValue(0x0B12));
+  EXPECT_EQ(1u, AskValue(0x0B01));
+  EXPECT_EQ(0x14u, Ask(0x0B01, 0, 0, std::nullopt, 7).GetStatus(0));
 }
 
 TEST_F(LogQueryE2ETest, SequenceNumbers_StartIndexAndEmptyAnswer) {
-  ModuleWithLog(2500);
+  SimModule& a = AddSpeaker();
+  std::vector<hostsim::SimUnifiedRecord> records;
+  for (uint32_t n = 1; n <= 2500; ++n) records.push_back(Unified(0x040005, n, {"1", "2"}));
+  a.SetLog(0x0B16, std::nullopt, EncodeLog(records));
   StartAndRescan();
 
   // 2500 collected, the oldest 500 evicted: 501..2500 remain.
@@ -206,29 +307,54 @@ TEST_F(LogQueryE2ETest, SequenceNumbers_StartIndexAndEmptyAnswer) {
   ASSERT_EQ(1501u, page.size());
   EXPECT_EQ(1000u, page.front().sequence);
   EXPECT_EQ(2500u, page.back().sequence);
-  EXPECT_TRUE(e2e::Traced("found start index 499 for message log sequence number 1000"));
+  EXPECT_TRUE(Traced("found start index 499 for message log sequence number 1000"));
 
   uint32_t status = 0xFF;
   EXPECT_TRUE(Page(kEnglish, 0, 2501, &status).empty());
   EXPECT_EQ(0x00u, status);
-  EXPECT_TRUE(e2e::Traced("Empty log cache"));
+  EXPECT_TRUE(Traced("Empty log cache"));
   EXPECT_TRUE(Page(kEnglish, 1, 0).empty()) << "page 1 starts behind the 2000 entries";
 }
 
-TEST_F(LogQueryE2ETest, Refusals_LanguageAndCacheThatNeverBecomesReady) {
+// What a client is refused, and how soon: a language not learnt yet (no re-scan ran) at
+// once, a cache that no scan makes ready after the wait, and a text to fetch while the
+// worker is busy and its queue full at once.
+TEST_F(LogQueryE2ETest, Refusals_LanguageCacheNeverReadyAndFullQueue) {
   setenv("EM_OIDMAP_CACHE_WAIT_MS", "200", 1);  // read when the module is created
-  hostsim::SimModule& a = host_.AddModule(kMidA);
-  SpeakLanguages(a);
+  AddSpeaker();
+  // The worker is held in its first text fetch below, and texts no message file knows
+  // fill its queue of 19.
+  HoldFirst(0x0B21);
   StartWithCabinets(0, {});
-  // No re-scan: the languages are not known yet, and no scan makes the cache ready.
-  EXPECT_EQ(0x13u, Query(0x0B10, kEnglish, 0, 0).GetStatus(0));
-  EXPECT_FALSE(Sink().Contains("Wait on event")) << "a language is refused without a wait";
-  EXPECT_TRUE(e2e::Traced("Language ID 0x409 not supported!"));
-
-  const auto before = std::chrono::steady_clock::now();
-  EXPECT_EQ(0x0Fu, Query(0x0B13, 0, 0, std::nullopt).GetStatus(0));
-  EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
-  EXPECT_TRUE(e2e::Traced("ERROR! Timeout (120 sec) waiting for message log cache"));
+  EXPECT_EQ(0x16u, Ask(0x0B21, kEnglish, 0, 0x3E0000).GetStatus(0));
+  ASSERT_TRUE(Held());
+  for (uint32_t code = 0x3E0001; code < 0x3E0014; ++code) {
+    EXPECT_EQ(0x16u, Ask(0x0B21, kEnglish, 0, code).GetStatus(0)) << "queued";
+  }
+  const struct {
+    const char* name;
+    uint32_t oc, oe;
+    std::optional<uint32_t> da;
+    uint32_t st;
+    const char* line;  // traced by the refusal
+    bool waits;
+  } cases[] = {
+      {"language", 0x0B10, kEnglish, 0, 0x13,
+       "\nEM_OIDMAP           : Language ID 0x409 not supported!", false},
+      {"cache never ready", 0x0B13, 0, std::nullopt, 0x0F,
+       "\nEM_OIDMAP           : ERROR! Timeout (120 sec) waiting for message log cache", true},
+      {"full queue", 0x0B21, kEnglish, 0x3E0014, 0x14,
+       "\nCTaskSerializer     : ## ERROR! Task queue for priority 0 is full", false},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    Sink().Clear();
+    const auto before = std::chrono::steady_clock::now();
+    EXPECT_EQ(c.st, Ask(c.oc, c.oe, 0, c.da).GetStatus(0));
+    EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(20));
+    EXPECT_TRUE(Sink().HasLine(c.line)) << Sink().Text();
+    EXPECT_EQ(c.waits, Sink().Contains("Wait on event"));
+  }
 }
 
 // EM_OIDMAP_CACHE_WAIT_MS is read when the module is created: only a positive number of
@@ -249,13 +375,13 @@ TEST_F(LogQueryE2ETest, CacheWaitKnob_OnlyAPositiveNumberChangesTheWait) {
     SCOPED_TRACE(c.value);
     Sink().Clear();
     setenv("EM_OIDMAP_CACHE_WAIT_MS", c.value, 1);
-    hostsim::SimHost host;
+    SimHost host;
     StartOn(host);
     const size_t ready = Sink().Count("Ready event SET");
     module_->Rescan();  // no module has a log: the scan makes the cache ready at once
-    ASSERT_TRUE(e2e::WaitForTrace("Ready event SET", ready + 1));
-    EXPECT_EQ(0x00u, Query(0x0B13, 0, 0, std::nullopt).GetStatus(0));
-    EXPECT_TRUE(e2e::Traced(std::string("Wait on event for message log cache cabinet 0 ") + c.wait));
+    ASSERT_TRUE(WaitForTrace("Ready event SET", ready + 1));
+    EXPECT_EQ(0x00u, Ask(0x0B13).GetStatus(0));
+    EXPECT_TRUE(Traced(std::string("Wait on event for message log cache cabinet 0 ") + c.wait));
     EXPECT_EQ(c.warned ? 1u : 0u, Sink().Count("EM_OIDMAP_CACHE_WAIT_MS=\"" + std::string(c.value) +
                                                "\" is no positive number"));
     Destroy();
@@ -268,29 +394,18 @@ TEST_F(LogQueryE2ETest, CacheWaitKnob_OnlyAPositiveNumberChangesTheWait) {
 // one task at a time, so that the task queue keeps room for clients.
 TEST_F(LogQueryE2ETest, SilentModule_PageWaitsOneTimeOutAndTheWorkerFetchesForTheNext) {
   constexpr uint32_t kCodes = 2000;
-  hostsim::SimModule& a = host_.AddModule(kMidA);
-  SpeakLanguages(a);
+  SimModule& a = AddSpeaker();
   std::vector<hostsim::SimUnifiedRecord> records;
   for (uint32_t n = 0; n < kCodes; ++n) records.push_back(Unified(0x3E0000 + n, n + 1));
   a.SetLog(0x0B16, std::nullopt, EncodeLog(records));
-  a.AddFault(e2e::Rule(0x0B21, "", 0, hostsim::kNeverInTime));
+  a.AddFault(Rule(0x0B21, "", 0, hostsim::kNeverInTime));
   StartAndRescan();
 
   // The worker is held in a summary request meanwhile, so that what it does after the page
   // can be told apart.
-  std::promise<void> held;
-  std::future<void> holding = held.get_future();
-  std::promise<void> release;
-  std::shared_future<void> released = release.get_future().share();
-  std::atomic<bool> armed{true};
-  host_.SetRequestHook([&](const SipJson& request) {
-    if (request.GetOpcode(request.CurrentIndex()) == 0x0B23 && armed.exchange(false)) {
-      held.set_value();
-      released.wait();
-    }
-  });
-  EXPECT_EQ(0x16u, Query(0x0B23, kEnglish, 0, 0x040001).GetStatus(0));
-  ASSERT_EQ(std::future_status::ready, holding.wait_for(std::chrono::seconds(60)));
+  HoldFirst(0x0B23);
+  EXPECT_EQ(0x16u, Ask(0x0B23, kEnglish, 0, 0x040001).GetStatus(0));
+  ASSERT_TRUE(Held());
 
   const size_t before = host_.SentCount();
   const std::vector<PageRecord> page = Page(kEnglish, 0, 0);
@@ -310,16 +425,16 @@ TEST_F(LogQueryE2ETest, SilentModule_PageWaitsOneTimeOutAndTheWorkerFetchesForTh
   }
   EXPECT_EQ(1u, asked) << "the first fetch timed out: nothing was left for the others";
   EXPECT_LE(waitedMs, 5000u);
-  EXPECT_TRUE(e2e::Traced("2000 long texts not fetched in time - fetched on the task thread for "
+  EXPECT_TRUE(Traced("2000 long texts not fetched in time - fetched on the task thread for "
                           "the next page"));
-  EXPECT_EQ(0x16u, Query(0x0B21, kEnglish, 0, 0x3E0000 + kCodes).GetStatus(0))
+  EXPECT_EQ(0x16u, Ask(0x0B21, kEnglish, 0, 0x3E0000 + kCodes).GetStatus(0))
       << "the queue has room for a client";
 
   // The module knows the texts now: once the worker goes on, it fetches every code.
   a.ClearRules();
-  a.AddRule(e2e::Rule(0x0B21, "\"Text from below.\""));
-  release.set_value();
-  ASSERT_TRUE(e2e::WaitForTrace("put \"long text\" message into cache", kCodes + 1, 120));
+  a.AddRule(Rule(0x0B21, "\"Text from below.\""));
+  Release();
+  ASSERT_TRUE(WaitForTrace("put \"long text\" message into cache", kCodes + 1, 120));
   host_.SetRequestHook(nullptr);
   const size_t after = host_.SentCount();
   size_t fetched = 0;
@@ -334,13 +449,12 @@ TEST_F(LogQueryE2ETest, SilentModule_PageWaitsOneTimeOutAndTheWorkerFetchesForTh
 TEST_F(LogQueryE2ETest, IllFormedUtf8FromPeers_ReplacedInWhatTheModuleBuilds) {
   const std::string latin1 = "\xFC", surrogate = "\xED\xA0\x80", overlong = "\xC0\x80";
   const std::string fffd = "\xEF\xBF\xBD";
-  hostsim::SimModule& a = host_.AddModule(kMidA);
-  SpeakLanguages(a);
+  SimModule& a = AddSpeaker();
   a.SetLog(0x0B16, std::nullopt, EncodeLog({Unified(0x040005, 10, {latin1, surrogate})}));
   a.AddRule(TextRule(0x0B21, 0x0A0001, "\"Chassis " + overlong + " open\""));
-  hostsim::SimModule& b = host_.AddModule(kMidB);
+  SimModule& b = host_.AddModule(kMidB);
   b.SetLog(0x0B00, 0, EncodeLog({OldStyle(0x0403, 20, 1, 0)}));
-  b.AddRule(e2e::Rule(0x0304, "\"FAN " + surrogate + "\""));
+  b.AddRule(Rule(0x0304, "\"FAN " + surrogate + "\""));
   StartAndRescan();
 
   const std::vector<PageRecord> page = Page(kEnglish, 0, 0);
@@ -349,18 +463,15 @@ TEST_F(LogQueryE2ETest, IllFormedUtf8FromPeers_ReplacedInWhatTheModuleBuilds) {
             page[0].text);
   EXPECT_EQ("Fan FAN " + fffd + fffd + fffd + " was removed.", page[1].text);
 
-  SipJson request(0x0B21, kEnglish, 0, 0);
-  request.SetDataValue(0x0A0001, 0x16);
-  request.SetKey("CI", 8, true);
-  EXPECT_EQ(1u, module_->OnRequest(request));
+  Ask(0x0B21, kEnglish, 0, 0x0A0001, 0, 8);
   const std::optional<SipJson> late = LateAnswer(host_, 8);
   ASSERT_TRUE(late.has_value());
-  EXPECT_EQ("Chassis " + fffd + fffd + " open", e2e::DataText(*late));
+  EXPECT_EQ("Chassis " + fffd + fffd + " open", DataText(*late));
 
   SipJson event(0x0301, 0, 1, 0);
   event.SetDataString("Fan " + latin1, 0xFF);
   host_.DeliverEvent(kMidA, event);
-  EXPECT_EQ("Fan " + latin1, e2e::DataText(host_.HandedBackMessages().back().message))
+  EXPECT_EQ("Fan " + latin1, DataText(host_.HandedBackMessages().back().message))
       << "an event is passed on as it came";
 }
 
@@ -375,19 +486,15 @@ TEST_F(LogQueryE2ETest, TextRequests_MissFetchedOnTheTaskThreadThenHit) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.helpDesk);
-    hostsim::SimHost host;
-    hostsim::SimModule& a = host.AddModule(kMidA);
+    SimHost host;
+    SimModule& a = host.AddModule(kMidA);
     if (*c.helpDesk != '\0') a.SetConfigText(0x211, c.helpDesk);
     a.AddRule(TextRule(0x0B17, 0x0401, R"(["Call %HD%.", "%HD%", "Replace the fan."])"));
     a.AddRule(TextRule(0x0B21, 0x0401, "\"The fan failed.\""));
     StartOn(host);
 
     // A miss: pending now, the answer later through the hand-back, with the client's CI.
-    SipJson request(0x0B17, kEnglish, 0, 0);
-    request.SetDataValue(0x0401, 0x16);
-    request.SetKey("CI", 41, true);
-    EXPECT_EQ(1u, module_->OnRequest(request));
-    EXPECT_EQ(0x16u, request.GetStatus(0));
+    EXPECT_EQ(0x16u, Ask(0x0B17, kEnglish, 0, 0x0401, 0, 41).GetStatus(0));
     const std::optional<SipJson> late = LateAnswer(host, 41);
     ASSERT_TRUE(late.has_value());
     std::vector<std::string> strings;
@@ -402,58 +509,47 @@ TEST_F(LogQueryE2ETest, TextRequests_MissFetchedOnTheTaskThreadThenHit) {
     };
     for (const Hit& hit : {Hit{0x0B25, 2, 0x00, "Replace the fan."},
                            Hit{0x0B25, 3, 0x02, nullptr}, Hit{0x0B17, 0, 0x00, nullptr}}) {
-      SipJson again(hit.oc, kEnglish, hit.oi, 0);
-      again.SetDataValue(0x0401, 0x16);
-      EXPECT_EQ(1u, module_->OnRequest(again));
+      const SipJson again = Ask(hit.oc, kEnglish, hit.oi, 0x0401);
       EXPECT_EQ(hit.st, again.GetStatus(0)) << std::hex << hit.oc << " " << hit.oi;
       if (hit.text != nullptr) {
-        EXPECT_EQ(hit.text, e2e::DataText(again));
+        EXPECT_EQ(hit.text, DataText(again));
       }
     }
     EXPECT_TRUE(host.SentRequests().empty());
 
     // No error code: invalid arguments; a code nobody knows: not available, not cached.
-    SipJson noCode(0x0B21, kEnglish, 0, 0);
-    EXPECT_EQ(1u, module_->OnRequest(noCode));
-    EXPECT_EQ(0x12u, noCode.GetStatus(0));
+    EXPECT_EQ(0x12u, Ask(0x0B21, kEnglish).GetStatus(0));
     Destroy();
   }
 }
 
 TEST_F(LogQueryE2ETest, RawRecordAndLanguages_AskedBelow) {
-  hostsim::SimModule& a = host_.AddModule(kMidA);
-  SpeakLanguages(a);
+  SimModule& a = AddSpeaker();
   hostsim::SimUnifiedRecord record = Unified(0x040005, 5, {"1", "2"});
   record.recordId = 77;
   a.SetLog(0x0B16, std::nullopt, EncodeLog({record}));
-  hostsim::ReplyRule raw = e2e::Rule(0x0B19, R"({"RAW":[1,2,3]})");
+  hostsim::ReplyRule raw = Rule(0x0B19, R"({"RAW":[1,2,3]})");
   raw.oi = 77;
   a.AddRule(raw);
   StartAndRescan();
   const std::vector<PageRecord> page = Page(kEnglish, 0, 0);
   ASSERT_EQ(1u, page.size());
 
-  SipJson request(0x0B19, 0, 0, 0);
-  request.SetDataValue(page[0].sequence, 0x16);
-  request.SetKey("CI", 5, true);
-  EXPECT_EQ(1u, module_->OnRequest(request));
-  EXPECT_EQ(0x16u, request.GetStatus(0));
+  EXPECT_EQ(0x16u, Ask(0x0B19, 0, 0, page[0].sequence, 0, 5).GetStatus(0));
   const std::optional<SipJson> late = LateAnswer(host_, 5);
   ASSERT_TRUE(late.has_value());
   std::vector<uint8_t> bytes;
   late->GetDataBytes(0, bytes);
   EXPECT_EQ((std::vector<uint8_t>{1, 2, 3}), bytes);
-  for (const auto& bad : {Query(0x0B19, 0, 0, page[0].sequence + 1),
-                          Query(0x0B19, 3, 0, page[0].sequence),
-                          Query(0x0B19, 0, 0, std::nullopt)}) {
+  for (const auto& bad : {Ask(0x0B19, 0, 0, page[0].sequence + 1),
+                          Ask(0x0B19, 3, 0, page[0].sequence), Ask(0x0B19)}) {
     EXPECT_EQ(0x12u, bad.GetStatus(0));
   }
-  SipJson languages = Query(0x0B20, 0, 0, std::nullopt);
+  SipJson languages = Ask(0x0B20);
   EXPECT_EQ(0x00u, languages.GetStatus(0));
   languages.GetDataBytes(0, bytes);
   EXPECT_EQ((std::vector<uint8_t>{9, 4, 7, 4}), bytes);
 }
 
 }  // namespace
-
-}  // namespace em_oidmap
+}  // namespace em_oidmap::e2e
