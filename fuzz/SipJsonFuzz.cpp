@@ -43,8 +43,33 @@ void ReadEverything(const SipJson& msg, int32_t index) {
     Check(h.oc == msg.GetKey(index, "OC", 0) && h.oe == msg.GetKey(index, "OE", 0) &&
           h.oi == msg.GetKey(index, "OI", 0) && h.ca == msg.GetKey(index, "CA", 0) &&
           h.mi == msg.GetKey(index, "MI", 0) && h.st == msg.GetStatus(index) &&
+          h.ci == msg.GetKey(index, "CI", 0) &&
           SipJson::KeyOf(*command, "CI", 7) == msg.GetKey(index, "CI", 7) &&
           SipJson::HasKeyOf(*command, "DA") == msg.HasKey(index, "DA"));
+  }
+}
+
+// On any command, removing one header member through the places the walk found and then
+// writing every other one through them gives what the same by name gives: the places
+// follow the member a removal moves, repeated names included.
+void RemoveByPlaceAsByName(const SipJson& msg, int32_t index) {
+  static const char* const kNames[SipJson::Header::kCount] = {"OC", "OE", "OI", "CA",
+                                                              "MI", "ST", "CI"};
+  if (msg.Command(index) == nullptr) return;
+  for (unsigned removed = 0; removed < SipJson::Header::kCount; ++removed) {
+    SipJson byName(msg);
+    SipJson byPlace(msg);
+    SipJson::Value& named = *byName.Command(index);
+    SipJson::Value& placed = *byPlace.Command(index);
+    SipJson::Header header = SipJson::HeaderOf(placed);
+    byName.SetKey(named, kNames[removed], 0, true);
+    byPlace.RemoveHeaderKey(placed, header, 1u << removed);
+    for (unsigned other = 0; other < SipJson::Header::kCount; ++other) {
+      if (other == removed) continue;
+      byName.SetKey(named, kNames[other], other, false);
+      byPlace.SetHeaderKey(placed, header, 1u << other, other);
+    }
+    Check(byName.Serialize() == byPlace.Serialize());
   }
 }
 
@@ -81,6 +106,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const bool parsed = msg.Parse(Text(data, size));
   const int32_t count = static_cast<int32_t>(msg.CommandCount());
   for (int32_t i = -1; i <= count + 1; ++i) ReadEverything(msg, i);
+  for (int32_t i = 0; i < count && i < 4; ++i) RemoveByPlaceAsByName(msg, i);
   msg.CountCommandsWithData();
   if (msg.HasCommands()) {
     do {

@@ -36,18 +36,18 @@ std::string LowerCase(std::string text) {
   return text;
 }
 
-// The first element child of `node` named `name`, and the next element after `node` with
-// that name, as the document's cursor finds them (FindElem); null when there is none.
-pugi::xml_node ChildElement(const pugi::xml_node& node, const char* name) {
-  for (pugi::xml_node child = node.first_child(); child; child = child.next_sibling())
-    if (child.type() == pugi::node_element && std::strcmp(child.name(), name) == 0) return child;
-  return pugi::xml_node();
-}
+// Whether a child node's name is an element's: the parse options (CXmlDocument::
+// kParseOptions) keep elements, text and CDATA nodes, and only elements have a name. One
+// accessor call instead of two (type() and name()), per node of the whole file.
+bool IsElementName(const char* name) { return *name != '\0'; }
 
-pugi::xml_node NextElement(const pugi::xml_node& node, const char* name) {
-  for (pugi::xml_node next = node.next_sibling(); next; next = next.next_sibling())
-    if (next.type() == pugi::node_element && std::strcmp(next.name(), name) == 0) return next;
-  return pugi::xml_node();
+// The walk goes through the parser's buffer and its nodes in the order they were
+// allocated, a few megabytes each: asking for what lies ahead overlaps the fetches with the
+// work on what is at hand. A hint only, never a read.
+void PrefetchAhead(const char* text, const pugi::xml_node& node) {
+  constexpr size_t kAhead = 1024;
+  __builtin_prefetch(text + kAhead);
+  __builtin_prefetch(reinterpret_cast<const char*>(node.internal_object()) + kAhead);
 }
 
 // Two NUL-terminated names equal; written out because most differ at the first letter,
@@ -58,6 +58,21 @@ bool SameName(const char* a, const char* b) {
     ++b;
   }
   return *a == *b;
+}
+
+// The first element child of `node` named `name`, and the next element after `node` with
+// that name, as the document's cursor finds them (FindElem); null when there is none.
+// `name` is not empty, so only an element matches (IsElementName).
+pugi::xml_node ChildElement(const pugi::xml_node& node, const char* name) {
+  for (pugi::xml_node child = node.first_child(); child; child = child.next_sibling())
+    if (SameName(child.name(), name)) return child;
+  return pugi::xml_node();
+}
+
+pugi::xml_node NextElement(const pugi::xml_node& node, const char* name) {
+  for (pugi::xml_node next = node.next_sibling(); next; next = next.next_sibling())
+    if (SameName(next.name(), name)) return next;
+  return pugi::xml_node();
 }
 
 // The ids of the first few distinct names met, found again by a compare of the raw name:
@@ -125,13 +140,7 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
     languages_.push_back({Attribute(language, "locale"), Attribute(language, "lang")});
   const pugi::xml_node events = ChildElement(root, "Events");
   if (!events) return;
-  size_t eventCount = 0;
-  for (pugi::xml_node event = ChildElement(events, "Event"); event;
-       event = NextElement(event, "Event"))
-    ++eventCount;
-  size_t slots = 8;
-  while (slots < 2 * eventCount) slots *= 2;
-  table_.resize(slots);
+  table_.resize(8);
   RecentIds langs;
   RecentIds names;
   size_t indexedEvents = 0;
@@ -149,27 +158,29 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
     const size_t hash = std::hash<std::string_view>()(code);
     if (FindEvent(code, hash) >= 0) continue;
     const size_t at = records_.size();
-    records_.resize(at + 8);
-    PutWord(at, static_cast<uint32_t>(code.size()));
-    records_ += code;
+    AppendWord(static_cast<uint32_t>(code.size()));
+    AppendWord(0);
+    Append(code.data(), code.size());
     uint32_t messagesCount = 0;
     for (pugi::xml_node element = ChildElement(event, "Messages"); element;
          element = NextElement(element, "Messages")) {
       const size_t messagesAt = records_.size();
-      records_.resize(messagesAt + 12);
-      PutWord(messagesAt, langs.Id(element.attribute("lang").value(), [this](const char* lang) {
+      AppendWord(langs.Id(element.attribute("lang").value(), [this](const char* lang) {
         std::string name = lang;
         MakeValidUtf8(name);
         return Intern(langs_, LowerCase(std::move(name)));
       }));
+      AppendWord(0);
+      AppendWord(0);
       uint32_t elementCount = 0;
       for (pugi::xml_node text = element.first_child(); text; text = text.next_sibling()) {
-        if (text.type() != pugi::node_element) continue;
-        const uint32_t header[2] = {
-            names.Id(text.name(), [this](const char* tag) { return Intern(names_, tag); }), 0};
-        const size_t elementAt = records_.size();
-        records_.append(reinterpret_cast<const char*>(header), sizeof(header));
-        PutWord(elementAt + 4, AddData(text));
+        const char* name = text.name();
+        if (!IsElementName(name)) continue;
+        PrefetchAhead(name, text);
+        AppendWord(names.Id(name, [this](const char* tag) { return Intern(names_, tag); }));
+        const size_t lengthAt = records_.size();
+        AppendWord(0);
+        PutWord(lengthAt, AddData(text));
         ++elementCount;
       }
       PutWord(messagesAt + 4, elementCount);
@@ -177,18 +188,27 @@ CLogMsgXmlFileImpl::CLogMsgXmlFileImpl(const CXmlDocument& doc, std::string path
       ++messagesCount;
     }
     PutWord(at + 4, messagesCount);
-    AddEventSlot(hash, static_cast<uint32_t>(at));
-    if (++indexedEvents == 1) ReserveLike(eventCount, sourceBytes);
+    AddEventSlot(hash, static_cast<uint32_t>(at), indexedEvents);
+    if (++indexedEvents == 1) ReserveLike(event, sourceBytes);
   }
   // What the first event foretold may be well beyond what the rest held.
-  if (records_.capacity() > records_.size() + records_.size() / 4) records_.shrink_to_fit();
+  if (records_.capacity() > records_.size() + records_.size() / 4) records_.ShrinkToFit();
 }
 
-void CLogMsgXmlFileImpl::ReserveLike(size_t eventCount, size_t sourceBytes) {
-  // Events of one file are alike: room for `eventCount` events like the first, and an
-  // eighth more, saves the copies of growing the buffer step by step.
-  const size_t events = eventCount + eventCount / 8;
-  records_.reserve(std::min(records_.size() * events, sourceBytes));
+void CLogMsgXmlFileImpl::ReserveLike(const pugi::xml_node& event, size_t sourceBytes) {
+  // Events of one file are alike: the file holds about as many events as the first one's
+  // span of text goes into its size (the parser knows where each node began), and room
+  // for that many like the first, and an eighth more, saves growing step by step. Counting
+  // the events first would cost a walk over nodes far apart.
+  const ptrdiff_t first = event.offset_debug();
+  const ptrdiff_t next = NextElement(event, "Event").offset_debug();
+  if (first < 0 || next <= first) return;
+  const size_t estimate = sourceBytes / static_cast<size_t>(next - first);
+  const size_t events = estimate + estimate / 8;
+  records_.Reserve(std::min(records_.size() * events, sourceBytes));
+  size_t slots = table_.size();
+  while (slots < 2 * events) slots *= 2;
+  Rehash(slots);
 }
 
 uint32_t CLogMsgXmlFileImpl::Word(size_t at) const {
@@ -198,7 +218,18 @@ uint32_t CLogMsgXmlFileImpl::Word(size_t at) const {
 }
 
 void CLogMsgXmlFileImpl::PutWord(size_t at, uint32_t value) {
-  std::memcpy(&records_[at], &value, sizeof(value));
+  std::memcpy(records_.data() + at, &value, sizeof(value));
+}
+
+void CLogMsgXmlFileImpl::AppendWord(uint32_t value) { records_.Append(&value, sizeof(value)); }
+
+void CLogMsgXmlFileImpl::Append(const char* text, size_t size) { records_.Append(text, size); }
+
+void CLogMsgXmlFileImpl::ByteBuffer::Reallocate(size_t capacity) {
+  std::unique_ptr<char[]> bytes(new char[capacity]);
+  if (size_ != 0) std::memcpy(bytes.get(), bytes_.get(), size_);
+  bytes_ = std::move(bytes);
+  capacity_ = capacity;
 }
 
 int64_t CLogMsgXmlFileImpl::FindEvent(std::string_view code, size_t hash) const {
@@ -210,16 +241,34 @@ int64_t CLogMsgXmlFileImpl::FindEvent(std::string_view code, size_t hash) const 
     if (slot.offset == 0) return -1;
     if (slot.tag != tag) continue;
     const size_t at = slot.offset - 1;
-    if (Word(at) == code.size() && records_.compare(at + 8, code.size(), code) == 0)
+    if (Word(at) == code.size() &&
+        std::memcmp(records_.data() + at + 8, code.data(), code.size()) == 0)
       return static_cast<int64_t>(at);
   }
 }
 
-void CLogMsgXmlFileImpl::AddEventSlot(size_t hash, uint32_t offset) {
+void CLogMsgXmlFileImpl::AddEventSlot(size_t hash, uint32_t offset, size_t events) {
+  if (2 * (events + 1) > table_.size()) Rehash(2 * table_.size());
   const size_t mask = table_.size() - 1;
   size_t i = hash & mask;
   while (table_[i].offset != 0) i = (i + 1) & mask;
   table_[i] = Slot{static_cast<uint32_t>(hash >> 32), offset + 1};
+}
+
+void CLogMsgXmlFileImpl::Rehash(size_t slots) {
+  if (slots <= table_.size()) return;
+  std::vector<Slot> old(slots);
+  old.swap(table_);
+  const size_t mask = slots - 1;
+  for (const Slot& slot : old) {
+    if (slot.offset == 0) continue;
+    const size_t at = slot.offset - 1;
+    const size_t hash =
+        std::hash<std::string_view>()(std::string_view(records_.data() + at + 8, Word(at)));
+    size_t i = hash & mask;
+    while (table_[i].offset != 0) i = (i + 1) & mask;
+    table_[i] = slot;
+  }
 }
 
 uint32_t CLogMsgXmlFileImpl::Intern(Ids& ids, std::string text) {
@@ -229,18 +278,27 @@ uint32_t CLogMsgXmlFileImpl::Intern(Ids& ids, std::string text) {
 
 uint32_t CLogMsgXmlFileImpl::AddData(const pugi::xml_node& element) {
   const size_t at = records_.size();
-  records_ += element.value();  // the leading text (CXmlDocument::kParseOptions)
+  // Each piece is checked where the parser left it, just read by strlen: read back from
+  // the copy, the check would wait for the copy's stores to land.
+  const char* value = element.value();  // the leading text (CXmlDocument::kParseOptions)
+  size_t size = std::strlen(value);
+  bool ascii = IsAscii(value, size);
+  Append(value, size);
   for (pugi::xml_node child = element.first_child(); child; child = child.next_sibling()) {
-    const pugi::xml_node_type type = child.type();
-    if (type == pugi::node_pcdata || type == pugi::node_cdata) records_ += child.value();
+    if (IsElementName(child.name())) continue;
+    value = child.value();
+    size = std::strlen(value);
+    ascii = IsAscii(value, size) && ascii;
+    Append(value, size);
   }
   // Handed out as valid UTF-8, as the document's cursor hands it out (GetData).
-  const std::string_view added(records_.data() + at, records_.size() - at);
-  if (!IsValidUtf8(added)) {
-    std::string text(added);
+  const char* added = records_.data() + at;
+  size = records_.size() - at;
+  if (!ascii && !IsValidUtf8(std::string_view(added, size))) {
+    std::string text(added, size);
     MakeValidUtf8(text);
-    records_.resize(at);
-    records_ += text;
+    records_.Truncate(at);
+    Append(text.data(), text.size());
   }
   return static_cast<uint32_t>(records_.size() - at);
 }

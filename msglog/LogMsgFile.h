@@ -27,8 +27,10 @@
 #ifndef EM_MSGLOG_LOGMSGFILE_H
 #define EM_MSGLOG_LOGMSGFILE_H
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <string>
@@ -102,6 +104,31 @@ class CLogMsgXmlFileImpl {
     uint32_t tag = 0;
     uint32_t offset = 0;
   };
+  // A growing array of bytes whose append is one capacity test and a copy, inline: the
+  // index appends a few short pieces for every element of the file.
+  class ByteBuffer {
+   public:
+    const char* data() const { return bytes_.get(); }
+    char* data() { return bytes_.get(); }
+    size_t size() const { return size_; }
+    size_t capacity() const { return capacity_; }
+    void Append(const void* bytes, size_t count) {
+      if (count > capacity_ - size_) Reallocate(std::max(count + size_, 2 * capacity_));
+      std::memcpy(bytes_.get() + size_, bytes, count);
+      size_ += count;
+    }
+    void Reserve(size_t capacity) {
+      if (capacity > capacity_) Reallocate(capacity);
+    }
+    void ShrinkToFit() { Reallocate(size_); }
+    void Truncate(size_t size) { size_ = std::min(size, size_); }
+
+   private:
+    void Reallocate(size_t capacity);
+    std::unique_ptr<char[]> bytes_;
+    size_t size_ = 0;
+    size_t capacity_ = 0;
+  };
   // Gives each distinct string a number; an event's records then hold numbers, and a
   // search compares numbers instead of reading names from memory far away.
   using Ids = std::unordered_map<std::string, uint32_t>;
@@ -109,15 +136,21 @@ class CLogMsgXmlFileImpl {
   static uint32_t Intern(Ids& ids, std::string text);
   // Offset in records_ of the event of lower-cased `code`, or -1.
   int64_t FindEvent(std::string_view code, size_t hash) const;
-  void AddEventSlot(size_t hash, uint32_t offset);
+  // Enters the event at `offset` as the table's `events`+1-th; the table doubles when it
+  // would be more than half full.
+  void AddEventSlot(size_t hash, uint32_t offset, size_t events);
+  // Makes the table `slots` long (a power of two) when it is shorter.
+  void Rehash(size_t slots);
   // Appends the element's own text (its text and CDATA children, joined) to records_;
   // returns its length.
   uint32_t AddData(const pugi::xml_node& element);
-  // Makes room for `eventCount` events like those indexed so far, and for no more bytes
-  // than `sourceBytes` ahead.
-  void ReserveLike(size_t eventCount, size_t sourceBytes);
+  // Makes room for as many events like `event` (the first) as a file of `sourceBytes` holds,
+  // and for no more bytes than `sourceBytes` ahead.
+  void ReserveLike(const pugi::xml_node& event, size_t sourceBytes);
   uint32_t Word(size_t at) const;
   void PutWord(size_t at, uint32_t value);
+  void AppendWord(uint32_t value);
+  void Append(const char* text, size_t size);
 
   std::string path_;
   // Every first Event of a code, in document order, each in one piece so that a search
@@ -125,7 +158,7 @@ class CLogMsgXmlFileImpl {
   // count and the code; per Messages element its language, its element count and the
   // bytes of its elements; per element its name, its text's length and the text. Every
   // number is 32 bits (PutWord).
-  std::string records_;
+  ByteBuffer records_;
   std::vector<Slot> table_;  // a power of two long, at most half full
   Ids names_;                // element names, as written
   Ids langs_;                // Messages languages, lower-cased

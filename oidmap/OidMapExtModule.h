@@ -70,6 +70,31 @@ class COidMapExtModule : public CExtensionModule, public CTaskSerializer<SipJson
   CLogCollector& Collector() { return collector_; }
 
  private:
+  // What the reply handler read of the reply to a request this thread forwards. The host
+  // hands that reply to the reply handler on the sending thread before the send returns,
+  // so finalising it starts from the same walk over its members instead of a new one.
+  struct ForwardedReply {
+    const SipJson* msg = nullptr;
+    int32_t index = 0;
+    const SipJson::Value* command = nullptr;  // null until the reply handler read it
+    uint32_t members = 0;                     // the command's member count then
+    SipJson::Header header;
+  };
+  // The send in progress on this thread, null outside one; a nested send keeps its own.
+  // (A function, so that no other file refers to the thread-local variable itself.)
+  static ForwardedReply*& Forwarded();
+  // Makes `reply` the send in progress for its lifetime, whatever leaves the scope.
+  class ForwardedScope {
+   public:
+    explicit ForwardedScope(ForwardedReply* reply);
+    ~ForwardedScope();
+    ForwardedScope(const ForwardedScope&) = delete;
+    ForwardedScope& operator=(const ForwardedScope&) = delete;
+
+   private:
+    ForwardedReply* const outer_;
+  };
+
   uint32_t HandleRequest(SipJson& msg);
   // After the reply handler forwarded an event: a cleared log empties its cabinet's cache,
   // a new log entry is stored and announced with its sequence number.

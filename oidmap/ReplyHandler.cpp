@@ -21,6 +21,7 @@ void COidMapExtModule::OnReply(SipJson& msg) {
     // translation changes.
     SipJson::Value* command = msg.Command(i);
     const SipJson::Header header = command ? SipJson::HeaderOf(*command) : SipJson::Header();
+    const uint32_t members = command ? command->MemberCount() : 0;
     if (command) mapper_.TranslateCommand(msg, i, *command, header);
     const uint32_t st = header.st;
     if (TraceClient().IsTraceActive()) {
@@ -30,6 +31,16 @@ void COidMapExtModule::OnReply(SipJson& msg) {
                   msg.GetKey(i, "OE", 0), msg.GetKey(i, "OI", 0), MidHigh(mi), MidLow(mi), st);
     }
     if (st != ST_EVENT) {
+      // A translation writes values in place, or adds or removes one member: with the
+      // count unchanged every member is where the walk found it. (An event goes up to the
+      // host below, which may change it.)
+      ForwardedReply* forwarded = Forwarded();
+      if (forwarded != nullptr && forwarded->msg == &msg && forwarded->index == i && command &&
+          command->MemberCount() == members) {
+        forwarded->command = command;
+        forwarded->members = members;
+        forwarded->header = header;
+      }
       return;
     }
     if (TraceClient().IsTraceActive()) {

@@ -23,13 +23,13 @@ struct ClientView {
   uint32_t ci = 0;
 };
 
-ClientView SaveClientView(const SipJson::Value& command, const SipJson::Header& header) {
+ClientView SaveClientView(const SipJson::Header& header) {
   ClientView view;
   view.hasOi = (header.present & SipJson::Header::kOi) != 0;
   view.oi = header.oi;
   view.hasMi = (header.present & SipJson::Header::kMi) != 0;
   view.mi = header.mi;
-  view.ci = SipJson::KeyOf(command, "CI", 0);
+  view.ci = header.ci;
   return view;
 }
 
@@ -37,27 +37,32 @@ ClientView SaveClientView(const SipJson::Value& command, const SipJson::Header& 
 // keeps the answering module's ST and DA, and gets back the client's OI (the global
 // index), MI and CI. The reply handler has already turned the OI back; restoring it here
 // also covers a send that never reached a module (no host, a reply without MI).
-void FinaliseReply(SipJson& msg, const ClientView& view) {
-  SipJson::Value* command = msg.Command(msg.CurrentIndex());
+// `command` is the message's current command (null: nothing to finalise); `reply` what the
+// reply handler read of it, when it did and it has not changed since (null otherwise).
+void FinaliseReply(SipJson& msg, SipJson::Value* command, const ClientView& view,
+                   const SipJson::Header* reply) {
   if (command == nullptr) {
     return;
   }
-  // Values are replaced where one walk found them, until a member is removed: a removal
-  // moves the last member into the gap, so later ones are looked up by name again.
-  const SipJson::Header now = SipJson::HeaderOf(*command);
+  // Values are replaced and members removed where one walk found them; a removal moves
+  // the last member into the gap, and the header follows it.
+  SipJson::Header now = reply != nullptr ? *reply : SipJson::HeaderOf(*command);
+  using H = SipJson::Header;
   if (view.hasOi) {
-    msg.SetHeaderKey(*command, now, SipJson::Header::kOi, view.oi);
+    msg.SetHeaderKey(*command, now, H::kOi, view.oi);
   } else {
-    msg.SetKey(*command, "OI", 0, true);
+    msg.RemoveHeaderKey(*command, now, H::kOi);
   }
-  if (!view.hasMi) {
-    msg.SetKey(*command, "MI", 0, true);
-  } else if (view.hasOi) {
-    msg.SetHeaderKey(*command, now, SipJson::Header::kMi, view.mi);
+  if (view.hasMi) {
+    msg.SetHeaderKey(*command, now, H::kMi, view.mi);
   } else {
-    msg.SetKey(*command, "MI", view.mi, false);
+    msg.RemoveHeaderKey(*command, now, H::kMi);
   }
-  msg.SetKey(*command, "CI", view.ci, true);
+  if (view.ci != 0) {
+    msg.SetHeaderKey(*command, now, H::kCi, view.ci);
+  } else {
+    msg.RemoveHeaderKey(*command, now, H::kCi);
+  }
 }
 
 bool IsThresholdWrite(uint32_t oc, uint32_t oe) {
@@ -67,6 +72,17 @@ bool IsThresholdWrite(uint32_t oc, uint32_t oe) {
 }
 
 }  // namespace
+
+COidMapExtModule::ForwardedReply*& COidMapExtModule::Forwarded() {
+  static thread_local ForwardedReply* forwarded = nullptr;
+  return forwarded;
+}
+
+COidMapExtModule::ForwardedScope::ForwardedScope(ForwardedReply* reply) : outer_(Forwarded()) {
+  Forwarded() = reply;
+}
+
+COidMapExtModule::ForwardedScope::~ForwardedScope() { Forwarded() = outer_; }
 
 uint32_t COidMapExtModule::OnRequest(SipJson& msg) {
   uint32_t result = 0;
@@ -111,7 +127,7 @@ uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
     return 1;
   }
 
-  const ClientView view = SaveClientView(command, header);
+  const ClientView view = SaveClientView(header);
   if (mapper_.TranslateCommand(msg, i, command, header) != 0) {
     if (IsValidReplyStatus(header.st)) {  // translation never changes ST
       return 1;                           // the client sent an answer, not a question
@@ -122,14 +138,24 @@ uint32_t COidMapExtModule::HandleRequest(SipJson& msg) {
                static_cast<int>(msg.GetKey(i, "CA", 0)), oc, msg.GetKey(i, "OE", 0),
                msg.GetKey(i, "OI", 0), MidHigh(mi), MidLow(mi));
     }
-    link_.SendRequest(msg, kSingleRequestTimeoutMs);
-    FinaliseReply(msg, view);
+    ForwardedReply forwarded;
+    forwarded.msg = &msg;
+    forwarded.index = i;
+    {
+      const ForwardedScope scope(&forwarded);
+      link_.SendRequest(msg, kSingleRequestTimeoutMs);
+    }
+    // Read by the reply handler, and still the same command with the same members.
+    SipJson::Value* now = msg.Command(msg.CurrentIndex());
+    const bool read =
+        now != nullptr && forwarded.command == now && now->MemberCount() == forwarded.members;
+    FinaliseReply(msg, now, view, read ? &forwarded.header : nullptr);
     return 1;
   }
 
   if (multiple_.Handle(msg) != 0) {
     OIDMAP_TRACE(3, "MultipleModuleRequest handled");
-    FinaliseReply(msg, view);
+    FinaliseReply(msg, msg.Command(msg.CurrentIndex()), view, nullptr);
     return 1;
   }
   if (oc < CM_MessageLogFirst || oc > CM_MessageLogLast) {

@@ -68,10 +68,14 @@ stats() {
 }
 # Exit status 0 when the awk condition on x (the median) holds.
 holds() { awk -v x="$1" "BEGIN { exit !($2) }"; }
-row() {  # path, goal, "median least greatest", condition on x
+row() {  # path, goal ("measured": none), "median least greatest", condition on x
   local median least greatest met="no"
   read -r median least greatest <<<"$3" || true
-  if [ -n "$median" ] && holds "$median" "$4"; then met="yes"; fi
+  if [ "$2" = "measured" ]; then
+    met="-"
+  elif [ -n "$median" ] && holds "$median" "$4"; then
+    met="yes"
+  fi
   printf '| %s | %s | %s | %s | %s |\n' "$1" "$2" "${median:-not measured}" \
     "${least:+$least to $greatest}" "$met"
 }
@@ -93,8 +97,10 @@ row "forwarded request through hostsim / bare round trip" "<= 1.10" \
   "$(ratio request_bench "through the module / bare round trip")" "x <= 1.10"
 row "warm 2000-entry page, the module's answer / its bytes written by RapidJSON" "<= 2" \
   "$(ratio msglog_bench "page answer / its bytes written")" "x <= 2"
-row "2000-entry page alone, parsed per query / warm" ">= 50x" \
-  "$(ratio msglog_bench "parsed each query / warm page")" "x >= 50"
+# Measured, not a goal: the ratio is what keeping the files loaded saves, and it falls
+# whenever loading a file gets cheaper (docs/performance.md).
+row "2000-entry page alone, parsed per query / warm" "measured" \
+  "$(ratio msglog_bench "parsed each query / warm page")" "0"
 row "2000-entry page alone, warm (ms)" "<= 2 ms" \
   "$(ratio msglog_bench "CPU time per page, warm")" "x <= 2"
 row "message file of 5,000 events x 3 languages loaded / parsed by pugixml" "<= 1.5" \

@@ -123,11 +123,13 @@ class SipJson {
   static uint32_t KeyOf(const Value& command, const char* key, uint32_t def);
   // HasKey(index, key) on the command itself.
   static bool HasKeyOf(const Value& command, const char* key);
-  // The numeric members that address a command, each as KeyOf(command, name, default)
-  // reads it (the default of ST is 22, of the others 0), and which of them the command
-  // has (as HasKeyOf tells), read in one walk over its members instead of one per member.
+  // The numeric members that address a command and its correlation value, each as
+  // KeyOf(command, name, default) reads it (the default of ST is 22, of the others 0), and
+  // which of them the command has (as HasKeyOf tells), read in one walk over its members
+  // instead of one per member.
   struct Header {
-    enum : uint32_t { kOc = 1, kOe = 2, kOi = 4, kCa = 8, kMi = 16, kSt = 32 };
+    enum : uint32_t { kOc = 1, kOe = 2, kOi = 4, kCa = 8, kMi = 16, kSt = 32, kCi = 64 };
+    static constexpr unsigned kCount = 7;
     uint32_t present = 0;  // bits of the members found, whatever their type
     uint32_t oc = 0;
     uint32_t oe = 0;
@@ -135,11 +137,12 @@ class SipJson {
     uint32_t ca = 0;
     uint32_t mi = 0;
     uint32_t st = 22;
+    uint32_t ci = 0;
     // Where each member found lies among the command's members, in the order of the bits
     // (OC first), so that SetHeaderKey replaces a value without another walk; kFar for a
     // member beyond the first kFar members (SetHeaderKey then looks it up by name).
     static constexpr uint16_t kFar = 0xFFFF;
-    uint16_t position[6] = {kFar, kFar, kFar, kFar, kFar, kFar};
+    uint16_t position[kCount] = {kFar, kFar, kFar, kFar, kFar, kFar, kFar};
   };
   static Header HeaderOf(const Value& command);
 
@@ -163,6 +166,12 @@ class SipJson {
   // REQUIRES: no member was removed from `command`, nor this one added, since `header`
   // was read.
   bool SetHeaderKey(Value& command, const Header& header, uint32_t which, uint32_t value);
+  // SetKey(command, name, 0, true) for the member `which` (a Header bit), where `header` is
+  // HeaderOf(command): the member found is removed from its place without a walk, and
+  // `header` is kept true of the other members (the last member takes the gap). False
+  // when the header has no such member. Afterwards `header` no longer tells of `which`'s
+  // value. REQUIRES: as for SetHeaderKey.
+  bool RemoveHeaderKey(Value& command, Header& header, uint32_t which);
   // "DA" = {"RAW": [bytes...]} for a non-empty vector, "DA" removed for an empty one;
   // then "ST" = status.
   void SetRawData(const std::vector<uint8_t>& bytes, uint32_t status);
@@ -201,6 +210,8 @@ class SipJson {
   // The member `key` of the command at `index`, or the shared null value when any step of
   // the path is missing or of the wrong type.
   const Value& Member(int32_t index, const char* key) const;
+  // The Header bit number of a member's name, or -1 when it is no header member.
+  static int HeaderSlotOf(const Value& name);
   // The "CMD" array, or nullptr when the envelope is not valid.
   const Value* CommandArray() const;
   // The "CMD" array for building: creates the envelope on a null root and "CMD" in an

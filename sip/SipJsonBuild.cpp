@@ -91,7 +91,7 @@ bool SipJson::SetKey(Value& command, const char* key, uint32_t value, bool remov
 
 bool SipJson::SetHeaderKey(Value& command, const Header& header, uint32_t which, uint32_t value) {
   if (!command.IsObject() || which == 0) return false;
-  const unsigned slot = static_cast<unsigned>(__builtin_ctz(which)) % 6;
+  const unsigned slot = static_cast<unsigned>(__builtin_ctz(which)) % Header::kCount;
   const char* name = kHeaderNames[slot];
   if ((header.present & which) == 0) {
     command.AddMember(rapidjson::StringRef(name), Value(value), doc_.GetAllocator());
@@ -100,6 +100,29 @@ bool SipJson::SetHeaderKey(Value& command, const Header& header, uint32_t which,
   } else {
     SetMember(command, name, Value(value));
   }
+  return true;
+}
+
+bool SipJson::RemoveHeaderKey(Value& command, Header& header, uint32_t which) {
+  if (!command.IsObject() || which == 0 || (header.present & which) == 0) return false;
+  const unsigned slot = static_cast<unsigned>(__builtin_ctz(which)) % Header::kCount;
+  const uint16_t at = header.position[slot];
+  header.present &= ~which;
+  header.position[slot] = Header::kFar;
+  // Far members are looked up by name, and a far member moved into the gap stays far.
+  if (at == Header::kFar) return RemoveKeyFrom(command, kHeaderNames[slot]);
+  const auto gap = command.MemberBegin() + at;
+  const auto last = command.MemberEnd() - 1;
+  if (gap != last) {
+    // The last member takes the gap: a header member, even a repeated name, is then the
+    // first of its name when no earlier one was recorded.
+    const int moved = HeaderSlotOf(last->name);
+    if (moved >= 0 && header.position[moved] > at) {
+      header.position[moved] = at;
+      header.present |= 1u << moved;
+    }
+  }
+  command.RemoveMember(gap);
   return true;
 }
 

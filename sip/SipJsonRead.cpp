@@ -80,16 +80,16 @@ constexpr unsigned NameCode(const char* name) {
   return static_cast<unsigned>(static_cast<unsigned char>(name[0]) << 8) |
          static_cast<unsigned char>(name[1]);
 }
-// Sets the six addressing members apart (checked below); another name falls on a free
-// slot or on one whose code differs. One table look-up instead of a chain of compares.
-constexpr unsigned CodeHash(unsigned code) { return ((code >> 8) * 7u + (code & 0xFFu)) & 15u; }
+// Sets the seven header members apart (checked below); another name falls on a free slot
+// or on one whose code differs. One table look-up instead of a chain of compares.
+constexpr unsigned CodeHash(unsigned code) { return (((code >> 8) + (code & 0xFFu)) >> 1) & 15u; }
 struct SlotTable {
   uint16_t code[16];      // of the member in the slot; 0 where there is none
   unsigned char bit[16];  // its Header bit number
 };
 constexpr SlotTable MakeSlotTable() {
   SlotTable table{};
-  for (unsigned i = 0; i < 6; ++i) {
+  for (unsigned i = 0; i < SipJson::Header::kCount; ++i) {
     const unsigned code = NameCode(kHeaderNames[i]);
     table.code[CodeHash(code)] = static_cast<uint16_t>(code);
     table.bit[CodeHash(code)] = static_cast<unsigned char>(i);
@@ -98,20 +98,27 @@ constexpr SlotTable MakeSlotTable() {
 }
 constexpr SlotTable kSlots = MakeSlotTable();
 constexpr bool SlotsDistinct() {
-  for (unsigned i = 0; i < 6; ++i)
+  for (unsigned i = 0; i < SipJson::Header::kCount; ++i)
     if (kSlots.bit[CodeHash(NameCode(kHeaderNames[i]))] != i) return false;
   return true;
 }
-static_assert(SlotsDistinct(), "two addressing members share a hash slot");
+static_assert(SlotsDistinct(), "two header members share a hash slot");
 
 }  // namespace
+
+int SipJson::HeaderSlotOf(const Value& name) {
+  if (!name.IsString() || name.GetStringLength() != 2) return -1;
+  const unsigned code = NameCode(name.GetString());
+  const unsigned hash = CodeHash(code);
+  return kSlots.code[hash] == code ? kSlots.bit[hash] : -1;
+}
 
 SipJson::Header SipJson::HeaderOf(const Value& command) {
   Header header;
   if (!command.IsObject()) return header;
   // Each member counts at its first occurrence only, as a look-up by name finds it.
-  constexpr uint32_t kAll = (1u << 6) - 1;
-  uint32_t values[6] = {0, 0, 0, 0, 0, kStatusUnread};
+  constexpr uint32_t kAll = (1u << Header::kCount) - 1;
+  uint32_t values[Header::kCount] = {0, 0, 0, 0, 0, kStatusUnread, 0};
   uint32_t present = 0;
   const auto begin = command.MemberBegin();
   const auto end = command.MemberEnd();
@@ -137,6 +144,7 @@ SipJson::Header SipJson::HeaderOf(const Value& command) {
   header.ca = values[3];
   header.mi = values[4];
   header.st = values[5];
+  header.ci = values[6];
   return header;
 }
 

@@ -25,7 +25,7 @@ constexpr uint32_t kDataBearingMask = (1u << 0) | (1u << 12) | (1u << 21);
 constexpr uint32_t kStatusUnread = 22;
 
 // The addressing members in the order of the Header bits (OC = bit 0).
-constexpr const char* kHeaderNames[6] = {"OC", "OE", "OI", "CA", "MI", "ST"};
+constexpr const char* kHeaderNames[7] = {"OC", "OE", "OI", "CA", "MI", "ST", "CI"};
 
 // Every missing member resolves here, so a chain of lookups never follows a missing one.
 // Built once on first use (thread-safe local static), destroyed at exit.

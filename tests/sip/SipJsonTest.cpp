@@ -57,19 +57,22 @@ TEST(SipJsonPaths, WrongTypedValuesFallBackPerReader) {
 
 // The one-walk reader of the addressing members reads each as the reader by name does:
 // the first of repeated names, text numbers, wrong types, near-miss names, defaults; and
-// a write through the places it found gives what a write by name gives.
+// a write or a removal through the places it found gives what one by name gives, also
+// for the members written after a removal moved the last member into the gap.
 TEST(SipJsonPaths, HeaderReadsAsReadersByName) {
   for (const char* text :
        {R"({"SIP":{"CMD":[{"OC":"0x0310","ST":true,"OI":"12","OE":1.5,"MI":-1,"CA":[1]}]}})",
         R"({"SIP":{"CMD":[{"OCX":1,"O":2,"OC":3,"OC":4,"ST":5,"ST":6,"mi":7,"MI":"0x8"}]}})",
         R"({"SIP":{"CMD":[{"CA":7,"OE":9,"OI":null,"MI":{"a":1}}]}})",
+        R"({"SIP":{"CMD":[{"OI":1,"CI":5,"MI":2,"DA":0,"CI":6,"MI":3,"OI":4}]}})",
         R"({"SIP":{"CMD":[{}]}})"}) {
     SipJson msg = FromText(text);
     const SipJson::Header h = SipJson::HeaderOf(*msg.Command(0));
     using H = SipJson::Header;
     const struct { const char* key; uint32_t bit; uint32_t value; uint32_t def; } members[] = {
         {"OC", H::kOc, h.oc, 0}, {"OE", H::kOe, h.oe, 0}, {"OI", H::kOi, h.oi, 0},
-        {"CA", H::kCa, h.ca, 0}, {"MI", H::kMi, h.mi, 0}, {"ST", H::kSt, h.st, 22}};
+        {"CA", H::kCa, h.ca, 0}, {"MI", H::kMi, h.mi, 0}, {"ST", H::kSt, h.st, 22},
+        {"CI", H::kCi, h.ci, 0}};
     for (const auto& m : members) {
       SCOPED_TRACE(std::string(text) + " " + m.key);
       EXPECT_EQ(m.value, msg.GetKey(0, m.key, m.def));
@@ -78,6 +81,18 @@ TEST(SipJsonPaths, HeaderReadsAsReadersByName) {
       SipJson byPlace = msg;
       byName.SetKey(*byName.Command(0), m.key, 77, false);
       byPlace.SetHeaderKey(*byPlace.Command(0), h, m.bit, 77);
+      EXPECT_EQ(byName.Serialize(), byPlace.Serialize());
+      // Removed, then every member written, as the request handler restores a reply.
+      byName = msg;
+      byPlace = msg;
+      SipJson::Header after = h;
+      byName.SetKey(*byName.Command(0), m.key, 0, true);
+      byPlace.RemoveHeaderKey(*byPlace.Command(0), after, m.bit);
+      for (const auto& other : members) {
+        if (other.bit == m.bit) continue;
+        byName.SetKey(*byName.Command(0), other.key, 9, false);
+        byPlace.SetHeaderKey(*byPlace.Command(0), after, other.bit, 9);
+      }
       EXPECT_EQ(byName.Serialize(), byPlace.Serialize());
     }
   }
