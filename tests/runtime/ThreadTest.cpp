@@ -92,18 +92,22 @@ void ReleaseOnce(CRecursiveLock& lock) NO_THREAD_SAFETY_ANALYSIS { lock.Release(
 TEST(RecursiveLockTest, OwnerReentersAndOthersWaitForItsLastRelease) {
   CRecursiveLock lock;
   AcquireTwice(lock);
-  std::atomic<bool> got{false};
+  ReleaseOnce(lock);  // still held once
+  std::atomic<bool> trying{false}, released{false}, inAfterRelease{false};
   std::thread other([&] {
     ReleaseOnce(lock);  // not the owner: ignored
+    trying = true;
     CRecursiveLockGuard guard(lock);
-    got = true;
+    inAfterRelease = released.load();
   });
-  ReleaseOnce(lock);
-  EXPECT_TRUE(lock.IsOwnedByCaller());  // still held once, so `other` cannot have it
-  EXPECT_FALSE(got);
+  // `other` has released and is taking the lock: it must wait for the last release.
+  ASSERT_TRUE(WaitUntil([&] { return trying.load(); }));
+  EXPECT_TRUE(lock.IsOwnedByCaller());
+  EXPECT_EQ(1u, lock.Count());
+  released = true;
   ReleaseOnce(lock);
   other.join();
-  EXPECT_TRUE(got);
+  EXPECT_TRUE(inAfterRelease);
 }
 
 }  // namespace
