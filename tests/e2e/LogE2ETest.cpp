@@ -521,6 +521,17 @@ TEST_F(LogQueryE2ETest, TextRequests_MissFetchedOnTheTaskThreadThenHit) {
     EXPECT_EQ(0x12u, Ask(0x0B21, kEnglish).GetStatus(0));
     Destroy();
   }
+
+  // No module takes resolution requests: handed back without texts, and the trace says why.
+  SimHost host;
+  host.AddModule(kMidA);
+  StartOn(host);
+  EXPECT_EQ(0x16u, Ask(0x0B17, kEnglish, 0, 0x0401, 0, 42).GetStatus(0));
+  const std::optional<SipJson> late = LateAnswer(host, 42);
+  ASSERT_TRUE(late.has_value());
+  EXPECT_FALSE(late->HasKey(0, "DA"));
+  EXPECT_EQ(1u, hostsim::Sink().Count("Message log resolutions are not supported on this system!"));
+  Destroy();
 }
 
 TEST_F(LogQueryE2ETest, RawRecordAndLanguages_AskedBelow) {
