@@ -11,7 +11,7 @@
 // object takes no task again, so a host that stops it and starts it again is left without
 // scans: the cycle a host can repeat is stop, delete, create, start.)
 //
-// It fails (exit 1) when, after the warm-up:
+// It fails (exit 1) when, after the warm-up (samples are taken between driver calls):
 // - resident memory, or the heap in use, exceeds the most the warm-up reached by more than
 //   the margin (the warm-up lasts a module's life at full caches at least; modules come and
 //   go, so memory rises and falls), or threads or open files exceed what the warm-up
@@ -347,10 +347,14 @@ class Soak {
     for (double next = every; next <= total + 1e-9; next += every) {
       std::this_thread::sleep_until(
           begin + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(next)));
+      // Sampled with the drivers held off: what their calls have under way (pages of
+      // megabytes, six at once) would be taken for growth when it came after the warm-up.
+      std::unique_lock<std::shared_mutex> gate(gate_);
       host_.ForgetRecordsBefore(host_.SentCount(), host_.HandBackCount());
       for (const uint32_t mid : {kMidA, kMidB, kMidC, kMidD})
         host_.FindModule(mid)->ClearReceived();
       const Sample s = Measure(next);
+      gate.unlock();
       measured += next > warmup;
       Sample& peak = next <= warmup ? warm : after;
       peak = {next, std::max(peak.rssMib, s.rssMib), std::max(peak.heapMib, s.heapMib),
@@ -453,6 +457,9 @@ class Soak {
       const RequestKind& kind = kKinds[k];
       const uint32_t oc = r(kind.ocs), oe = r(kind.oes), da = r(kind.das), oi = r(kind.objects);
       const uint32_t ca = r(kCabinets);
+      // Taken before the message exists, so that the answer (a page is megabytes as JSON)
+      // is gone before a sample can be taken.
+      std::shared_lock<std::shared_mutex> gate(gate_);
       SipJson msg(oc, oe, oi, ca);
       if (k == kLogEvent) {
         msg = LogEvent(r, oc, da, oi, ca);
@@ -460,7 +467,6 @@ class Soak {
         if (!kind.das.empty()) msg.SetDataValue(da, 0x16);
         msg.SetKey("CI", r(1000) + 1, true);
       }
-      std::shared_lock<std::shared_mutex> gate(gate_);
       Timed(k, 0, [&] {
         if (k == kLogEvent) {
           host_.DeliverEvent(msg.GetKey(0, "MI", 0), msg);
@@ -470,6 +476,7 @@ class Soak {
       });
       host_.accounts[ca].sent += k == kLogEvent;
       badAnswers_ += !GoodAnswer(msg, oc, oi);
+      msg = SipJson();
       gate.unlock();
       std::this_thread::sleep_for(std::chrono::microseconds(300));
     }
