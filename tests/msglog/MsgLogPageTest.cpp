@@ -6,24 +6,17 @@
 #include <string>
 #include <vector>
 
+#include "tests/support/PageRecords.h"
+
 namespace em_oidmap {
 
 namespace {
 
-// The answer's records as (sequence number, text), split by their own lengths; every record
-// must end in its text's NUL and the records must fill the answer exactly.
-std::vector<std::pair<uint32_t, std::string>> Records(const std::vector<uint8_t>& d) {
-  std::vector<std::pair<uint32_t, std::string>> out;
-  size_t at = 0;
-  while (at + 16 < d.size()) {
-    const size_t length = d[at] | d[at + 1] << 8;
-    if (length < 17 || at + length > d.size() || d[at + length - 1] != 0) break;
-    out.emplace_back(d[at + 12] | d[at + 13] << 8 | d[at + 14] << 16 | uint32_t{d[at + 15]} << 24,
-                     std::string(reinterpret_cast<const char*>(&d[at + 16]), length - 17));
-    at += length;
-  }
-  EXPECT_EQ(d.size(), at) << "records do not fill the answer";
-  return out;
+// The page's records; they must all parse and fill the answer exactly.
+std::vector<test_support::PageRecord> Records(const std::vector<uint8_t>& data) {
+  std::vector<test_support::PageRecord> records;
+  EXPECT_TRUE(test_support::ParsePage(data, &records));
+  return records;
 }
 
 MsgLogEntry Unified(uint32_t seq, uint32_t code, std::map<int32_t, std::string> args = {}) {
@@ -65,7 +58,7 @@ TEST(MsgLogPageTest, TextsFollowTheRequestedLanguage) {
     std::vector<uint8_t> data;
     ASSERT_TRUE(BuildMsgLogPage({c.opCodeExt, 0, 0}, entries, sources, &data));
     std::vector<std::string> texts;
-    for (const auto& record : Records(data)) texts.push_back(record.second);
+    for (const auto& record : Records(data)) texts.push_back(record.text);
     EXPECT_EQ(c.texts, texts) << std::hex << c.opCodeExt;
   }
 }
@@ -95,8 +88,8 @@ TEST(MsgLogPageTest, StartIndexFromPageAndSequenceNumber) {
     const auto records = Records(data);
     ASSERT_EQ(c.count, records.size());
     if (c.count == 0) continue;
-    EXPECT_EQ(c.firstSequence, records.front().first);
-    EXPECT_EQ(c.firstSequence + c.count - 1, records.back().first);
+    EXPECT_EQ(c.firstSequence, records.front().sequence);
+    EXPECT_EQ(c.firstSequence + c.count - 1, records.back().sequence);
   }
 }
 

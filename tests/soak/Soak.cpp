@@ -54,6 +54,7 @@
 #include "module/CIExtensionModule.h"
 #include "sip/SipJson.h"
 #include "sip/SipStatus.h"
+#include "tests/support/PageRecords.h"
 
 namespace em_oidmap::soak {
 namespace {
@@ -184,8 +185,8 @@ bool BuildWorld(SoakHost& host) {
 
 // False for a malformed answer: an object someone has (fans 0..4, temperatures 0..6, power
 // supplies 0..1) not answered with data, a log query that timed out on its cache, a count
-// above 2000, or a page whose records do not parse (lengths that fit, each text ending in
-// its NUL) or whose sequence numbers do not ascend.
+// above 2000, or a page whose records do not parse (ParsePage) or whose sequence numbers
+// do not ascend.
 bool GoodAnswer(const SipJson& answer, uint32_t oc, uint32_t oi) {
   const uint32_t st = answer.GetStatus(0);
   uint32_t value = 0;
@@ -201,15 +202,10 @@ bool GoodAnswer(const SipJson& answer, uint32_t oc, uint32_t oi) {
   if (oc != 0x0B10) return true;
   std::vector<uint8_t> data;
   answer.GetDataBytes(0, data);
-  uint32_t last = 0;
-  for (size_t at = 0; at < data.size();) {
-    const size_t length = data.size() - at < 17 ? 0 : data[at] | data[at + 1] << 8;
-    if (length < 17 || length > data.size() - at || data[at + length - 1] != 0) return false;
-    const uint32_t sequence = static_cast<uint32_t>(data[at + 12] | data[at + 13] << 8 |
-                                                    data[at + 14] << 16 | data[at + 15] << 24);
-    if (sequence <= last) return false;
-    last = sequence;
-    at += length;
+  std::vector<test_support::PageRecord> records;
+  if (!test_support::ParsePage(data, &records)) return false;
+  for (size_t r = 1; r < records.size(); ++r) {
+    if (records[r].sequence <= records[r - 1].sequence) return false;
   }
   return st == 0;
 }
