@@ -343,8 +343,9 @@ class Soak {
     for (double next = every; next <= total + 1e-9; next += every) {
       std::this_thread::sleep_until(
           begin + std::chrono::duration_cast<Clock::duration>(std::chrono::duration<double>(next)));
-      // Sampled with the drivers held off: what their calls have under way (pages of
-      // megabytes, six at once) would be taken for growth when it came after the warm-up.
+      // Sampled with the drivers held off: what their calls have under way (a page's answer
+      // is megabytes as JSON) would read as growth whenever a sample after the warm-up
+      // caught more of it than any sample in it.
       std::unique_lock<std::shared_mutex> gate(gate_);
       host_.ForgetRecordsBefore(host_.SentCount(), host_.HandBackCount());
       for (const uint32_t mid : {kMidA, kMidB, kMidC, kMidD})
